@@ -1,0 +1,120 @@
+#include "session/KEFLImpl.h"
+
+#include "client/ModuleName.h"
+#include "session/ModuleDescription.h"
+#include "trace/TraceObjects.h"
+
+namespace morvane
+{
+
+KEFLImpl::KEFLImpl()
+{
+    static const wchar_t kFn[] = L"KEFLImpl::KEFLImpl";
+    // User messages come from this library's string table, not the shared base's module.
+    m_hModule = ::GetModuleHandleW(kModuleFileName);
+    ReadTraceLevels(kFn);
+
+    HMODULE hKernel32 = ::GetModuleHandleW(L"KERNEL32.DLL");
+    if (!hKernel32)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"GetModuleHandle failed");
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+    }
+    else
+    {
+        // Looked up rather than imported: systems without them still load the library.
+        m_pfnCreateSymbolicLinkW = reinterpret_cast<CreateSymbolicLinkFn>(
+            reinterpret_cast<void*>(::GetProcAddress(hKernel32, "CreateSymbolicLinkW")));
+        m_pfnCreateHardLinkW = reinterpret_cast<CreateHardLinkFn>(
+            reinterpret_cast<void*>(::GetProcAddress(hKernel32, "CreateHardLinkW")));
+        g_KeflTrace.TraceMessage(TRACE_INFO, kFn,
+                                 m_pfnCreateSymbolicLinkW ? L"CreateSymbolicLink() available"
+                                                          : L"CreateSymbolicLink() is not available");
+        g_KeflTrace.TraceMessage(TRACE_INFO, kFn,
+                                 m_pfnCreateHardLinkW ? L"CreateHardLink() available"
+                                                      : L"CreateHardLink() is not available");
+    }
+
+    GetResourceVersionStr(m_sVersion);
+    m_sDescription = BuildModuleDescription();
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sVersion", m_sVersion);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDescription", m_sDescription);
+}
+
+KEFLImpl::~KEFLImpl()
+{
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, L"KEFLImpl::~KEFLImpl", L"Destructor");
+}
+
+void KEFLImpl::ReadTraceLevels(const wchar_t* pwszFunction)
+{
+    g_KeflTrace.ReadTraceLevel();
+    g_KeflTrace.ReadPsfTraceLevel();
+    m_uiTraceLevel = g_KeflTrace.GetTraceMask();
+    m_uiPsfTraceLevel = g_KeflTrace.GetPsfTraceLevel();
+    g_KeflTrace.TraceHex(TRACE_INFO, pwszFunction, L"uiTraceLevel", m_uiTraceLevel);
+    g_KeflTrace.TraceHex(TRACE_INFO, pwszFunction, L"uiPsfTraceLevel", m_uiPsfTraceLevel);
+}
+
+bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
+{
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
+    SetLastErrorMsg(std::wstring(pwszFunction) + L" is not available in this build of KEFL.DLL");
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(Not available in this build)");
+    return false;
+}
+
+bool KEFLImpl::Init(VeskCredentials* /*pCredentials*/)
+{
+    ReadTraceLevels(L"KEFLImpl::Init");
+    return NotAvailable(L"KEFLImpl::Init");
+}
+
+bool KEFLImpl::Fini()
+{
+    static const wchar_t kFn[] = L"KEFLImpl::Fini";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& /*vFilespaces*/)
+{
+    return NotAvailable(L"KEFLImpl::GetFilespaceList");
+}
+
+bool KEFLImpl::RestoreFilespace(Filespace& /*fs*/)
+{
+    return NotAvailable(L"KEFLImpl::RestoreFilespace");
+}
+
+bool KEFLImpl::RestoreLinks()
+{
+    return NotAvailable(L"KEFLImpl::RestoreLinks");
+}
+
+uint32_t KEFLImpl::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue)
+{
+    static const wchar_t kFn[] = L"KEFLImpl::GetModuleProperty";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiPropertyId", static_cast<int64_t>(uiPropertyId));
+    uint32_t uiRc = 0;
+    switch (uiPropertyId)
+    {
+    case PROP_DESCRIPTION:
+        sValue = m_sDescription;
+        break;
+    case PROP_VERSION:
+        sValue = m_sVersion; // answered also when the version lookup failed ("Error")
+        break;
+    default:
+        uiRc = 1;
+        break;
+    }
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiRc", static_cast<int64_t>(uiRc));
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return uiRc;
+}
+
+} // namespace morvane

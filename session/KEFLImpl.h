@@ -1,0 +1,48 @@
+#pragma once
+// The state of one restore and its operations. KEFL forwards the host's calls here.
+#include "VESK.h"
+#include "VeskCredentials.h"
+#include "client/VESKImpl.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace morvane
+{
+
+class KEFLImpl : public VESKImpl
+{
+public:
+    KEFLImpl();
+    ~KEFLImpl() override;
+    KEFLImpl(const KEFLImpl&) = delete;
+    KEFLImpl& operator=(const KEFLImpl&) = delete;
+
+    bool Init(VeskCredentials* pCredentials);
+    bool Fini();
+    bool GetFilespaceList(std::vector<Filespace>& vFilespaces);
+    bool RestoreFilespace(Filespace& fs);
+    bool RestoreLinks();
+    uint32_t GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue);
+
+private:
+    using CreateSymbolicLinkFn = BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
+    using CreateHardLinkFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPSECURITY_ATTRIBUTES);
+
+    // Re-reads trace.ini and traces the two levels.
+    void ReadTraceLevels(const wchar_t* pwszFunction);
+    // The answer of a restore operation that this build does not have yet.
+    bool NotAvailable(const wchar_t* pwszFunction);
+
+    uint32_t m_uiTraceLevel = 0;
+    uint32_t m_uiPsfTraceLevel = 0;
+    std::wstring m_sVersion;
+    std::wstring m_sDescription;
+    CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW = nullptr; // null where the system lacks them
+    CreateHardLinkFn m_pfnCreateHardLinkW = nullptr;
+};
+
+} // namespace morvane

@@ -1,0 +1,42 @@
+#pragma once
+// A test that drives KEFL.dll as the host does. Each test starts from the module's defaults (no
+// trace.ini, no qtx.ini) and loads the library itself, after writing what it wants configured.
+#include "support/KeflLibrary.h"
+#include "support/RecoveryEnvironment.h"
+#include "support/TraceLog.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+
+class KeflFixture : public testing::Test
+{
+protected:
+    void SetUp() override { kefltest::ResetHostConfiguration(); }
+    void TearDown() override
+    {
+        m_pLibrary.reset();
+        kefltest::ResetHostConfiguration();
+    }
+
+    // Every level of both logs, verbose included.
+    static std::map<std::wstring, std::wstring> Verbose()
+    {
+        return {{L"KEFL_TraceLevel", L"4"}, {L"VESK_TraceLevel", L"4"}};
+    }
+
+    kefltest::CKeflLibrary& Load(const std::map<std::wstring, std::wstring>& traceIni = {})
+    {
+        if (!traceIni.empty())
+            kefltest::WriteTraceIni(traceIni);
+        m_pLibrary = std::make_unique<kefltest::CKeflLibrary>();
+        return *m_pLibrary;
+    }
+
+    static std::wstring KeflLogPath() { return kefltest::LogDir() + L"\\KEFL_trace.log"; }
+    static std::vector<std::wstring> KeflLog() { return kefltest::ReadLogLines(KeflLogPath()); }
+    static std::vector<std::wstring> VeskLog() { return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log"); }
+
+    std::unique_ptr<kefltest::CKeflLibrary> m_pLibrary;
+};

@@ -1,0 +1,80 @@
+#include "support/RecoveryEnvironment.h"
+
+#include "platform/UniqueHandle.h"
+#include "platform/WindowsVersion.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <vector>
+
+namespace kefltest
+{
+
+std::wstring HostDir()
+{
+    std::vector<wchar_t> buf(1024);
+    const DWORD cch = ::GetModuleFileNameW(nullptr, buf.data(), static_cast<DWORD>(buf.size()));
+    std::wstring sPath(buf.data(), cch);
+    return sPath.substr(0, sPath.rfind(L'\\'));
+}
+
+std::wstring LogDir()
+{
+    return HostDir() + L"\\Logfiles";
+}
+
+std::wstring TraceIniPath()
+{
+    const bool bRecovery = morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;
+    return (bRecovery ? std::wstring(kRecoveryConfigDir) : HostDir()) + L"\\trace.ini";
+}
+
+void WriteTextFile(const std::wstring& sPath, const std::string& sText)
+{
+    morvane::CUniqueFile hFile(
+        ::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(hFile) << "cannot create " << testing::PrintToString(sPath) << ", error " << ::GetLastError();
+    DWORD cbWritten = 0;
+    ASSERT_TRUE(::WriteFile(hFile.get(), sText.data(), static_cast<DWORD>(sText.size()), &cbWritten, nullptr));
+
+    // A time of its own for every write: Wine answers profile reads from a cache while a file's
+    // name and modification time stay the same.
+    static LONGLONG s_llTick = 0;
+    FILETIME ft;
+    ::GetSystemTimeAsFileTime(&ft);
+    ULARGE_INTEGER t;
+    t.LowPart = ft.dwLowDateTime;
+    t.HighPart = ft.dwHighDateTime;
+    t.QuadPart += static_cast<ULONGLONG>(++s_llTick) * 10000000ULL;
+    ft.dwLowDateTime = t.LowPart;
+    ft.dwHighDateTime = t.HighPart;
+    ::SetFileTime(hFile.get(), nullptr, nullptr, &ft);
+}
+
+void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys)
+{
+    std::string sText = "[Main]\r\n";
+    for (const auto& [sKey, sValue] : keys)
+        sText += std::string(sKey.begin(), sKey.end()) + "=" + std::string(sValue.begin(), sValue.end()) + "\r\n";
+    WriteTextFile(TraceIniPath(), sText);
+}
+
+void RemoveFile(const std::wstring& sPath)
+{
+    ::DeleteFileW(sPath.c_str());
+}
+
+bool FileExists(const std::wstring& sPath)
+{
+    return ::GetFileAttributesW(sPath.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+void ResetHostConfiguration()
+{
+    RemoveFile(TraceIniPath());
+    RemoveFile(HostDir() + L"\\qtx.ini");
+}
+
+} // namespace kefltest

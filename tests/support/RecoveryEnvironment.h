@@ -1,0 +1,32 @@
+#pragma once
+// The recovery system as the tests see it: the host's folders and the files that configure the
+// module. On Wine the prefix made by wine/prepare-env.sh provides the drive letters; on Windows
+// the same letters must be mapped by hand.
+#include <map>
+#include <string>
+
+namespace kefltest
+{
+
+// Where the host (and this test program) is installed.
+std::wstring HostDir();
+// The host's configuration folder on the recovery system.
+inline const wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
+// Where the module writes its trace logs when qtx.ini names no other folder.
+std::wstring LogDir();
+// Where the module reads trace.ini: the configuration folder on the recovery system, else the
+// host's folder.
+std::wstring TraceIniPath();
+
+// Writes trace.ini's section "Main" with the given keys. Each call gives the file a modification
+// time of its own, so that no profile cache can answer with an older copy.
+void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys);
+// Writes a whole text file (UTF-16 for .ini files is not needed: the texts here are ASCII).
+void WriteTextFile(const std::wstring& sPath, const std::string& sText);
+void RemoveFile(const std::wstring& sPath);
+bool FileExists(const std::wstring& sPath);
+
+// Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
+void ResetHostConfiguration();
+
+} // namespace kefltest

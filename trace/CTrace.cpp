@@ -1,0 +1,449 @@
+#include "trace/CTrace.h"
+
+#include "platform/WindowsVersion.h"
+#include "trace/TraceText.h"
+
+#include <shlwapi.h>
+#include <winsock2.h>
+
+#include <cstdlib>
+#include <cwchar>
+#include <vector>
+
+namespace morvane
+{
+namespace
+{
+
+// Another writer holding the log for a whole minute is stuck; its line wins, ours is dropped.
+constexpr DWORD kMutexWaitMs = 60000;
+constexpr DWORD kPathChars = 260;
+// Where the host is installed on the recovery system; used when the host's own path is unknown.
+constexpr wchar_t kDefaultModuleDir[] = L"X:\\Program Files\\Morvane\\DURN\\";
+constexpr wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
+
+const wchar_t* MarkerFor(uint32_t uiLevel)
+{
+    switch (uiLevel)
+    {
+    case TRACE_ERROR:
+        return L":[E]: ";
+    case TRACE_WARNING:
+        return L":[W]: ";
+    case TRACE_INFO:
+        return L":[I]: ";
+    case TRACE_VERBOSE:
+        return L":[V]: ";
+    default:
+        return L"";
+    }
+}
+
+std::string ToUtf8(std::wstring_view sText)
+{
+    std::string sUtf8;
+    if (sText.empty())
+        return sUtf8;
+    const int cchText = static_cast<int>(sText.size());
+    sUtf8.resize(sText.size() * 3);
+    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, sUtf8.data(),
+                                         static_cast<int>(sUtf8.size()), nullptr, nullptr);
+    sUtf8.resize(cb > 0 ? static_cast<size_t>(cb) : 0);
+    return sUtf8;
+}
+
+// The releasing half of every write: whatever happened, the mutex is given back.
+class CMutexRelease
+{
+public:
+    explicit CMutexRelease(HANDLE hMutex) : m_hMutex(hMutex) {}
+    ~CMutexRelease() { ::ReleaseMutex(m_hMutex); }
+    CMutexRelease(const CMutexRelease&) = delete;
+    CMutexRelease& operator=(const CMutexRelease&) = delete;
+
+private:
+    HANDLE m_hMutex;
+};
+
+} // namespace
+
+CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey)
+    : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey)
+{
+    CLastErrorGuard keepError;
+    m_hMutex.reset(::CreateMutexW(nullptr, FALSE, m_sFileName.c_str()));
+
+    std::wstring sLogDir;
+    GetLogDirectory(sLogDir);
+    m_sFilePath = sLogDir + L"\\" + m_sFileName;
+
+    // Every load starts a new log and keeps one previous generation.
+    if (::PathFileExistsW(m_sFilePath.c_str()))
+    {
+        const size_t posDot = m_sFilePath.rfind(L'.');
+        const std::wstring sOldPath =
+            (posDot == std::wstring::npos ? m_sFilePath : m_sFilePath.substr(0, posDot)) + L".old";
+        ::CopyFileW(m_sFilePath.c_str(), sOldPath.c_str(), FALSE);
+        ::DeleteFileW(m_sFilePath.c_str());
+    }
+
+    // Recorded only now: the log directory above is always resolved from the host's folder.
+    m_uiOSCode = CWindowsVersion::Instance().GetCode();
+}
+
+CTrace::~CTrace() = default;
+
+void CTrace::GetModuleDirectory(std::wstring& sModuleDir)
+{
+    CLastErrorGuard keepError;
+    std::vector<wchar_t> buf(kPathChars);
+    DWORD cch = 0;
+    DWORD dwError = 0;
+    for (;;)
+    {
+        ::SetLastError(ERROR_SUCCESS); // success leaves the last error as it was
+        cch = ::GetModuleFileNameW(nullptr, buf.data(), static_cast<DWORD>(buf.size()));
+        dwError = ::GetLastError();
+        if (dwError != ERROR_INSUFFICIENT_BUFFER)
+            break;
+        buf.resize(buf.size() + kPathChars);
+    }
+    std::wstring sPath = (cch != 0 && dwError == ERROR_SUCCESS) ? std::wstring(buf.data(), cch) : kDefaultModuleDir;
+    const size_t posSlash = sPath.rfind(L'\\');
+    if (posSlash != std::wstring::npos)
+        sPath.resize(posSlash);
+    sModuleDir = std::move(sPath);
+}
+
+void CTrace::GetLogDirectory(std::wstring& sLogDir)
+{
+    if (m_sLogDir.empty())
+    {
+        CLastErrorGuard keepError;
+        std::wstring sModuleDir;
+        GetModuleDirectory(sModuleDir);
+        const std::wstring sDefault = m_uiOSCode == OSCODE_WINPE_52 ? std::wstring(kRecoveryConfigDir) + L"\\Logfiles"
+                                                                     : sModuleDir + L"\\Logfiles";
+        const std::wstring sIniPath = sModuleDir + L"\\qtx.ini";
+        wchar_t wszDir[kPathChars] = {};
+        ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), wszDir, kPathChars,
+                                   sIniPath.c_str());
+        if (!::PathFileExistsW(wszDir))
+            ::CreateDirectoryW(wszDir, nullptr);
+        m_sLogDir = wszDir;
+    }
+    sLogDir = m_sLogDir;
+}
+
+bool CTrace::SetLogDirectory(const std::wstring& sLogDir)
+{
+    CLastErrorGuard keepError;
+    if (!::PathIsDirectoryW(sLogDir.c_str()))
+        return false;
+    m_sLogDir = sLogDir;
+    m_sFilePath = sLogDir + L"\\" + m_sFileName;
+    return true;
+}
+
+void CTrace::SetTraceLevel(uint32_t uiLevel)
+{
+    // Settings 0 to 4 select a mask; anything else keeps the current one, which is how a
+    // missing key (read as 5) keeps the default.
+    static const uint32_t kMasks[] = {0, TRACE_ERROR, TRACE_ERROR | TRACE_WARNING,
+                                      TRACE_ERROR | TRACE_WARNING | TRACE_INFO,
+                                      TRACE_ERROR | TRACE_WARNING | TRACE_INFO | TRACE_VERBOSE};
+    if (uiLevel < sizeof(kMasks) / sizeof(kMasks[0]))
+        m_uiMask.store(kMasks[uiLevel], std::memory_order_relaxed);
+}
+
+std::wstring CTrace::TraceIniPath()
+{
+    std::wstring sDir;
+    if (m_uiOSCode == OSCODE_WINPE_52)
+        sDir = kRecoveryConfigDir;
+    else
+        GetModuleDirectory(sDir);
+    return sDir + L"\\trace.ini";
+}
+
+void CTrace::ReadTraceLevel()
+{
+    CLastErrorGuard keepError;
+    const std::wstring sIniPath = TraceIniPath();
+    SetTraceLevel(::GetPrivateProfileIntW(L"Main", m_sLevelKey.c_str(), 5, sIniPath.c_str()));
+}
+
+void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
+{
+    if (sTraceDir.empty())
+        return;
+    CLastErrorGuard keepError;
+    SetTraceLevel(uiLevel);
+    m_sFilePath = sTraceDir + L"\\" + m_sFileName;
+    ::DeleteFileW(m_sFilePath.c_str());
+}
+
+bool CTrace::ResetTraceFile()
+{
+    CLastErrorGuard keepError;
+    if (!m_hMutex)
+        return false;
+    CMutexRelease release(m_hMutex.get());
+    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
+        return false;
+    CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                    nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return true;
+}
+
+uint32_t CTrace::GetTraceMask()
+{
+    return m_uiMask.load(std::memory_order_relaxed);
+}
+
+void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
+{
+    CLastErrorGuard keepError;
+    if (!m_hMutex)
+        return;
+    // A wait that ends any other way (timeout, abandoned, failure) gives the mutex back and
+    // drops the line.
+    CMutexRelease release(m_hMutex.get());
+    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
+        return;
+    CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!hFile)
+        return;
+
+    std::wstring sLine;
+    sLine.reserve(40 + sText.size());
+    if (!bRaw)
+    {
+        SYSTEMTIME st;
+        ::GetLocalTime(&st);
+        AppendTimestamp(sLine, st);
+        sLine.push_back(L':');
+        AppendHex(sLine, ::GetCurrentThreadId(), m_bUpperHex.load(std::memory_order_relaxed), 4);
+        sLine += MarkerFor(uiLevel);
+    }
+    sLine += sText;
+    const std::string sUtf8 = ToUtf8(sLine);
+    DWORD cbWritten = 0;
+    ::WriteFile(hFile.get(), sUtf8.data(), static_cast<DWORD>(sUtf8.size()), &cbWritten, nullptr);
+}
+
+std::wstring CTrace::NameText(const wchar_t* pwszFunction, const wchar_t* pwszName)
+{
+    std::wstring sText(pwszFunction);
+    sText += L" : ";
+    sText += pwszName;
+    return sText;
+}
+
+void CTrace::WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        std::wstring_view sValue)
+{
+    std::wstring sText = NameText(pwszFunction, pwszName);
+    sText += L" = ";
+    sText += sValue;
+    sText += kTraceLineEnd;
+    WriteLine(uiLevel, sText);
+}
+
+void CTrace::WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                         std::wstring_view sValue)
+{
+    std::wstring sQuoted;
+    sQuoted.reserve(sValue.size() + 2);
+    sQuoted.push_back(L'"');
+    sQuoted += sValue;
+    sQuoted.push_back(L'"');
+    WriteValue(uiLevel, pwszFunction, pwszName, sQuoted);
+}
+
+void CTrace::TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage)
+{
+    if (!IsOn(uiLevel))
+        return;
+    std::wstring sText(pwszFunction);
+    sText += L" : ";
+    sText += sMessage;
+    sText += kTraceLineEnd;
+    WriteLine(uiLevel, sText);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, wchar_t wcValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    std::wstring sValue(L"'");
+    AppendCharEscape(sValue, wcValue);
+    sValue.push_back(L'\'');
+    WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, char cValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    wchar_t wc = L'\0';
+    if (std::mbtowc(&wc, &cValue, 1) < 0)
+        wc = L'?';
+    TraceValue(uiLevel, pwszFunction, pwszName, wc);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        const wchar_t* pwszValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>");
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const char* pszValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteQuoted(uiLevel, pwszFunction, pwszName, pszValue ? WidenNarrow(pszValue) : std::wstring(L"<null>"));
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        const std::wstring& sValue)
+{
+    TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str());
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        const std::string& sValue)
+{
+    TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str());
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        std::wstring_view sValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteQuoted(uiLevel, pwszFunction, pwszName, sValue);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, int64_t llValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue));
+}
+
+void CTrace::TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint64_t ullValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    std::wstring sValue(L"0x");
+    AppendHex(sValue, ullValue, true);
+    m_bUpperHex.store(true, std::memory_order_relaxed);
+    WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        CTraceBool32 bValue)
+{
+    TraceValue(uiLevel, pwszFunction, pwszName, bValue.bValue != FALSE);
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, bool bValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteValue(uiLevel, pwszFunction, pwszName, bValue ? L"true" : L"false");
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, double dValue)
+{
+    if (!IsOn(uiLevel))
+        return;
+    wchar_t wszValue[64];
+    std::swprintf(wszValue, 64, L"%g", dValue * 10000.0 / 10000.0);
+    WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
+}
+
+void CTrace::TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        const uint8_t* pbData, uint32_t cbData)
+{
+    if (!IsOn(uiLevel))
+        return;
+    std::wstring sText = NameText(pwszFunction, pwszName);
+    sText += L" = ";
+    if (pbData)
+        AppendByteDump(sText, pbData, cbData, m_bUpperHex.load(std::memory_order_relaxed));
+    else
+        sText += kTraceLineEnd;
+    WriteLine(uiLevel, sText);
+}
+
+void CTrace::TraceBanner(const std::wstring& sText)
+{
+    if (GetTraceMask() == 0)
+        return;
+    const std::wstring sMiddle = L"** " + sText + L" **";
+    const std::wstring sStars(sMiddle.size(), L'*');
+    std::wstring sBanner(kTraceLineEnd);
+    sBanner += sStars;
+    sBanner += kTraceLineEnd;
+    sBanner += sMiddle;
+    sBanner += kTraceLineEnd;
+    sBanner += sStars;
+    sBanner += kTraceLineEnd;
+    sBanner += kTraceLineEnd;
+    WriteLine(0, sBanner, true);
+}
+
+void CTrace::TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint32_t uiAddress,
+                       bool bHostOrder)
+{
+    if (!IsOn(uiLevel))
+        return;
+    in_addr addr;
+    addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
+    const char* pszDotted = ::inet_ntoa(addr);
+    WriteValue(uiLevel, pwszFunction, pwszName, pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
+}
+
+void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                       const wchar_t* pwszAddress)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteValue(uiLevel, pwszFunction, pwszName, NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
+}
+
+void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const char* pszAddress)
+{
+    if (!IsOn(uiLevel))
+        return;
+    WriteValue(uiLevel, pwszFunction, pwszName, NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
+}
+
+void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const GUID& guid)
+{
+    if (!IsOn(uiLevel))
+        return;
+    wchar_t wszGuid[40];
+    std::swprintf(wszGuid, 40, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
+                  static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
+                  guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+    WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
+}
+
+void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const SYSTEMTIME& st)
+{
+    if (!IsOn(uiLevel))
+        return;
+    wchar_t wszTime[32];
+    std::swprintf(wszTime, 32, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
+                  st.wMinute, st.wSecond);
+    WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
+}
+
+} // namespace morvane

@@ -1,0 +1,113 @@
+#pragma once
+// The trace log. One object per log file; every line is written under a system-wide mutex named
+// after the file, with the file opened for append and closed again around the line, so that any
+// number of threads and processes can share one log without losing or splitting lines. Nothing
+// here ever reports an error: a line that cannot be written is dropped.
+#include "platform/UniqueHandle.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace morvane
+{
+
+// Severity levels of a line; the mask holds the levels that are written.
+enum : uint32_t
+{
+    TRACE_ERROR = 1,
+    TRACE_WARNING = 2,
+    TRACE_INFO = 4,
+    TRACE_VERBOSE = 8,
+};
+
+// A 32-bit Windows boolean value; a type of its own so that a plain int is never printed as
+// "true" or "false" by accident.
+struct CTraceBool32
+{
+    explicit CTraceBool32(BOOL b) : bValue(b) {}
+    BOOL bValue;
+};
+
+class CTrace
+{
+public:
+    CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey);
+    virtual ~CTrace();
+    CTrace(const CTrace&) = delete;
+    CTrace& operator=(const CTrace&) = delete;
+
+    virtual void GetLogDirectory(std::wstring& sLogDir);
+    virtual bool SetLogDirectory(const std::wstring& sLogDir);
+    virtual void GetModuleDirectory(std::wstring& sModuleDir);
+    virtual void SetTraceLevel(uint32_t uiLevel);
+    virtual void ReadTraceLevel();
+    virtual void SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel);
+    virtual bool ResetTraceFile();
+    virtual uint32_t GetTraceMask();
+
+    virtual void TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, wchar_t wcValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, char cValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            const wchar_t* pwszValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            const char* pszValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            const std::wstring& sValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            const std::string& sValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            std::wstring_view sValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, int64_t llValue);
+    virtual void TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint64_t ullValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            CTraceBool32 bValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, bool bValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, double dValue);
+    virtual void TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            const uint8_t* pbData, uint32_t cbData);
+    virtual void TraceBanner(const std::wstring& sText);
+    virtual void TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                           uint32_t uiAddress, bool bHostOrder);
+    virtual void TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                           const wchar_t* pwszAddress);
+    virtual void TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                           const char* pszAddress);
+    virtual void TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const GUID& guid);
+    virtual void TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                           const SYSTEMTIME& st);
+
+    // The test that callers make before they build a function or value text.
+    bool IsOn(uint32_t uiLevel) const { return (m_uiMask.load(std::memory_order_relaxed) & uiLevel) != 0; }
+
+    const std::wstring& GetFilePath() const { return m_sFilePath; }
+
+protected:
+    // "trace.ini": in the host's configuration folder on the recovery system, else beside the host.
+    std::wstring TraceIniPath();
+
+private:
+    // Starts "function : name" for a value line.
+    static std::wstring NameText(const wchar_t* pwszFunction, const wchar_t* pwszName);
+    // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).
+    void WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw = false);
+    void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, std::wstring_view sValue);
+    void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, std::wstring_view sValue);
+
+    std::atomic<uint32_t> m_uiMask{TRACE_ERROR | TRACE_WARNING | TRACE_INFO};
+    CUniqueHandle m_hMutex;
+    uint32_t m_uiOSCode = 0;
+    std::wstring m_sFileName;
+    std::wstring m_sLevelKey;
+    std::wstring m_sFilePath;
+    std::wstring m_sLogDir;
+    // Hexadecimal digits of later prefixes turn upper case once a hexadecimal value was written,
+    // as they did when the log was a formatted stream; support tools match either case.
+    std::atomic<bool> m_bUpperHex{false};
+};
+
+} // namespace morvane

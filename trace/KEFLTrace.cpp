@@ -1,0 +1,19 @@
+#include "trace/KEFLTrace.h"
+
+namespace morvane
+{
+
+KEFLTrace::KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey)
+    : CTrace(pwszFileName, pwszLevelKey), m_sPsfLevelKey(pwszPsfLevelKey)
+{
+}
+
+void KEFLTrace::ReadPsfTraceLevel()
+{
+    CLastErrorGuard keepError;
+    const std::wstring sIniPath = TraceIniPath();
+    m_uiPsfFlags.store(::GetPrivateProfileIntW(L"Main", m_sPsfLevelKey.c_str(), 18, sIniPath.c_str()),
+                       std::memory_order_relaxed);
+}
+
+} // namespace morvane

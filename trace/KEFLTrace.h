@@ -1,0 +1,24 @@
+#pragma once
+// The module's own trace: a CTrace that also reads the PSF feature flags, a bit set that selects
+// optional behaviour (it is not a severity mask).
+#include "trace/CTrace.h"
+
+namespace morvane
+{
+
+class KEFLTrace : public CTrace
+{
+public:
+    KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey);
+
+    void ReadPsfTraceLevel();
+    uint32_t GetPsfTraceLevel() const { return m_uiPsfFlags.load(std::memory_order_relaxed); }
+    // True when every bit of uiFlags is set.
+    bool IsPsfTraceFlagSet(uint32_t uiFlags) const { return (GetPsfTraceLevel() & uiFlags) == uiFlags; }
+
+private:
+    std::wstring m_sPsfLevelKey;
+    std::atomic<uint32_t> m_uiPsfFlags{18};
+};
+
+} // namespace morvane

@@ -1,0 +1,10 @@
+#include "trace/TraceObjects.h"
+
+namespace morvane
+{
+
+// Both in one file so that their construction order at load is fixed.
+KEFLTrace g_KeflTrace(L"KEFL_trace.log", L"KEFL_TraceLevel", L"PSF_TraceLevel");
+CTrace g_VeskTrace(L"VESK_trace.log", L"VESK_TraceLevel");
+
+} // namespace morvane
