@@ -35,9 +35,7 @@ template <typename Call> bool Forward(const wchar_t* pwszFunction, Call call)
 
 } // namespace
 
-KEFL::KEFL() : m_pImpl(new KEFLImpl())
-{
-}
+KEFL::KEFL() : m_pImpl(new KEFLImpl()) {}
 
 KEFL::~KEFL()
 {
@@ -117,10 +115,13 @@ bool KEFL::GetFilespaceList(std::vector<Filespace>& vFilespaces)
 bool KEFL::RestoreFilespace(Filespace& fs)
 {
     static const wchar_t kFn[] = L"KEFL::RestoreFilespace";
-    return Forward(kFn, [&] {
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.wcFsDriveLetter", fs.wcFsDriveLetter);
-        return m_pImpl->RestoreFilespace(fs);
-    });
+    return Forward(kFn,
+                   [&]
+                   {
+                       g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.wcFsDriveLetter",
+                                              fs.wcFsDriveLetter);
+                       return m_pImpl->RestoreFilespace(fs);
+                   });
 }
 
 bool KEFL::RestoreLinks()

@@ -12,11 +12,11 @@ void PrintLine(const std::wstring& sText)
     std::string sUtf8;
     if (!sText.empty())
     {
-        const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()), nullptr, 0,
-                                             nullptr, nullptr);
+        const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()),
+                                             nullptr, 0, nullptr, nullptr);
         sUtf8.resize(cb > 0 ? static_cast<size_t>(cb) : 0);
-        ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()), sUtf8.data(), cb, nullptr,
-                              nullptr);
+        ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()), sUtf8.data(), cb,
+                              nullptr, nullptr);
     }
     sUtf8 += '\n';
     std::fwrite(sUtf8.data(), 1, sUtf8.size(), stdout);

@@ -47,7 +47,8 @@ void PrintClient(morvane::VESK& client)
     };
     PrintLine(L"Capabilities:");
     for (const auto& capability : kCapabilities)
-        PrintLine(std::wstring(L"  ") + (client.HasCapability(capability.enCapability) ? L"yes  " : L"no   ") +
+        PrintLine(std::wstring(L"  ") +
+                  (client.HasCapability(capability.enCapability) ? L"yes  " : L"no   ") +
                   capability.pwszName);
 
     client.GetLastErrorMsg(sValue);

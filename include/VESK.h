@@ -79,15 +79,15 @@ class VESK
 {
 public:
     explicit VESK(const std::wstring& sProduct = std::wstring());
-    virtual ~VESK();                                                                   // slot 0
-    virtual void GetLastErrorMsg(std::wstring& sErrorMsg) = 0;                         // 1
+    virtual ~VESK();                                                                          // slot 0
+    virtual void GetLastErrorMsg(std::wstring& sErrorMsg) = 0;                                // 1
     virtual void SetLogMsgCallbackFn(LogMsgCallbackFn pfnLogMsg, uint64_t ullContext) = 0;    // 2
     virtual void SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext) = 0; // 3
-    virtual bool HasCapability(CapabilityType enCapabilityType) = 0;                   // 4
-    virtual uint32_t GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue) = 0; // 5
-    virtual bool Init(VeskCredentials* pCredentials) = 0;                              // 6
-    virtual bool Fini() = 0;                                                           // 7
-    virtual bool GetFilespaceList(std::vector<Filespace>& vFilespaces) = 0;            // 8
+    virtual bool HasCapability(CapabilityType enCapabilityType) = 0;                          // 4
+    virtual uint32_t GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue) = 0;      // 5
+    virtual bool Init(VeskCredentials* pCredentials) = 0;                                     // 6
+    virtual bool Fini() = 0;                                                                  // 7
+    virtual bool GetFilespaceList(std::vector<Filespace>& vFilespaces) = 0;                   // 8
     // Slots 9 to 14, 16 to 19, 21 and 22 belong to other kinds of client; every client answers
     // them, so the slots are declared here to keep the order.
     virtual bool Reserved9() = 0;

@@ -42,8 +42,8 @@ uint32_t FullWindowsCode(uint32_t uiMajor, uint32_t uiMinor)
     {
         uint32_t uiMajor, uiMinor, uiCode;
     };
-    static const Row kRows[] = {{5, 0, OSCODE_WIN_50}, {5, 1, OSCODE_WIN_51}, {5, 2, OSCODE_WIN_52},
-                                {6, 0, OSCODE_WIN_60}, {6, 1, OSCODE_WIN_61}, {6, 2, OSCODE_WIN_62},
+    static const Row kRows[] = {{5, 0, OSCODE_WIN_50}, {5, 1, OSCODE_WIN_51},  {5, 2, OSCODE_WIN_52},
+                                {6, 0, OSCODE_WIN_60}, {6, 1, OSCODE_WIN_61},  {6, 2, OSCODE_WIN_62},
                                 {6, 3, OSCODE_WIN_63}, {10, 0, OSCODE_WIN_100}};
     for (const Row& row : kRows)
         if (row.uiMajor == uiMajor && row.uiMinor == uiMinor)

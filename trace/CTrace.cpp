@@ -108,7 +108,8 @@ void CTrace::GetModuleDirectory(std::wstring& sModuleDir)
             break;
         buf.resize(buf.size() + kPathChars);
     }
-    std::wstring sPath = (cch != 0 && dwError == ERROR_SUCCESS) ? std::wstring(buf.data(), cch) : kDefaultModuleDir;
+    std::wstring sPath =
+        (cch != 0 && dwError == ERROR_SUCCESS) ? std::wstring(buf.data(), cch) : kDefaultModuleDir;
     const size_t posSlash = sPath.rfind(L'\\');
     if (posSlash != std::wstring::npos)
         sPath.resize(posSlash);
@@ -122,8 +123,9 @@ void CTrace::GetLogDirectory(std::wstring& sLogDir)
         CLastErrorGuard keepError;
         std::wstring sModuleDir;
         GetModuleDirectory(sModuleDir);
-        const std::wstring sDefault = m_uiOSCode == OSCODE_WINPE_52 ? std::wstring(kRecoveryConfigDir) + L"\\Logfiles"
-                                                                     : sModuleDir + L"\\Logfiles";
+        const std::wstring sDefault = m_uiOSCode == OSCODE_WINPE_52
+                                          ? std::wstring(kRecoveryConfigDir) + L"\\Logfiles"
+                                          : sModuleDir + L"\\Logfiles";
         const std::wstring sIniPath = sModuleDir + L"\\qtx.ini";
         wchar_t wszDir[kPathChars] = {};
         ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), wszDir, kPathChars,
@@ -191,8 +193,9 @@ bool CTrace::ResetTraceFile()
     CMutexRelease release(m_hMutex.get());
     if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
         return false;
-    CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     return true;
 }
 
@@ -212,8 +215,8 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
         return;
     CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!hFile)
         return;
 
@@ -274,7 +277,8 @@ void CTrace::TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::ws
     WriteLine(uiLevel, sText);
 }
 
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, wchar_t wcValue)
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        wchar_t wcValue)
 {
     if (!IsOn(uiLevel))
         return;
@@ -302,7 +306,8 @@ void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wch
     WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>");
 }
 
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const char* pszValue)
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        const char* pszValue)
 {
     if (!IsOn(uiLevel))
         return;
@@ -329,14 +334,16 @@ void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wch
     WriteQuoted(uiLevel, pwszFunction, pwszName, sValue);
 }
 
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, int64_t llValue)
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        int64_t llValue)
 {
     if (!IsOn(uiLevel))
         return;
     WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue));
 }
 
-void CTrace::TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint64_t ullValue)
+void CTrace::TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                      uint64_t ullValue)
 {
     if (!IsOn(uiLevel))
         return;
@@ -399,15 +406,16 @@ void CTrace::TraceBanner(const std::wstring& sText)
     WriteLine(0, sBanner, true);
 }
 
-void CTrace::TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint32_t uiAddress,
-                       bool bHostOrder)
+void CTrace::TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                       uint32_t uiAddress, bool bHostOrder)
 {
     if (!IsOn(uiLevel))
         return;
     in_addr addr;
     addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
     const char* pszDotted = ::inet_ntoa(addr);
-    WriteValue(uiLevel, pwszFunction, pwszName, pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
+    WriteValue(uiLevel, pwszFunction, pwszName,
+               pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
 }
 
 void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
@@ -415,17 +423,21 @@ void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wcha
 {
     if (!IsOn(uiLevel))
         return;
-    WriteValue(uiLevel, pwszFunction, pwszName, NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
+    WriteValue(uiLevel, pwszFunction, pwszName,
+               NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
 }
 
-void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const char* pszAddress)
+void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                       const char* pszAddress)
 {
     if (!IsOn(uiLevel))
         return;
-    WriteValue(uiLevel, pwszFunction, pwszName, NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
+    WriteValue(uiLevel, pwszFunction, pwszName,
+               NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
 }
 
-void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const GUID& guid)
+void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                       const GUID& guid)
 {
     if (!IsOn(uiLevel))
         return;
@@ -436,7 +448,8 @@ void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wcha
     WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
 }
 
-void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const SYSTEMTIME& st)
+void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                       const SYSTEMTIME& st)
 {
     if (!IsOn(uiLevel))
         return;

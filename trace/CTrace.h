@@ -50,8 +50,10 @@ public:
     virtual uint32_t GetTraceMask();
 
     virtual void TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage);
-    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, wchar_t wcValue);
-    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, char cValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            wchar_t wcValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            char cValue);
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                             const wchar_t* pwszValue);
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
@@ -62,12 +64,16 @@ public:
                             const std::string& sValue);
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                             std::wstring_view sValue);
-    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, int64_t llValue);
-    virtual void TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, uint64_t ullValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            int64_t llValue);
+    virtual void TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                          uint64_t ullValue);
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                             CTraceBool32 bValue);
-    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, bool bValue);
-    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, double dValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            bool bValue);
+    virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                            double dValue);
     virtual void TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                             const uint8_t* pbData, uint32_t cbData);
     virtual void TraceBanner(const std::wstring& sText);
@@ -77,7 +83,8 @@ public:
                            const wchar_t* pwszAddress);
     virtual void TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                            const char* pszAddress);
-    virtual void TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, const GUID& guid);
+    virtual void TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                           const GUID& guid);
     virtual void TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                            const SYSTEMTIME& st);
 
@@ -95,8 +102,10 @@ private:
     static std::wstring NameText(const wchar_t* pwszFunction, const wchar_t* pwszName);
     // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).
     void WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw = false);
-    void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, std::wstring_view sValue);
-    void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, std::wstring_view sValue);
+    void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                    std::wstring_view sValue);
+    void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                     std::wstring_view sValue);
 
     std::atomic<uint32_t> m_uiMask{TRACE_ERROR | TRACE_WARNING | TRACE_INFO};
     CUniqueHandle m_hMutex;

@@ -40,7 +40,8 @@ TEST_F(KeflFixture, AnswersOnlySeparateHardLinksAsCapability)
         }
         else
         {
-            vExpected.push_back(L"KEFL::HasCapability : enCapabilityType = " + std::to_wstring(row.iCapability));
+            vExpected.push_back(L"KEFL::HasCapability : enCapabilityType = " +
+                                std::to_wstring(row.iCapability));
             vExpected.push_back(L"KEFL::HasCapability : Unknown capability");
         }
         vExpected.push_back(std::wstring(L"KEFL::HasCapability : bHasCapability = ") +
@@ -60,7 +61,10 @@ TEST_F(KeflFixture, AnswersDescriptionAndVersionAndNoOtherProperty)
     std::wstring sValue;
     EXPECT_EQ(0u, pClient->GetModuleProperty(morvane::PROP_DESCRIPTION, sValue));
     // The build's date and time as the compiler gives them: "Mmm dd yyyy" and "hh:mm:ss".
-    EXPECT_TRUE(std::regex_match(sValue, std::wregex(LR"(Morvane Rekon for Plainsafe created on [A-Z][a-z]{2} [ 0-3]\d \d{4} at \d{2}:\d{2}:\d{2})")))
+    EXPECT_TRUE(std::regex_match(
+        sValue,
+        std::wregex(
+            LR"(Morvane Rekon for Plainsafe created on [A-Z][a-z]{2} [ 0-3]\d \d{4} at \d{2}:\d{2}:\d{2})")))
         << testing::PrintToString(sValue);
 
     EXPECT_EQ(0u, pClient->GetModuleProperty(morvane::PROP_VERSION, sValue));
@@ -127,14 +131,16 @@ TEST_F(KeflFixture, TracesEveryForwardedCallWithItsResult)
     const auto vLines = KeflLog();
     for (const auto& sLine : vLines)
         ASSERT_TRUE(ParseTraceLine(sLine)) << "a line without prefix: " << testing::PrintToString(sLine);
-    auto indexOf = [&](const std::wstring& sText) {
+    auto indexOf = [&](const std::wstring& sText)
+    {
         for (size_t i = 0; i < vLines.size(); ++i)
             if (ParseTraceLine(vLines[i])->sText == sText)
                 return static_cast<int>(i);
         ADD_FAILURE() << "missing: " << testing::PrintToString(sText);
         return -1;
     };
-    EXPECT_LT(indexOf(L"KEFL::SetLogMsgCallbackFn : starting ..."), indexOf(L"KEFL::SetLogMsgCallbackFn : ... ending"));
+    EXPECT_LT(indexOf(L"KEFL::SetLogMsgCallbackFn : starting ..."),
+              indexOf(L"KEFL::SetLogMsgCallbackFn : ... ending"));
     const int iInitStart = indexOf(L"KEFL::Init : starting ...");
     const int iInitRc = indexOf(std::wstring(L"KEFL::Init : bRc = ") + (bInit ? L"true" : L"false"));
     const int iInitEnd = indexOf(L"KEFL::Init : ... ending");

@@ -36,7 +36,10 @@ protected:
 
     static std::wstring KeflLogPath() { return kefltest::LogDir() + L"\\KEFL_trace.log"; }
     static std::vector<std::wstring> KeflLog() { return kefltest::ReadLogLines(KeflLogPath()); }
-    static std::vector<std::wstring> VeskLog() { return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log"); }
+    static std::vector<std::wstring> VeskLog()
+    {
+        return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log");
+    }
 
     std::unique_ptr<kefltest::CKeflLibrary> m_pLibrary;
 };

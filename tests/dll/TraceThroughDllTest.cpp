@@ -85,10 +85,12 @@ TEST_F(KeflFixture, ThreadsCallingAtOnceLoseOrSplitNoLine)
     auto pClient = m_pLibrary->Factory();
     std::vector<std::thread> vThreads;
     for (int t = 0; t < 3; ++t)
-        vThreads.emplace_back([&] {
-            for (int i = 0; i < kCallsEach; ++i)
-                pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
-        });
+        vThreads.emplace_back(
+            [&]
+            {
+                for (int i = 0; i < kCallsEach; ++i)
+                    pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+            });
     for (auto& thread : vThreads)
         thread.join();
 
@@ -122,17 +124,20 @@ TEST_F(KeflFixture, TwoProcessesWritingAtOnceLoseOrSplitNoLine)
 
     wchar_t wszExe[MAX_PATH];
     ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
-    std::wstring sCommand = std::wstring(L"\"") + wszExe +
-                            L"\" --gtest_filter=KeflFixture.DISABLED_ChildProcessWriter --gtest_also_run_disabled_tests";
+    std::wstring sCommand =
+        std::wstring(L"\"") + wszExe +
+        L"\" --gtest_filter=KeflFixture.DISABLED_ChildProcessWriter --gtest_also_run_disabled_tests";
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
     PROCESS_INFORMATION pi = {};
-    ASSERT_TRUE(::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+    ASSERT_TRUE(
+        ::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
         << "error " << ::GetLastError();
     morvane::CUniqueHandle hProcess(pi.hProcess);
     morvane::CUniqueHandle hThread(pi.hThread);
     HANDLE ahReadyOrExit[] = {hReady.get(), hProcess.get()};
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForMultipleObjects(2, ahReadyOrExit, FALSE, 60000)) << "the child did not start";
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForMultipleObjects(2, ahReadyOrExit, FALSE, 60000))
+        << "the child did not start";
 
     // Loaded after the child, so that this load's fresh log is the one both write.
     Load(Verbose());

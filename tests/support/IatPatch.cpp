@@ -25,8 +25,8 @@ CIatPatch::CIatPatch(HMODULE hModule, const char* pszDll, const char* pszFunctio
     const IMAGE_DATA_DIRECTORY& dir = pNt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     if (dir.VirtualAddress == 0)
         return;
-    for (auto* pDesc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(pBase + dir.VirtualAddress); pDesc->Name != 0;
-         ++pDesc)
+    for (auto* pDesc = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(pBase + dir.VirtualAddress);
+         pDesc->Name != 0; ++pDesc)
     {
         if (_stricmp(reinterpret_cast<const char*>(pBase + pDesc->Name), pszDll) != 0)
             continue;

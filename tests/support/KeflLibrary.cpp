@@ -11,8 +11,8 @@ CKeflLibrary::CKeflLibrary() : m_hModule(::LoadLibraryW(L"KEFL.dll"))
     EXPECT_TRUE(m_hModule) << "LoadLibrary(KEFL.dll) failed with error " << dwError;
     if (!m_hModule)
         return;
-    m_pfnFactory =
-        reinterpret_cast<morvane::FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(m_hModule.get(), "Factory")));
+    m_pfnFactory = reinterpret_cast<morvane::FactoryFn>(
+        reinterpret_cast<void*>(::GetProcAddress(m_hModule.get(), "Factory")));
     m_pfnCredentialsFactory = reinterpret_cast<morvane::CredentialsFactoryFn>(
         reinterpret_cast<void*>(::GetProcAddress(m_hModule.get(), "CredentialsFactory")));
     EXPECT_NE(nullptr, m_pfnFactory) << "KEFL.dll exports no Factory";
@@ -28,7 +28,8 @@ CVeskPtr CKeflLibrary::Factory() const
 
 std::unique_ptr<morvane::VeskCredentials> CKeflLibrary::CredentialsFactory() const
 {
-    return std::unique_ptr<morvane::VeskCredentials>(m_pfnCredentialsFactory ? m_pfnCredentialsFactory() : nullptr);
+    return std::unique_ptr<morvane::VeskCredentials>(m_pfnCredentialsFactory ? m_pfnCredentialsFactory()
+                                                                             : nullptr);
 }
 
 } // namespace kefltest

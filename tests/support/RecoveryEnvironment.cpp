@@ -33,11 +33,12 @@ std::wstring TraceIniPath()
 
 void WriteTextFile(const std::wstring& sPath, const std::string& sText)
 {
-    morvane::CUniqueFile hFile(
-        ::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    morvane::CUniqueFile hFile(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                             FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(hFile) << "cannot create " << testing::PrintToString(sPath) << ", error " << ::GetLastError();
     DWORD cbWritten = 0;
-    ASSERT_TRUE(::WriteFile(hFile.get(), sText.data(), static_cast<DWORD>(sText.size()), &cbWritten, nullptr));
+    ASSERT_TRUE(
+        ::WriteFile(hFile.get(), sText.data(), static_cast<DWORD>(sText.size()), &cbWritten, nullptr));
 
     // A time of its own for every write: Wine answers profile reads from a cache while a file's
     // name and modification time stay the same.
@@ -57,7 +58,8 @@ void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys)
 {
     std::string sText = "[Main]\r\n";
     for (const auto& [sKey, sValue] : keys)
-        sText += std::string(sKey.begin(), sKey.end()) + "=" + std::string(sValue.begin(), sValue.end()) + "\r\n";
+        sText +=
+            std::string(sKey.begin(), sKey.end()) + "=" + std::string(sValue.begin(), sValue.end()) + "\r\n";
     WriteTextFile(TraceIniPath(), sText);
 }
 

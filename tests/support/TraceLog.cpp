@@ -66,7 +66,8 @@ std::optional<CTraceLine> ParseTraceLine(const std::wstring& sLine)
     return line;
 }
 
-std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLines, const std::wstring& sMarker)
+std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLines,
+                                          const std::wstring& sMarker)
 {
     std::vector<std::wstring> vTexts;
     for (const std::wstring& sLine : vLines)

@@ -138,8 +138,9 @@ TEST_F(TraceFixture, DumpsBytesOnContinuationLinesWithoutPrefix)
     const auto vLines = Lines();
     ASSERT_EQ(4u, vLines.size());
     EXPECT_EQ(L"F : pb = ", ParseTraceLine(vLines[0])->sText);
-    EXPECT_EQ(L"00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13 14 15 16 17 18 19 1a 1b 1c 1d 1e 1f",
-              vLines[1]);
+    EXPECT_EQ(
+        L"00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13 14 15 16 17 18 19 1a 1b 1c 1d 1e 1f",
+        vLines[1]);
     EXPECT_EQ(L"20 ", vLines[2]);
     EXPECT_EQ(L"F : pb2 = 00 01 ", ParseTraceLine(vLines[3])->sText);
 }
@@ -148,7 +149,8 @@ TEST_F(TraceFixture, WritesBannerBoxedAndWithoutPrefixUnlessSilenced)
 {
     m_pTrace->SetTraceLevel(1); // any mask but 0 writes the banner
     m_pTrace->TraceBanner(L"KEFL 1.0");
-    const std::vector<std::wstring> vExpected = {L"", L"**************", L"** KEFL 1.0 **", L"**************", L""};
+    const std::vector<std::wstring> vExpected = {L"", L"**************", L"** KEFL 1.0 **", L"**************",
+                                                 L""};
     EXPECT_EQ(vExpected, Lines());
 
     m_pTrace->SetTraceLevel(0);
@@ -181,11 +183,14 @@ TEST_F(TraceFixture, ThreadsWritingAtOnceLoseOrSplitNoLine)
     constexpr int kLinesEach = 150;
     std::vector<std::thread> vThreads;
     for (int t = 0; t < kThreads; ++t)
-        vThreads.emplace_back([this, t] {
-            const std::wstring sText = L"line of thread " + std::to_wstring(t) + L" " + std::wstring(100, L'x');
-            for (int i = 0; i < kLinesEach; ++i)
-                m_pTrace->TraceValue(TRACE_INFO, L"F", L"i", std::wstring_view(sText));
-        });
+        vThreads.emplace_back(
+            [this, t]
+            {
+                const std::wstring sText =
+                    L"line of thread " + std::to_wstring(t) + L" " + std::wstring(100, L'x');
+                for (int i = 0; i < kLinesEach; ++i)
+                    m_pTrace->TraceValue(TRACE_INFO, L"F", L"i", std::wstring_view(sText));
+            });
     for (auto& thread : vThreads)
         thread.join();
 

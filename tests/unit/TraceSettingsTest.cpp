@@ -1,5 +1,6 @@
 // Where the trace goes and what it lets through: folders, trace.ini, masks, rotation, PSF flags.
 #include "platform/WindowsVersion.h"
+#include "support/IatPatch.h"
 #include "unit/TraceFixture.h"
 
 using namespace morvane;
@@ -75,7 +76,8 @@ TEST_F(TraceFixture, ModuleAndLogFoldersFollowTheHostProgram)
     m_pTrace->GetModuleDirectory(sDir);
     EXPECT_EQ(HostDir(), sDir);
     m_pTrace->GetLogDirectory(sDir);
-    EXPECT_EQ(LogDir(), sDir) << "the default, also on the recovery system: the log folder is resolved at load";
+    EXPECT_EQ(LogDir(), sDir)
+        << "the default, also on the recovery system: the log folder is resolved at load";
     EXPECT_EQ(LogPath(), m_pTrace->GetFilePath());
 }
 
@@ -152,4 +154,43 @@ TEST_F(TraceFixture, EachNewTraceObjectKeepsOnePreviousGeneration)
     const auto vOld = ReadLogLines(sOldPath);
     EXPECT_TRUE(HasText(vOld, L"F : second generation"));
     EXPECT_FALSE(HasText(vOld, L"F : first generation")) << "the older generation is replaced";
+}
+
+// A system without the named mutex (creation refused, as when another object already holds the
+// name with another type): nothing is written, nothing is raised.
+HANDLE WINAPI CreateMutexRefused(LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR)
+{
+    ::SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+}
+
+TEST_F(TraceFixture, WritesNothingWithoutItsMutex)
+{
+    kefltest::RemoveFile(kefltest::LogDir() + L"\\UNIT3_trace.log");
+    std::unique_ptr<CTrace> pTrace;
+    {
+        CIatPatch refuse(::GetModuleHandleW(nullptr), "KERNEL32.dll", "CreateMutexW",
+                         reinterpret_cast<const void*>(&CreateMutexRefused));
+        ASSERT_TRUE(refuse.IsApplied());
+        pTrace = std::make_unique<CTrace>(L"UNIT3_trace.log", L"UNIT_TraceLevel");
+    }
+    pTrace->TraceMessage(TRACE_ERROR, L"F", L"dropped");
+    pTrace->TraceBanner(L"dropped");
+    EXPECT_FALSE(pTrace->ResetTraceFile());
+    EXPECT_FALSE(FileExists(pTrace->GetFilePath()));
+}
+
+TEST_F(TraceFixture, DropsLinesWhenTheFileCannotBeOpened)
+{
+    // A folder standing where the log file should be.
+    ::CreateDirectoryW(L"R:\\Blocked", nullptr);
+    ::CreateDirectoryW(L"R:\\Blocked\\UNIT_trace.log", nullptr);
+    ASSERT_TRUE(m_pTrace->SetLogDirectory(L"R:\\Blocked"));
+    ::SetLastError(0xBEEF);
+    m_pTrace->TraceMessage(TRACE_ERROR, L"F", L"dropped");
+    EXPECT_EQ(0xBEEFu, ::GetLastError());
+    EXPECT_TRUE(m_pTrace->ResetTraceFile()) << "the mutex was had, the open failing does not count";
+    ::RemoveDirectoryW(L"R:\\Blocked\\UNIT_trace.log");
+    m_pTrace->TraceMessage(TRACE_ERROR, L"F", L"written");
+    EXPECT_EQ(std::vector<std::wstring>{L"F : written"}, TextsWithMarker(Lines(), L":[E]: "));
 }

@@ -49,11 +49,13 @@ TEST(TraceText, NormalisesIPv6AddressesToEightFullGroups)
 TEST(TraceText, ReportsAddressesWithoutOrWithTooManySingleColonsInvalid)
 {
     // Only single colons count, so an address whose colons are one "::" is refused.
-    for (const wchar_t* pwsz : {L"fe80::1", L"::1", L"::", L"", L"1234", L"1:2:3:4:5:6:7:8:9", L"1:2:3:4:5:6:7:8:9:10"})
+    for (const wchar_t* pwsz :
+         {L"fe80::1", L"::1", L"::", L"", L"1234", L"1:2:3:4:5:6:7:8:9", L"1:2:3:4:5:6:7:8:9:10"})
         EXPECT_EQ(L"<Invalid IPv6 address>", NormaliseIPv6(std::wstring_view(pwsz))) << "address " << pwsz;
     EXPECT_EQ(L"<Invalid IPv6 address>", NormaliseIPv6(std::string_view("::1")));
     // Seven single colons is the most an address can have.
-    EXPECT_EQ(L"0001:0002:0003:0004:0005:0006:0007:0008", NormaliseIPv6(std::wstring_view(L"1:2:3:4:5:6:7:8")));
+    EXPECT_EQ(L"0001:0002:0003:0004:0005:0006:0007:0008",
+              NormaliseIPv6(std::wstring_view(L"1:2:3:4:5:6:7:8")));
 }
 
 TEST(TraceText, DumpsBytesThirtyTwoToARow)
