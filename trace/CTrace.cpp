@@ -45,10 +45,11 @@ std::string ToUtf8(std::wstring_view sText)
     if (sText.empty())
         return sUtf8;
     const int cchText = static_cast<int>(sText.size());
-    sUtf8.resize(sText.size() * 3);
-    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, sUtf8.data(),
-                                         static_cast<int>(sUtf8.size()), nullptr, nullptr);
-    sUtf8.resize(cb > 0 ? static_cast<size_t>(cb) : 0);
+    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, nullptr, 0, nullptr, nullptr);
+    if (cb <= 0)
+        return sUtf8;
+    sUtf8.resize(static_cast<size_t>(cb));
+    ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, sUtf8.data(), cb, nullptr, nullptr);
     return sUtf8;
 }
 
@@ -209,6 +210,10 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     CLastErrorGuard keepError;
     if (!m_hMutex)
         return;
+    // Everything but the prefix is ready before the lock: other writers wait only for the prefix
+    // and the system calls.
+    const std::string sBody = ToUtf8(sText);
+
     // A wait that ends any other way (timeout, abandoned, failure) gives the mutex back and
     // drops the line.
     CMutexRelease release(m_hMutex.get());
@@ -220,21 +225,24 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     if (!hFile)
         return;
 
-    std::wstring sLine;
-    sLine.reserve(40 + sText.size());
+    std::string sLine;
+    sLine.reserve(48 + sBody.size());
     if (!bRaw)
     {
+        // The prefix is ASCII: its characters are its UTF-8 bytes.
+        std::wstring sPrefix;
         SYSTEMTIME st;
         ::GetLocalTime(&st);
-        AppendTimestamp(sLine, st);
-        sLine.push_back(L':');
-        AppendHex(sLine, ::GetCurrentThreadId(), m_bUpperHex.load(std::memory_order_relaxed), 4);
-        sLine += MarkerFor(uiLevel);
+        AppendTimestamp(sPrefix, st);
+        sPrefix.push_back(L':');
+        AppendHex(sPrefix, ::GetCurrentThreadId(), m_bUpperHex.load(std::memory_order_relaxed), 4);
+        sPrefix += MarkerFor(uiLevel);
+        for (wchar_t wc : sPrefix)
+            sLine.push_back(static_cast<char>(wc));
     }
-    sLine += sText;
-    const std::string sUtf8 = ToUtf8(sLine);
+    sLine += sBody;
     DWORD cbWritten = 0;
-    ::WriteFile(hFile.get(), sUtf8.data(), static_cast<DWORD>(sUtf8.size()), &cbWritten, nullptr);
+    ::WriteFile(hFile.get(), sLine.data(), static_cast<DWORD>(sLine.size()), &cbWritten, nullptr);
 }
 
 std::wstring CTrace::NameText(const wchar_t* pwszFunction, const wchar_t* pwszName)
