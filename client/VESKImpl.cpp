@@ -1,6 +1,5 @@
 #include "client/VESKImpl.h"
 
-#include "client/ModuleName.h"
 #include "platform/WindowsVersion.h"
 #include "trace/TraceObjects.h"
 
@@ -8,6 +7,23 @@
 
 namespace morvane
 {
+namespace
+{
+
+// Both callback setters: a null function clears the context with it.
+template <typename Fn>
+void StoreCallback(const wchar_t* pwszFunction, const wchar_t* pwszFnName, const wchar_t* pwszCtxName,
+                   Fn pfnNew, uint64_t ullContext, Fn& pfnStored, uint64_t& ullStored)
+{
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
+    g_VeskTrace.TraceHex(TRACE_INFO, pwszFunction, pwszFnName, reinterpret_cast<uintptr_t>(pfnNew));
+    g_VeskTrace.TraceHex(TRACE_INFO, pwszFunction, pwszCtxName, ullContext);
+    pfnStored = pfnNew;
+    ullStored = pfnNew ? ullContext : 0;
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, pfnNew ? L"... ending" : L"... ending(NULL)");
+}
+
+} // namespace
 
 VESKImpl::VESKImpl()
 {
@@ -42,47 +58,14 @@ void VESKImpl::SetLastErrorMsg(const std::wstring& sErrorMsg)
 
 void VESKImpl::SetLogMsgCallbackFn(LogMsgCallbackFn pfnLogMsg, uint64_t ullContext)
 {
-    static const wchar_t kFn[] = L"VESKImpl::SetLogMsgCallbackFn";
-    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_VeskTrace.TraceHex(TRACE_INFO, kFn, L"pfnLogMsg", reinterpret_cast<uintptr_t>(pfnLogMsg));
-    g_VeskTrace.TraceHex(TRACE_INFO, kFn, L"pLogMsgCtx", ullContext);
-    if (!pfnLogMsg)
-    {
-        m_pfnLogMsg = nullptr;
-        m_pLogMsgCtx = 0;
-        g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending(NULL)");
-        return;
-    }
-    m_pfnLogMsg = pfnLogMsg;
-    m_pLogMsgCtx = ullContext;
-    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    StoreCallback(L"VESKImpl::SetLogMsgCallbackFn", L"pfnLogMsg", L"pLogMsgCtx", pfnLogMsg, ullContext,
+                  m_pfnLogMsg, m_pLogMsgCtx);
 }
 
 void VESKImpl::SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext)
 {
-    static const wchar_t kFn[] = L"VESKImpl::SetProgMsgCallbackFn";
-    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_VeskTrace.TraceHex(TRACE_INFO, kFn, L"pfnProgMsg", reinterpret_cast<uintptr_t>(pfnProgMsg));
-    g_VeskTrace.TraceHex(TRACE_INFO, kFn, L"pProgMsgCtx", ullContext);
-    if (!pfnProgMsg)
-    {
-        m_pfnProgMsg = nullptr;
-        m_pProgMsgCtx = 0;
-        g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending(NULL)");
-        return;
-    }
-    m_pfnProgMsg = pfnProgMsg;
-    m_pProgMsgCtx = ullContext;
-    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
-}
-
-void VESKImpl::GetResourceVersionStr(std::wstring& sVersion)
-{
-    // Reading the version resource arrives with the base services; until then the lookup
-    // answers as a failed one does.
-    sVersion = L"Error";
-    g_VeskTrace.TraceMessage(TRACE_ERROR, L"VESKImpl::GetResourceVersionStr",
-                             L"... ending(No version resource available)");
+    StoreCallback(L"VESKImpl::SetProgMsgCallbackFn", L"pfnProgMsg", L"pProgMsgCtx", pfnProgMsg, ullContext,
+                  m_pfnProgMsg, m_pProgMsgCtx);
 }
 
 } // namespace morvane

@@ -1,6 +1,10 @@
 #pragma once
 // The shared base of every client implementation: the last error text, the host's two callbacks,
-// and the services that restore code calls everywhere. It traces to VESK_trace.log.
+// and the services that restore code calls everywhere: user messages from the string table, the
+// version text, the host's folders, privileges and parent folders. It traces to VESK_trace.log.
+//
+// One file a job: VESKImpl.cpp (error text, callbacks), UserMessages.cpp, ResourceVersion.cpp,
+// HostDirectories.cpp, Privilege.cpp, ParentDirectories.cpp.
 #include "VESK.h"
 
 #include <windows.h>
@@ -15,6 +19,7 @@ class VESKImpl
 {
 public:
     VESKImpl();
+    // Member-wise copies; exported for hosts, unused by the library itself.
     VESKImpl(const VESKImpl& other);
     VESKImpl& operator=(const VESKImpl& other);
     virtual ~VESKImpl();
@@ -24,8 +29,24 @@ public:
     virtual void SetLogMsgCallbackFn(LogMsgCallbackFn pfnLogMsg, uint64_t ullContext);
     virtual void SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext);
 
-    // The module's version text; "Error" when the version resource cannot be read.
+    // Hands message uiMsgId of the string table to the host's log callback and returns the
+    // callback's answer (without a callback: 1 for an error, else 0). An error also becomes the
+    // last error text.
+    int32_t LogStdMsg(uint32_t uiSeverity, uint32_t uiMsgId);
+    // The same with the message's printf placeholders filled (Windows convention: %s a wide
+    // string, %c a wide character, %u an unsigned number).
+    int32_t LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...);
+
+    // "<FileVersion> (build <PrivateBuild>)" of KEFL.DLL, also recorded in Version.log;
+    // "Error" when the version resource cannot be read.
     void GetResourceVersionStr(std::wstring& sVersion);
+    // The host's log and configuration folders, from its qtx.ini.
+    void GetLogDir(std::wstring& sLogDir);
+    void GetConfigDir(std::wstring& sConfigDir);
+    // Enables or disables a privilege of this process's token.
+    bool SetPrivilege(const std::wstring& sPrivilege, bool bEnable);
+    // Makes every missing folder above sPath.
+    bool CreateParentDir(const std::wstring& sPath);
 
 protected:
     static constexpr size_t kErrorMsgChars = 1024;
@@ -37,6 +58,11 @@ protected:
     uint64_t m_pProgMsgCtx = 0;
     HMODULE m_hModule = nullptr; // holds the string table of user messages; not owned
     wchar_t m_wszErrorMsg[kErrorMsgChars] = {};
+
+private:
+    // Reads one key of the host's qtx.ini section "File Locations".
+    void ReadHostLocation(const wchar_t* pwszFunction, const wchar_t* pwszKey, const wchar_t* pwszDefault,
+                          std::wstring& sValue);
 };
 
 } // namespace morvane

@@ -1,6 +1,9 @@
 #include "VeskCredentials.h"
 
+#include "credentials/AnswerFileNames.h"
 #include "trace/TraceObjects.h"
+
+#include <cstring>
 
 namespace morvane
 {
@@ -8,6 +11,21 @@ namespace morvane
 KeflCredentials::KeflCredentials() = default;
 
 KeflCredentials::~KeflCredentials() = default;
+
+KeflCredentials& KeflCredentials::operator=(const KeflCredentials& other) = default;
+
+bool KeflCredentials::operator==(const KeflCredentials& other) const
+{
+    // Both halves of the point in time: year, month, day of week, day; hour to milliseconds.
+    return m_sTargetPath == other.m_sTargetPath && std::memcmp(&m_Pit, &other.m_Pit, 8) == 0 &&
+           std::memcmp(reinterpret_cast<const BYTE*>(&m_Pit) + 8,
+                       reinterpret_cast<const BYTE*>(&other.m_Pit) + 8, 8) == 0;
+}
+
+bool KeflCredentials::operator!=(const KeflCredentials& other) const
+{
+    return !(*this == other);
+}
 
 void KeflCredentials::Clear()
 {
@@ -23,21 +41,64 @@ bool KeflCredentials::Check()
     return true;
 }
 
-// The answer-file form of the credentials is not built yet: both directions decline plainly.
 bool KeflCredentials::GetCredentialsFromAnsFile(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::GetCredentialsFromAnsFile";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sAnsFile", sAnsFile);
-    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Answer files are not supported yet)");
-    return false;
+    if (sAnsFile.empty())
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Invalid answer file path)");
+        return false;
+    }
+    wchar_t wszLocation[260] = {};
+    ::GetPrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"", wszLocation, 260,
+                               sAnsFile.c_str());
+    m_sTargetPath = wszLocation;
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
+    if (m_sTargetPath.empty())
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not found)");
+        return false;
+    }
+    // A point in time that cannot be used means the latest backup, not a failed restore.
+    if (!GetPitFromAnsFile(sAnsFile))
+    {
+        g_KeflTrace.TraceMessage(TRACE_WARNING, kFn, L"... ending(No valid Point-in-Time)");
+        m_Pit = SYSTEMTIME();
+        return true;
+    }
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
 }
 
 bool KeflCredentials::SetAnsFileFromCredentials(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::SetAnsFileFromCredentials";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sAnsFile", sAnsFile);
-    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Answer files are not supported yet)");
-    return false;
+    if (sAnsFile.empty())
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Invalid answer file path)");
+        return false;
+    }
+    // Empties the section in the system's own profile, not in the answer file: the answer
+    // file's other keys of the section are kept and only the two below are rewritten.
+    ::WriteProfileSectionW(g_sAnsSection.c_str(), L"\0");
+    if (m_sTargetPath.empty())
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not in Credentials)");
+        return false;
+    }
+    ::WritePrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), m_sTargetPath.c_str(),
+                                 sAnsFile.c_str());
+    if (!SetAnsFileFromPit(sAnsFile))
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to set Point-in-Time)");
+        return false;
+    }
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
 }
 
 } // namespace morvane

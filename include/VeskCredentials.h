@@ -18,6 +18,13 @@ public:
     virtual bool GetCredentialsFromAnsFile(const std::wstring& sAnsFile) = 0;
     virtual bool SetAnsFileFromCredentials(const std::wstring& sAnsFile) = 0;
 
+    // Reads "dd/mm/yyyy hh:mm:ss" (any single character as separator) into m_Pit and checks it.
+    bool ParsePit(const std::wstring& sPit);
+    // The point in time of the answer file; an absent value leaves m_Pit as it is.
+    bool GetPitFromAnsFile(const std::wstring& sAnsFile);
+    // Writes m_Pit to the answer file, empty when no point in time is set.
+    bool SetAnsFileFromPit(const std::wstring& sAnsFile);
+
     SYSTEMTIME m_Pit; // all zero: no point in time, restore the latest backup
     std::wstring m_sProduct;
 };
@@ -31,6 +38,13 @@ public:
     bool Check() override;
     bool GetCredentialsFromAnsFile(const std::wstring& sAnsFile) override;
     bool SetAnsFileFromCredentials(const std::wstring& sAnsFile) override;
+
+    // Exported for hosts. Equal: the same location (case counts) and the same point in time to
+    // the millisecond, day of week included.
+    KeflCredentials(const KeflCredentials& other) = default;
+    KeflCredentials& operator=(const KeflCredentials& other);
+    bool operator==(const KeflCredentials& other) const;
+    bool operator!=(const KeflCredentials& other) const;
 
     std::wstring m_sTargetPath; // the backup location: drive-letter, UNC or WebDAV folder
 };

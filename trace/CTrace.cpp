@@ -1,5 +1,6 @@
 #include "trace/CTrace.h"
 
+#include "platform/ModulePath.h"
 #include "platform/WindowsVersion.h"
 #include "trace/TraceText.h"
 
@@ -97,20 +98,10 @@ CTrace::~CTrace() = default;
 void CTrace::GetModuleDirectory(std::wstring& sModuleDir)
 {
     CLastErrorGuard keepError;
-    std::vector<wchar_t> buf(kPathChars);
-    DWORD cch = 0;
-    DWORD dwError = 0;
-    for (;;)
-    {
-        ::SetLastError(ERROR_SUCCESS); // success leaves the last error as it was
-        cch = ::GetModuleFileNameW(nullptr, buf.data(), static_cast<DWORD>(buf.size()));
-        dwError = ::GetLastError();
-        if (dwError != ERROR_INSUFFICIENT_BUFFER)
-            break;
-        buf.resize(buf.size() + kPathChars);
-    }
-    std::wstring sPath =
-        (cch != 0 && dwError == ERROR_SUCCESS) ? std::wstring(buf.data(), cch) : kDefaultModuleDir;
+    std::wstring sPath;
+    DWORD dwLastError = 0;
+    if (!GetModulePath(nullptr, sPath, dwLastError))
+        sPath = kDefaultModuleDir;
     const size_t posSlash = sPath.rfind(L'\\');
     if (posSlash != std::wstring::npos)
         sPath.resize(posSlash);

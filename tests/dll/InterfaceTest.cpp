@@ -68,7 +68,12 @@ TEST_F(KeflFixture, AnswersDescriptionAndVersionAndNoOtherProperty)
         << testing::PrintToString(sValue);
 
     EXPECT_EQ(0u, pClient->GetModuleProperty(morvane::PROP_VERSION, sValue));
-    EXPECT_FALSE(sValue.empty());
+    EXPECT_TRUE(std::regex_match(sValue, std::wregex(LR"(\d+\.\d+\.\d+ \(build .+\))")))
+        << testing::PrintToString(sValue);
+    wchar_t wszRecorded[260] = {};
+    ::GetPrivateProfileStringW(L"KEFL.DLL", L"Version", L"", wszRecorded, 260,
+                               (HostLogDir() + L"\\Version.log").c_str());
+    EXPECT_EQ(sValue, wszRecorded) << "recorded in the host's log folder";
 
     sValue = L"unchanged";
     EXPECT_EQ(1u, pClient->GetModuleProperty(3, sValue));

@@ -1,7 +1,9 @@
 // Loading and unloading KEFL.dll: the trace files it starts, the objects its factories give.
 #include "dll/KeflFixture.h"
 
+#include <algorithm>
 #include <cstring>
+#include <regex>
 
 using namespace kefltest;
 
@@ -58,7 +60,12 @@ TEST_F(KeflFixture, ClientConstructionTracesLevelsLinkFunctionsAndTexts)
     EXPECT_TRUE(has(L"KEFLImpl::KEFLImpl : uiPsfTraceLevel = 0x22"));
     EXPECT_TRUE(has(L"KEFLImpl::KEFLImpl : CreateSymbolicLink() available"));
     EXPECT_TRUE(has(L"KEFLImpl::KEFLImpl : CreateHardLink() available"));
-    EXPECT_TRUE(has(L"KEFLImpl::KEFLImpl : sVersion = \"Error\""));
+    const auto itVersion = std::find_if(vInfo.begin(), vInfo.end(),
+                                        [](const std::wstring& s)
+                                        { return s.rfind(L"KEFLImpl::KEFLImpl : sVersion = ", 0) == 0; });
+    ASSERT_NE(vInfo.end(), itVersion);
+    EXPECT_TRUE(std::regex_match(*itVersion, std::wregex(LR"re(.* = "\d+\.\d+\.\d+ \(build .+\)")re")))
+        << *itVersion;
 }
 
 TEST_F(KeflFixture, CredentialsFactoryGivesAnEmptyDestroyableObject)

@@ -25,6 +25,12 @@ std::wstring LogDir()
     return HostDir() + L"\\Logfiles";
 }
 
+std::wstring HostLogDir()
+{
+    const bool bRecovery = morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;
+    return bRecovery ? L"Z:\\DURN\\Logfiles" : L"X:\\Program Files\\Morvane\\DURN\\Logfiles";
+}
+
 std::wstring TraceIniPath()
 {
     const bool bRecovery = morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;

@@ -14,6 +14,9 @@ std::wstring HostDir();
 inline const wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
 // Where the module writes its trace logs when qtx.ini names no other folder.
 std::wstring LogDir();
+// The host's own log folder (Version.log) when qtx.ini names none: on the recovery system in the
+// configuration drive, else beside the host.
+std::wstring HostLogDir();
 // Where the module reads trace.ini: the configuration folder on the recovery system, else the
 // host's folder.
 std::wstring TraceIniPath();

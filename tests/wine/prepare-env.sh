@@ -23,7 +23,7 @@ export PATH="/usr/lib/wine:$PATH"
 # for them.
 quiet() { perl -e 'use POSIX (); POSIX::close($_) for 3 .. 1023; exec @ARGV or exit 127' "$@" </dev/null >/dev/null 2>&1; }
 
-mkdir -p "$envdir/x/Program Files/Morvane/DURN" "$envdir/z/DURN" "$envdir/r" "$envdir/e" "$envdir/f"
+mkdir -p "$envdir/x/Program Files/Morvane/DURN" "$envdir/z/DURN/Logfiles" "$envdir/r" "$envdir/e" "$envdir/f"
 mkdir -p "$(dirname "$prefix")"
 
 # One preparation at a time (a build and a test run may both ask for it).

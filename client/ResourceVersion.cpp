@@ -1,0 +1,129 @@
+// The module's version text, read from its version resource and recorded for support staff.
+#include "client/ModuleName.h"
+#include "client/VESKImpl.h"
+#include "platform/ModulePath.h"
+#include "trace/TraceObjects.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace morvane
+{
+namespace
+{
+
+const wchar_t kFn[] = L"VESKImpl::GetResourceVersionStr";
+
+void TraceFailure(const wchar_t* pwszReason)
+{
+    g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, pwszReason);
+}
+
+// One value of the string table for the resource's first language and code page; false (and the
+// matching trace) when it is missing or empty.
+bool QueryString(const std::vector<BYTE>& info, const wchar_t* pwszSubBlock, const wchar_t* pwszFailed,
+                 const wchar_t* pwszEmpty, std::wstring& sValue)
+{
+    wchar_t* pwszValue = nullptr;
+    UINT cch = 0;
+    if (!::VerQueryValueW(info.data(), pwszSubBlock, reinterpret_cast<void**>(&pwszValue), &cch))
+    {
+        TraceFailure(pwszFailed);
+        return false;
+    }
+    if (!pwszValue || cch == 0 || pwszValue[0] == L'\0')
+    {
+        TraceFailure(pwszEmpty);
+        return false;
+    }
+    sValue = pwszValue;
+    return true;
+}
+
+} // namespace
+
+void VESKImpl::GetResourceVersionStr(std::wstring& sVersion)
+{
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    const std::wstring sModuleName = kModuleFileName;
+    if (sModuleName.empty())
+    {
+        TraceFailure(L"... ending(No DLL name parameter)");
+        return;
+    }
+    sVersion = L"Error";
+
+    HMODULE hModule = ::GetModuleHandleW(sModuleName.c_str());
+    if (!hModule)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        TraceFailure(L"... ending(NULL module)");
+        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+        return;
+    }
+    std::wstring sPath;
+    DWORD dwLastError = 0;
+    if (!GetModulePath(hModule, sPath, dwLastError))
+    {
+        TraceFailure(L"... ending(GetModuleFileName failed)");
+        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+        return;
+    }
+
+    DWORD dwHandle = 0;
+    const DWORD cbInfo = ::GetFileVersionInfoSizeW(sPath.c_str(), &dwHandle);
+    if (cbInfo == 0)
+    {
+        TraceFailure(L"... ending(No version resource available)");
+        return;
+    }
+    std::vector<BYTE> info(cbInfo);
+    if (!::GetFileVersionInfoW(sPath.c_str(), 0, cbInfo, info.data()))
+    {
+        TraceFailure(L"... ending(GetFileVersionInfo failed)");
+        return;
+    }
+
+    struct LANGANDCODEPAGE
+    {
+        WORD wLanguage;
+        WORD wCodePage;
+    }* lpTranslate = nullptr;
+    UINT cbTranslate = 0;
+    if (!::VerQueryValueW(info.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&lpTranslate),
+                          &cbTranslate) ||
+        cbTranslate < sizeof(LANGANDCODEPAGE))
+    {
+        TraceFailure(L"... ending(VerQueryValue failed)");
+        return;
+    }
+    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wLanguage",
+                           static_cast<int64_t>(lpTranslate->wLanguage));
+    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wCodePage",
+                           static_cast<int64_t>(lpTranslate->wCodePage));
+
+    wchar_t wszBlock[64];
+    std::swprintf(wszBlock, 64, L"\\StringFileInfo\\%04x%04x\\", lpTranslate->wLanguage,
+                  lpTranslate->wCodePage);
+    std::wstring sFileVersion;
+    std::wstring sPrivateBuild;
+    if (!QueryString(info, (std::wstring(wszBlock) + L"FileVersion").c_str(),
+                     L"... ending(VerQueryValue(FileVersion) failed)",
+                     L"... ending( No data returned by VerQueryValue(FileVersion) )", sFileVersion) ||
+        !QueryString(info, (std::wstring(wszBlock) + L"PrivateBuild").c_str(),
+                     L"... ending(VerQueryValue(PrivateBuild) failed)",
+                     L"... ending( No data returned by VerQueryValue(PrivateBuild) )", sPrivateBuild))
+        return;
+
+    sVersion = sFileVersion + L" (build " + sPrivateBuild + L")";
+
+    // Support staff find the version of every module of a recovery in one file.
+    std::wstring sLogDir;
+    GetLogDir(sLogDir);
+    ::WritePrivateProfileStringW(sModuleName.c_str(), L"Version", sVersion.c_str(),
+                                 (sLogDir + L"\\Version.log").c_str());
+    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"sVersion", sVersion);
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+}
+
+} // namespace morvane
