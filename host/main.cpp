@@ -1,8 +1,9 @@
 // keflhost: our command-line recovery host. It loads KEFL.dll as the recovery host does (by name
-// from its own folder, through the exported factories), registers its callbacks and asks the
-// client what it is.
+// from its own folder, through the exported factories), registers its callbacks, shows what the
+// client is, builds the credentials of a restore and hands them to the client.
 #include "VESK.h"
 #include "VeskCredentials.h"
+#include "host/HostCredentials.h"
 #include "host/HostOutput.h"
 #include "platform/UniqueHandle.h"
 
@@ -16,22 +17,63 @@ using keflhost::PrintLine;
 namespace
 {
 
+// Exit codes.
+constexpr int kExitOk = 0;
+constexpr int kExitNoLibrary = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitBadCredentials = 3;
+constexpr int kExitRestoreFailed = 4;
+
 struct CVeskDeleter
 {
     void operator()(morvane::VESK* p) const { delete p; }
 };
 
-const wchar_t kUsage[] = L"usage: keflhost [--help]\n"
-                         L"Loads KEFL.dll from this program's folder and prints the client's description,\n"
-                         L"version and capabilities.";
+const wchar_t kUsage[] =
+    L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
+    L"Loads KEFL.dll from this program's folder and prints the client's description, version and\n"
+    L"capabilities. With credentials (from the recovery answer file's section ZovaBackupLocation, or\n"
+    L"a backup folder and an optional point in time) it starts a restore session with them.\n"
+    L"Messages of the client are shown as [info], [warning] or [error].";
+
+struct COptions
+{
+    std::wstring sAnsFile;
+    std::wstring sLocation;
+    std::wstring sPit;
+    bool bHelp = false;
+};
+
+// Reads the options; false (after printing the usage) when they do not fit together.
+bool ParseOptions(int argc, wchar_t** argv, COptions& options)
+{
+    for (int i = 1; i < argc; ++i)
+    {
+        const std::wstring sArg = argv[i];
+        const bool bHasValue = i + 1 < argc;
+        if (sArg == L"--help" || sArg == L"-h")
+            options.bHelp = true;
+        else if (sArg == L"--answer-file" && bHasValue)
+            options.sAnsFile = argv[++i];
+        else if (sArg == L"--location" && bHasValue)
+            options.sLocation = argv[++i];
+        else if (sArg == L"--pit" && bHasValue)
+            options.sPit = argv[++i];
+        else
+            return false;
+    }
+    const bool bBoth = !options.sAnsFile.empty() && !options.sLocation.empty();
+    const bool bPitAlone = !options.sPit.empty() && options.sLocation.empty();
+    return !bBoth && !bPitAlone;
+}
 
 void PrintClient(morvane::VESK& client)
 {
     std::wstring sValue;
     if (client.GetModuleProperty(morvane::PROP_DESCRIPTION, sValue) == 0)
-        PrintLine(L"Description:  " + sValue);
+        PrintLine(L"Description:   " + sValue);
     if (client.GetModuleProperty(morvane::PROP_VERSION, sValue) == 0)
-        PrintLine(L"Version:      " + sValue);
+        PrintLine(L"Version:       " + sValue);
 
     static const struct
     {
@@ -50,20 +92,22 @@ void PrintClient(morvane::VESK& client)
         PrintLine(std::wstring(L"  ") +
                   (client.HasCapability(capability.enCapability) ? L"yes  " : L"no   ") +
                   capability.pwszName);
+}
 
-    client.GetLastErrorMsg(sValue);
-    PrintLine(L"Last error:   " + sValue);
+template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)
+{
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(hModule, pszName)));
 }
 
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
-    for (int i = 1; i < argc; ++i)
+    COptions options;
+    if (!ParseOptions(argc, argv, options) || options.bHelp)
     {
-        const std::wstring sArg = argv[i];
         PrintLine(kUsage);
-        return sArg == L"--help" || sArg == L"-h" ? 0 : 2;
+        return options.bHelp ? kExitOk : kExitUsage;
     }
 
     morvane::CUniqueLibrary hKefl(::LoadLibraryW(L"KEFL.dll"));
@@ -71,20 +115,42 @@ int wmain(int argc, wchar_t** argv)
     {
         const DWORD dwLastError = ::GetLastError();
         PrintLine(L"keflhost: cannot load KEFL.dll, error " + std::to_wstring(dwLastError));
-        return 1;
+        return kExitNoLibrary;
     }
-    auto pfnFactory = reinterpret_cast<morvane::FactoryFn>(
-        reinterpret_cast<void*>(::GetProcAddress(hKefl.get(), "Factory")));
-    if (!pfnFactory)
+    const auto pfnFactory = Export<morvane::FactoryFn>(hKefl.get(), "Factory");
+    const auto pfnCredentialsFactory =
+        Export<morvane::CredentialsFactoryFn>(hKefl.get(), "CredentialsFactory");
+    if (!pfnFactory || !pfnCredentialsFactory)
     {
-        PrintLine(L"keflhost: KEFL.dll exports no Factory");
-        return 1;
+        PrintLine(L"keflhost: KEFL.dll does not export Factory and CredentialsFactory");
+        return kExitNoLibrary;
     }
 
     std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);
     pClient->SetProgMsgCallbackFn(&keflhost::ProgMsg, 0);
     PrintClient(*pClient);
+    if (options.sAnsFile.empty() && options.sLocation.empty())
+        return kExitOk;
+
+    keflhost::CCredentialsPtr pCredentials =
+        options.sAnsFile.empty()
+            ? keflhost::CredentialsFromLocation(pfnCredentialsFactory, options.sLocation, options.sPit)
+            : keflhost::CredentialsFromAnswerFile(pfnCredentialsFactory, options.sAnsFile);
+    if (!pCredentials)
+        return kExitBadCredentials;
+    keflhost::PrintCredentials(*pCredentials);
+    pCredentials->Check();
+
+    const bool bInit = pClient->Init(pCredentials.get());
     pClient->Fini();
-    return 0;
+    if (!bInit)
+    {
+        std::wstring sError;
+        pClient->GetLastErrorMsg(sError);
+        PrintLine(L"keflhost: the restore session could not start: " + sError);
+        return kExitRestoreFailed;
+    }
+    PrintLine(L"Restore session started and ended.");
+    return kExitOk;
 }

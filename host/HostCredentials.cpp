@@ -1,0 +1,98 @@
+#include "host/HostCredentials.h"
+
+#include "host/HostOutput.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <vector>
+
+namespace keflhost
+{
+namespace
+{
+
+bool IsSet(const SYSTEMTIME& st)
+{
+    return st.wDay != 0;
+}
+
+// A temporary file that is deleted again whatever happens.
+class CTempAnswerFile
+{
+public:
+    CTempAnswerFile()
+    {
+        wchar_t wszDir[MAX_PATH] = {};
+        wchar_t wszPath[MAX_PATH] = {};
+        if (::GetTempPathW(MAX_PATH, wszDir) && ::GetTempFileNameW(wszDir, L"kfl", 0, wszPath))
+            m_sPath = wszPath;
+    }
+    ~CTempAnswerFile()
+    {
+        if (!m_sPath.empty())
+            ::DeleteFileW(m_sPath.c_str());
+    }
+    CTempAnswerFile(const CTempAnswerFile&) = delete;
+    CTempAnswerFile& operator=(const CTempAnswerFile&) = delete;
+    const std::wstring& Path() const { return m_sPath; }
+
+private:
+    std::wstring m_sPath;
+};
+
+} // namespace
+
+CCredentialsPtr CredentialsFromAnswerFile(morvane::CredentialsFactoryFn pfnFactory,
+                                          const std::wstring& sAnsFile)
+{
+    CCredentialsPtr pCredentials(pfnFactory());
+    if (!pCredentials->GetCredentialsFromAnsFile(sAnsFile))
+    {
+        PrintLine(L"keflhost: the answer file " + sAnsFile + L" names no backup location");
+        return nullptr;
+    }
+    return pCredentials;
+}
+
+CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory,
+                                        const std::wstring& sLocation, const std::wstring& sPit)
+{
+    CTempAnswerFile ansFile;
+    if (ansFile.Path().empty())
+    {
+        PrintLine(L"keflhost: cannot make a temporary answer file, error " +
+                  std::to_wstring(::GetLastError()));
+        return nullptr;
+    }
+    const wchar_t kSection[] = L"ZovaBackupLocation";
+    ::WritePrivateProfileStringW(kSection, L"Location", sLocation.c_str(), ansFile.Path().c_str());
+    ::WritePrivateProfileStringW(kSection, L"PointInTime", sPit.c_str(), ansFile.Path().c_str());
+    CCredentialsPtr pCredentials = CredentialsFromAnswerFile(pfnFactory, ansFile.Path());
+    // The library takes an unusable point in time for "the latest backup"; a user who typed one
+    // wants to hear that it was not taken.
+    if (pCredentials && !sPit.empty() && !IsSet(pCredentials->m_Pit))
+    {
+        PrintLine(L"keflhost: \"" + sPit + L"\" is not a valid point in time (dd/mm/yyyy hh:mm:ss)");
+        return nullptr;
+    }
+    return pCredentials;
+}
+
+void PrintCredentials(morvane::VeskCredentials& credentials)
+{
+    auto& kefl = static_cast<morvane::KeflCredentials&>(credentials);
+    PrintLine(L"Location:      " + kefl.m_sTargetPath);
+    const SYSTEMTIME& st = credentials.m_Pit;
+    if (!IsSet(st))
+    {
+        PrintLine(L"Point in time: the latest backup");
+        return;
+    }
+    wchar_t wszPit[32];
+    std::swprintf(wszPit, 32, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
+                  st.wMinute, st.wSecond);
+    PrintLine(std::wstring(L"Point in time: ") + wszPit);
+}
+
+} // namespace keflhost

@@ -1,0 +1,30 @@
+#pragma once
+// Credentials for the restore, made by the library's CredentialsFactory and filled the way the
+// recovery host fills them: from the recovery answer file, or from a location and point in time
+// that the user typed.
+#include "VESK.h"
+#include "VeskCredentials.h"
+
+#include <memory>
+#include <string>
+
+namespace keflhost
+{
+
+struct CCredentialsDeleter
+{
+    void operator()(morvane::VeskCredentials* p) const { delete p; }
+};
+using CCredentialsPtr = std::unique_ptr<morvane::VeskCredentials, CCredentialsDeleter>;
+
+// Reads the answer file; null (with the reason printed) when it names no location.
+CCredentialsPtr CredentialsFromAnswerFile(morvane::CredentialsFactoryFn pfnFactory,
+                                          const std::wstring& sAnsFile);
+// A location and an optional point in time ("dd/mm/yyyy hh:mm:ss"), passed through an answer
+// file of their own so that the library checks them as it checks the host's. Null (with the
+// reason printed) when the point in time is not valid.
+CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory,
+                                        const std::wstring& sLocation, const std::wstring& sPit);
+void PrintCredentials(morvane::VeskCredentials& credentials);
+
+} // namespace keflhost
