@@ -7,6 +7,21 @@
 
 namespace morvane
 {
+namespace
+{
+
+// The start of both answer-file operations: entry trace and the path's check.
+bool BeginAnswerFileOperation(const wchar_t* pwszFunction, const std::wstring& sAnsFile)
+{
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"sAnsFile", sAnsFile);
+    if (!sAnsFile.empty())
+        return true;
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(Invalid answer file path)");
+    return false;
+}
+
+} // namespace
 
 KeflCredentials::KeflCredentials() = default;
 
@@ -44,13 +59,8 @@ bool KeflCredentials::Check()
 bool KeflCredentials::GetCredentialsFromAnsFile(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::GetCredentialsFromAnsFile";
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sAnsFile", sAnsFile);
-    if (sAnsFile.empty())
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Invalid answer file path)");
+    if (!BeginAnswerFileOperation(kFn, sAnsFile))
         return false;
-    }
     wchar_t wszLocation[260] = {};
     ::GetPrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"", wszLocation, 260,
                                sAnsFile.c_str());
@@ -75,13 +85,8 @@ bool KeflCredentials::GetCredentialsFromAnsFile(const std::wstring& sAnsFile)
 bool KeflCredentials::SetAnsFileFromCredentials(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::SetAnsFileFromCredentials";
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sAnsFile", sAnsFile);
-    if (sAnsFile.empty())
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Invalid answer file path)");
+    if (!BeginAnswerFileOperation(kFn, sAnsFile))
         return false;
-    }
     // Empties the section in the system's own profile, not in the answer file: the answer
     // file's other keys of the section are kept and only the two below are rewritten.
     ::WriteProfileSectionW(g_sAnsSection.c_str(), L"\0");
