@@ -1,0 +1,205 @@
+// Starting a command with piped output and its monitor thread; the session's waits and resets.
+#include "runner/CommandRunner.h"
+
+#include "client/MessageIds.h"
+#include "client/VESKImpl.h"
+#include "trace/TraceObjects.h"
+
+#include <vector>
+
+namespace morvane
+{
+namespace
+{
+
+void TraceLastError(uint32_t uiLevel, const wchar_t* pwszFunction, DWORD dwLastError)
+{
+    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
+}
+
+// A descriptor with a null DACL: the pipe and the child's handles are open to anyone.
+bool InitNullDacl(SECURITY_DESCRIPTOR& sd, const wchar_t* pwszFunction)
+{
+    if (!::InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction,
+                                 L"... ending(InitializeSecurityDescriptor failed)");
+        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        return false;
+    }
+    if (!::SetSecurityDescriptorDacl(&sd, TRUE, nullptr, FALSE))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(SetSecurityDescriptorDacl failed)");
+        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        return false;
+    }
+    return true;
+}
+
+// The command line for CreateProcessA: in the current code page, writable, null-terminated.
+std::vector<char> NarrowCommandLine(const std::wstring& sCmd)
+{
+    const int cch = static_cast<int>(sCmd.size());
+    const int cb = ::WideCharToMultiByte(CP_ACP, 0, sCmd.data(), cch, nullptr, 0, nullptr, nullptr);
+    std::vector<char> vCmd(static_cast<size_t>(cb > 0 ? cb : 0) + 1, '\0');
+    if (cb > 0)
+        ::WideCharToMultiByte(CP_ACP, 0, sCmd.data(), cch, vCmd.data(), cb, nullptr, nullptr);
+    return vCmd;
+}
+
+} // namespace
+
+CCommandRunner::CCommandRunner(VESKImpl& base) : m_base(base) {}
+
+CCommandRunner::~CCommandRunner()
+{
+    // A running monitor refers to this object's handle slots.
+    WaitForMonitor();
+}
+
+void CCommandRunner::SetReadProgressFn(ReadProgressFn pfnReadProgress, uint64_t ullContext)
+{
+    m_pfnReadProgress = pfnReadProgress;
+    m_ullReadProgressCtx = ullContext;
+}
+
+bool CCommandRunner::RunCommand(const std::wstring& sCmd)
+{
+    static const wchar_t kFn[] = L"KEFLImpl::RunCommand";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    if (sCmd.empty())
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Invalid command)");
+        return false;
+    }
+
+    // The previous run's monitor must be done with the handle slots before they are reused.
+    WaitForMonitor();
+    CloseChildHandles();
+    ResetReadState();
+    m_bFinished = false;
+
+    SECURITY_DESCRIPTOR sd;
+    if (!InitNullDacl(sd, kFn))
+        return false;
+
+    // The child's standard input: this process's console, inheritable.
+    SECURITY_ATTRIBUTES saConsole = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    CUniqueFile hConsoleIn(::CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &saConsole,
+                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!hConsoleIn)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"CreateFile(CONIN) failed");
+        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        // The message as the product has always logged it: unformatted.
+        m_base.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
+        return false;
+    }
+
+    // One pipe for the child's standard output and error; both ends inheritable.
+    if (!InitNullDacl(sd, kFn))
+        return false;
+    SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), &sd, TRUE};
+    CUniqueFile hPipeRead;
+    CUniqueFile hPipeWrite;
+    if (!::CreatePipe(hPipeRead.put(), hPipeWrite.put(), &sa, kBufferBytes))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        // Nothing was created; what the call left in the slots is no handle.
+        hPipeRead.release();
+        hPipeWrite.release();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Create STDOUT pipe failed)");
+        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        return false;
+    }
+
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sCmd", sCmd);
+
+    STARTUPINFOA si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESHOWWINDOW | STARTF_USESTDHANDLES;
+    si.wShowWindow = SW_HIDE;
+    si.hStdInput = hConsoleIn.get();
+    si.hStdOutput = hPipeWrite.get();
+    si.hStdError = hPipeWrite.get();
+    PROCESS_INFORMATION pi = {};
+    std::vector<char> vCmdLine = NarrowCommandLine(sCmd);
+    // A process group of its own, so that a console break reaches the child and not us.
+    if (!::CreateProcessA(nullptr, vCmdLine.data(), &sa, &sa, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
+                          nullptr, &si, &pi))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(CreateProcess failed)");
+        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        return false; // closes the console input and both pipe ends
+    }
+
+    m_hConsoleIn = std::move(hConsoleIn);
+    m_hPipeRead = std::move(hPipeRead);
+    m_hPipeWrite = std::move(hPipeWrite);
+    m_hProcess.reset(pi.hProcess);
+    m_hThread.reset(pi.hThread);
+    m_dwProcessId = pi.dwProcessId;
+    m_dwThreadId = pi.dwThreadId;
+
+    m_monitorParams.phCommandMutex = &m_hCommandMutex;
+    m_monitorParams.phProcess = &m_hProcess;
+    m_monitorParams.phThread = &m_hThread;
+    m_monitorParams.phPipeWrite = &m_hPipeWrite;
+    m_monitorParams.dwProcessId = m_dwProcessId;
+    m_monitorParams.pbAbort = &m_bAbort;
+
+    CUniqueHandle hStarted(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    m_monitorParams.hStarted = hStarted.get();
+
+    DWORD dwThreadId = 0;
+    CUniqueHandle hMonitor(::CreateThread(nullptr, 0, &ThreadEndCommand, &m_monitorParams, 0, &dwThreadId));
+    if (!hMonitor)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to create monitoring thread)");
+        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        // Nobody would close our copy of the pipe's write end after the child, so its output would
+        // never end: the unwatched child is stopped and every handle of the run closed.
+        ::TerminateProcess(m_hProcess.get(), 1);
+        CloseChildHandles();
+        return false;
+    }
+    // The monitor runs detached; the session waits for it through the command mutex, which the
+    // monitor has made once it signals its start.
+    if (hStarted)
+        ::WaitForSingleObject(hStarted.get(), INFINITE);
+    m_monitorParams.hStarted = nullptr;
+    hMonitor.reset();
+
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwThreadId", static_cast<int64_t>(dwThreadId));
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+void CCommandRunner::CloseChildHandles()
+{
+    // The command mutex is not the run's but the monitor's: WaitForMonitor closes it.
+    m_hConsoleIn.reset();
+    m_hPipeRead.reset();
+    m_hPipeWrite.reset();
+    m_hProcess.reset();
+    m_hThread.reset();
+    m_dwProcessId = 0;
+    m_dwThreadId = 0;
+}
+
+void CCommandRunner::WaitForMonitor()
+{
+    if (!m_hCommandMutex)
+        return;
+    // Abandoned (the monitor ended without releasing it) gives us ownership as well.
+    ::WaitForSingleObject(m_hCommandMutex.get(), INFINITE);
+    ::ReleaseMutex(m_hCommandMutex.get());
+    m_hCommandMutex.reset();
+}
+
+} // namespace morvane
