@@ -1,8 +1,10 @@
 #include "session/KEFLImpl.h"
 
 #include "client/ModuleName.h"
+#include "links/LinkPointFiles.h"
 #include "session/ModuleDescription.h"
 #include "trace/TraceObjects.h"
+#include "volumes/LocationTranslation.h"
 
 namespace morvane
 {
@@ -75,6 +77,8 @@ bool KEFLImpl::Fini()
 {
     static const wchar_t kFn[] = L"KEFLImpl::Fini";
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    // A command's monitor thread may still be watching its child: wait until it lets go.
+    m_CommandRunner.WaitForMonitor();
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }
@@ -115,6 +119,46 @@ uint32_t KEFLImpl::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiRc", static_cast<int64_t>(uiRc));
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return uiRc;
+}
+
+bool KEFLImpl::ConvertDLtoVOL(const std::wstring& sPathIn, std::wstring& sPathOut)
+{
+    return ::morvane::ConvertDLtoVOL(sPathIn, sPathOut);
+}
+
+bool KEFLImpl::ConvertVOLtoDL(const std::wstring& sPathIn, std::wstring& sPathOut)
+{
+    return ::morvane::ConvertVOLtoDL(sPathIn, sPathOut);
+}
+
+bool KEFLImpl::CheckIfWebDAV(const std::wstring& sPath, bool& bIsWebDAV)
+{
+    return ::morvane::CheckIfWebDAV(sPath, bIsWebDAV);
+}
+
+bool KEFLImpl::ParsePoint(const std::wstring& sPath, PointList& list)
+{
+    return ::morvane::ParsePoint(sPath, list);
+}
+
+bool KEFLImpl::ParseHPoint(const std::wstring& sPath, PointList& list)
+{
+    return ::morvane::ParseHPoint(sPath, list);
+}
+
+bool KEFLImpl::RunCommand(const std::wstring& sCmd)
+{
+    return m_CommandRunner.RunCommand(sCmd);
+}
+
+bool KEFLImpl::GetLine(std::wstring& sLine, bool bTraceLine)
+{
+    return m_CommandRunner.GetLine(sLine, bTraceLine);
+}
+
+bool KEFLImpl::ReadChar(char& c)
+{
+    return m_CommandRunner.ReadChar(c);
 }
 
 } // namespace morvane

@@ -3,6 +3,8 @@
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/VESKImpl.h"
+#include "links/Point.h"
+#include "runner/CommandRunner.h"
 
 #include <windows.h>
 
@@ -28,6 +30,20 @@ public:
     bool RestoreLinks();
     uint32_t GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue);
 
+    // Backup locations (volumes/): the letter-free form, back to today's letter, WebDAV or not.
+    bool ConvertDLtoVOL(const std::wstring& sPathIn, std::wstring& sPathOut);
+    bool ConvertVOLtoDL(const std::wstring& sPathIn, std::wstring& sPathOut);
+    bool CheckIfWebDAV(const std::wstring& sPath, bool& bIsWebDAV);
+
+    // Link-point files (links/).
+    bool ParsePoint(const std::wstring& sPath, PointList& list);
+    bool ParseHPoint(const std::wstring& sPath, PointList& list);
+
+    // The command runner (runner/).
+    bool RunCommand(const std::wstring& sCmd);
+    bool GetLine(std::wstring& sLine, bool bTraceLine);
+    bool ReadChar(char& c);
+
 private:
     using CreateSymbolicLinkFn = BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
     using CreateHardLinkFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPSECURITY_ATTRIBUTES);
@@ -43,6 +59,15 @@ private:
     std::wstring m_sDescription;
     CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW = nullptr; // null where the system lacks them
     CreateHardLinkFn m_pfnCreateHardLinkW = nullptr;
+
+    // The backup's link points, one list per link-point file.
+    PointList m_JunctionPoints; // JPoint.dat
+    PointList m_MountPoints;    // MPoint.dat
+    PointList m_HardLinks;      // HPoint.dat
+    PointList m_SymbolicLinks;  // SPoint.dat
+
+    // The child processes of the session (XCOPY) and their monitor thread.
+    CCommandRunner m_CommandRunner{*this};
 };
 
 } // namespace morvane

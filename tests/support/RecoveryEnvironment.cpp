@@ -47,13 +47,16 @@ void WriteTextFile(const std::wstring& sPath, const std::string& sText)
         ::WriteFile(hFile.get(), sText.data(), static_cast<DWORD>(sText.size()), &cbWritten, nullptr));
 
     // A time of its own for every write: Wine answers profile reads from a cache while a file's
-    // name and modification time stay the same.
+    // name and modification time stay the same. In the past, a day back and a second apart: Wine
+    // reads a file dated in the future or changed in the last seconds afresh on every call, which
+    // makes large files slow.
     static LONGLONG s_llTick = 0;
     FILETIME ft;
     ::GetSystemTimeAsFileTime(&ft);
     ULARGE_INTEGER t;
     t.LowPart = ft.dwLowDateTime;
     t.HighPart = ft.dwHighDateTime;
+    t.QuadPart -= 86400ULL * 10000000ULL;
     t.QuadPart += static_cast<ULONGLONG>(++s_llTick) * 10000000ULL;
     ft.dwLowDateTime = t.LowPart;
     ft.dwHighDateTime = t.HighPart;
