@@ -67,22 +67,6 @@ bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
     return false;
 }
 
-bool KEFLImpl::Init(VeskCredentials* /*pCredentials*/)
-{
-    ReadTraceLevels(L"KEFLImpl::Init");
-    return NotAvailable(L"KEFLImpl::Init");
-}
-
-bool KEFLImpl::Fini()
-{
-    static const wchar_t kFn[] = L"KEFLImpl::Fini";
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    // A command's monitor thread may still be watching its child: wait until it lets go.
-    m_CommandRunner.WaitForMonitor();
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
-    return true;
-}
-
 bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& /*vFilespaces*/)
 {
     return NotAvailable(L"KEFLImpl::GetFilespaceList");

@@ -1,5 +1,8 @@
 #pragma once
 // The state of one restore and its operations. KEFL forwards the host's calls here.
+//
+// One file a job: KEFLImpl.cpp (construction, properties, forwarding to volumes/, links/ and
+// runner/), SessionSetup.cpp (Init, Fini, the session's reset).
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/VESKImpl.h"
@@ -50,6 +53,10 @@ private:
 
     // Re-reads trace.ini and traces the two levels.
     void ReadTraceLevels(const wchar_t* pwszFunction);
+    // Back to an empty session: no child-process handles, no link points, no console.
+    void Reset();
+    // The link-point files of the backup's data folder, in the order J, M, H, S.
+    bool ParseLinkPointFiles(const std::wstring& sDataFolder);
     // The answer of a restore operation that this build does not have yet.
     bool NotAvailable(const wchar_t* pwszFunction);
 
@@ -59,6 +66,15 @@ private:
     std::wstring m_sDescription;
     CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW = nullptr; // null where the system lacks them
     CreateHardLinkFn m_pfnCreateHardLinkW = nullptr;
+
+    // The backup: where the credentials put it, its letter-free form, and the drive-letter path
+    // through which its files are reached now.
+    bool m_bInitialised = false;
+    std::wstring m_sTargetPath;
+    SYSTEMTIME m_Pit = {};
+    std::wstring m_sTargetLocation;
+    bool m_bIsWebDAV = false;
+    std::wstring m_sLocalPath;
 
     // The backup's link points, one list per link-point file.
     PointList m_JunctionPoints; // JPoint.dat
