@@ -67,16 +67,6 @@ bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
     return false;
 }
 
-bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& /*vFilespaces*/)
-{
-    return NotAvailable(L"KEFLImpl::GetFilespaceList");
-}
-
-bool KEFLImpl::RestoreFilespace(Filespace& /*fs*/)
-{
-    return NotAvailable(L"KEFLImpl::RestoreFilespace");
-}
-
 bool KEFLImpl::RestoreLinks()
 {
     return NotAvailable(L"KEFLImpl::RestoreLinks");

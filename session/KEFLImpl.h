@@ -2,12 +2,15 @@
 // The state of one restore and its operations. KEFL forwards the host's calls here.
 //
 // One file a job: KEFLImpl.cpp (construction, properties, forwarding to volumes/, links/ and
-// runner/), SessionSetup.cpp (Init, Fini, the session's reset).
+// runner/), SessionSetup.cpp (Init, Fini, the session's reset), FilespaceDiscovery.cpp
+// (GetFilespaceList, GetBOOTandSYSTEM, Convert_FILETIME), ConfigRestore.cpp (CheckIfConfigDL,
+// GetConfig), FilespaceRestore.cpp (RestoreFilespace, CountFiles, CopyFileWithProgress).
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/VESKImpl.h"
 #include "links/Point.h"
 #include "runner/CommandRunner.h"
+#include "session/WalkList.h"
 
 #include <windows.h>
 
@@ -47,6 +50,18 @@ public:
     bool GetLine(std::wstring& sLine, bool bTraceLine);
     bool ReadChar(char& c);
 
+    // Filespace discovery.
+    bool GetBOOTandSYSTEM();
+    bool Convert_FILETIME(FILETIME& ft, SYSTEMTIME& st);
+
+    // Configuration restore.
+    bool CheckIfConfigDL(wchar_t cDriveLetter);
+    bool GetConfig();
+
+    // Filespace restore.
+    bool CountFiles(const std::wstring& sFolder, CWalkList& walkList, ProgMsg& progress);
+    bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, ProgMsg& progress);
+
 private:
     using CreateSymbolicLinkFn = BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
     using CreateHardLinkFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPSECURITY_ATTRIBUTES);
@@ -75,6 +90,14 @@ private:
     std::wstring m_sTargetLocation;
     bool m_bIsWebDAV = false;
     std::wstring m_sLocalPath;
+
+    // What the backup's configuration says of the recovered Windows: the drive of its folder
+    // (called BOOT here), the drive it starts from (SYSTEM), and the folder; and where the
+    // configuration was copied to.
+    wchar_t m_wcWinBOOT = L'-';
+    wchar_t m_wcWinSYSTEM = L'-';
+    std::wstring m_sWinDir;
+    std::wstring m_sConfigDir;
 
     // The backup's link points, one list per link-point file.
     PointList m_JunctionPoints; // JPoint.dat
