@@ -32,18 +32,4 @@ int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t /*ullContext
     return 0;
 }
 
-int32_t ProgMsg(const morvane::ProgMsg* pMsg, uint64_t /*ullContext*/)
-{
-    if (!pMsg)
-        return 0;
-    std::wstring sLine = L"[progress] ";
-    if (!pMsg->sTitle.empty())
-        sLine += pMsg->sTitle + L": ";
-    sLine += pMsg->sText.empty() ? pMsg->sPath : pMsg->sText;
-    if (pMsg->ullTotal != 0)
-        sLine += L" (" + std::to_wstring(pMsg->ullDone) + L"/" + std::to_wstring(pMsg->ullTotal) + L")";
-    PrintLine(sLine);
-    return 0;
-}
-
 } // namespace keflhost

@@ -9,8 +9,7 @@ namespace keflhost
 
 void PrintLine(const std::wstring& sText);
 
-// The library's callbacks: every user message with its severity, every progress report.
+// The library's log callback: every user message with its severity.
 int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullContext);
-int32_t ProgMsg(const morvane::ProgMsg* pMsg, uint64_t ullContext);
 
 } // namespace keflhost

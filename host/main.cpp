@@ -1,28 +1,29 @@
 // keflhost: our command-line recovery host. It loads KEFL.dll as the recovery host does (by name
 // from its own folder, through the exported factories), registers its callbacks, shows what the
-// client is, builds the credentials of a restore and hands them to the client.
+// client is, builds the credentials of a restore, lists the backup's filespaces and restores them.
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "host/HostCredentials.h"
 #include "host/HostOutput.h"
+#include "host/RestoreDriver.h"
 #include "platform/UniqueHandle.h"
 
 #include <windows.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 using keflhost::PrintLine;
 
 namespace
 {
 
-// Exit codes.
+// Exit codes (a restore run adds keflhost::kRestoreSessionFailed and kRestoreIncomplete).
 constexpr int kExitOk = 0;
 constexpr int kExitNoLibrary = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitBadCredentials = 3;
-constexpr int kExitRestoreFailed = 4;
 
 struct CVeskDeleter
 {
@@ -31,18 +32,41 @@ struct CVeskDeleter
 
 const wchar_t kUsage[] =
     L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
+    L"                [--list | --restore C,D,C:\\Mount\\Data]\n"
     L"Loads KEFL.dll from this program's folder and prints the client's description, version and\n"
     L"capabilities. With credentials (from the recovery answer file's section ZovaBackupLocation, or\n"
-    L"a backup folder and an optional point in time) it starts a restore session with them.\n"
-    L"Messages of the client are shown as [info], [warning] or [error].";
+    L"a backup folder and an optional point in time) it lists the backup's filespaces and restores\n"
+    L"them all, or those named after --restore (drive letters or mount-point folders); --list stops\n"
+    L"after the list. Messages of the client are shown as [info], [warning] or [error].\n"
+    L"Exit status: 0 all restored, 1 no library, 2 usage, 3 credentials refused, 4 the session could\n"
+    L"not start or list, 5 not everything was restored.";
 
 struct COptions
 {
     std::wstring sAnsFile;
     std::wstring sLocation;
     std::wstring sPit;
+    keflhost::CRestoreRequest request;
     bool bHelp = false;
 };
+
+std::vector<std::wstring> SplitList(const std::wstring& sList)
+{
+    std::vector<std::wstring> vItems;
+    size_t pos = 0;
+    while (pos <= sList.size())
+    {
+        const size_t posComma = sList.find(L',', pos);
+        const std::wstring sItem =
+            sList.substr(pos, posComma == std::wstring::npos ? std::wstring::npos : posComma - pos);
+        if (!sItem.empty())
+            vItems.push_back(sItem);
+        if (posComma == std::wstring::npos)
+            break;
+        pos = posComma + 1;
+    }
+    return vItems;
+}
 
 // Reads the options; false (after printing the usage) when they do not fit together.
 bool ParseOptions(int argc, wchar_t** argv, COptions& options)
@@ -59,12 +83,19 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
             options.sLocation = argv[++i];
         else if (sArg == L"--pit" && bHasValue)
             options.sPit = argv[++i];
+        else if (sArg == L"--list")
+            options.request.bListOnly = true;
+        else if (sArg == L"--restore" && bHasValue)
+            options.request.vSelected = SplitList(argv[++i]);
         else
             return false;
     }
     const bool bBoth = !options.sAnsFile.empty() && !options.sLocation.empty();
     const bool bPitAlone = !options.sPit.empty() && options.sLocation.empty();
-    return !bBoth && !bPitAlone;
+    const bool bNoCredentials = options.sAnsFile.empty() && options.sLocation.empty();
+    const bool bRestoreAlone =
+        bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty());
+    return !bBoth && !bPitAlone && !bRestoreAlone;
 }
 
 void PrintClient(morvane::VESK& client)
@@ -128,7 +159,9 @@ int wmain(int argc, wchar_t** argv)
 
     std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);
-    pClient->SetProgMsgCallbackFn(&keflhost::ProgMsg, 0);
+    keflhost::CProgressDisplay display;
+    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress,
+                                  reinterpret_cast<uintptr_t>(&display));
     PrintClient(*pClient);
     if (options.sAnsFile.empty() && options.sLocation.empty())
         return kExitOk;
@@ -142,15 +175,5 @@ int wmain(int argc, wchar_t** argv)
     keflhost::PrintCredentials(*pCredentials);
     pCredentials->Check();
 
-    const bool bInit = pClient->Init(pCredentials.get());
-    pClient->Fini();
-    if (!bInit)
-    {
-        std::wstring sError;
-        pClient->GetLastErrorMsg(sError);
-        PrintLine(L"keflhost: the restore session could not start: " + sError);
-        return kExitRestoreFailed;
-    }
-    PrintLine(L"Restore session started and ended.");
-    return kExitOk;
+    return keflhost::RunRestore(*pClient, *pCredentials, options.request, display);
 }

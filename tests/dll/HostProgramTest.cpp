@@ -70,4 +70,5 @@ TEST_F(KeflFixture, HostRefusesAPointInTimeTheClientWouldNotTake)
 
     EXPECT_EQ(2u, RunHost(L"--pit \"05/11/2015 14:03:09\"").dwExitCode) << "a point in time needs a location";
     EXPECT_EQ(2u, RunHost(L"--answer-file a.ini --location R:\\Backup").dwExitCode) << "one source only";
+    EXPECT_EQ(2u, RunHost(L"--list").dwExitCode) << "listing needs credentials";
 }
