@@ -1,23 +1,427 @@
 // One filespace copied back onto the recovered machine, file by file as backup streams.
 #include "session/KEFLImpl.h"
 
+#include "client/MessageIds.h"
+#include "platform/UniqueHandle.h"
+#include "trace/TraceObjects.h"
+
+#include <cwchar>
+#include <new>
+#include <vector>
+
 namespace morvane
 {
-
-bool KEFLImpl::RestoreFilespace(Filespace& /*fs*/)
+namespace
 {
-    return NotAvailable(L"KEFLImpl::RestoreFilespace");
+
+const wchar_t kRestoreFilespace[] = L"KEFLImpl::RestoreFilespace";
+const wchar_t kCountFiles[] = L"KEFLImpl::CountFiles";
+const wchar_t kCopyFile[] = L"KEFLImpl::CopyFileWithProgress";
+
+// Filespace.dwFsFlags: the filespace is a mount point, not a drive.
+constexpr uint32_t kFsFlagMountPoint = 0x8;
+
+// Progress states of a filespace restore.
+constexpr uint32_t kStateStarting = 1;
+constexpr uint32_t kStateCountFailed = 3;
+constexpr uint32_t kStateText = 7;
+
+// The unit of BackupRead and BackupWrite.
+constexpr DWORD kCopyBufferBytes = 65536;
+
+// The source is opened exclusively; a file that something else holds open gets this many tries,
+// this far apart.
+constexpr int kOpenAttempts = 10;
+constexpr DWORD kOpenRetryMs = 30000;
+
+const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+// The "\\?\" form of a full path, so that paths of more than MAX_PATH characters work.
+std::wstring LongPath(const std::wstring& sPath)
+{
+    if (sPath.rfind(L"\\\\?\\", 0) == 0)
+        return sPath;
+    if (sPath.rfind(L"\\\\", 0) == 0)
+        return L"\\\\?\\UNC\\" + sPath.substr(2);
+    return L"\\\\?\\" + sPath;
 }
 
-bool KEFLImpl::CountFiles(const std::wstring& /*sFolder*/, CWalkList& /*walkList*/, ProgMsg& /*progress*/)
+bool Contains(const std::wstring& sText, const wchar_t* pwszPart)
 {
+    return sText.find(pwszPart) != std::wstring::npos;
+}
+
+// Folders that Windows makes for itself on every volume; they are not restored.
+bool IsSkippedDirectory(const std::wstring& sDst)
+{
+    return Contains(sDst, L":\\RECYCLER") || Contains(sDst, L":\\$Recycle.Bin") ||
+           Contains(sDst, L":\\System Volume Information");
+}
+
+// Files in those folders, and the hibernation and paging files at a volume's root.
+bool IsSkippedFile(const std::wstring& sDst)
+{
+    return Contains(sDst, L":\\RECYCLER\\") || Contains(sDst, L":\\$Recycle.Bin\\") ||
+           Contains(sDst, L":\\System Volume Information\\") || Contains(sDst, L":\\hiberfil.sys") ||
+           Contains(sDst, L":\\pagefile.sys");
+}
+
+bool EndRestore(const wchar_t* pwszReason)
+{
+    g_KeflTrace.TraceMessage(TRACE_ERROR, kRestoreFilespace, pwszReason);
     return false;
 }
 
-bool KEFLImpl::CopyFileWithProgress(const std::wstring& /*sSrc*/, const std::wstring& /*sDst*/,
-                                    ProgMsg& /*progress*/)
+void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError)
 {
-    return false;
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
+}
+
+} // namespace
+
+bool KEFLImpl::RestoreFilespace(Filespace& fs)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    if (m_sTargetLocation.empty())
+    {
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
+        return EndRestore(L"... ending(Target location not set)");
+    }
+
+    // Where the files go: a drive's root or a mount point's folder, which MPoint.dat must know.
+    const bool bMountPoint = (fs.dwFsFlags & kFsFlagMountPoint) != 0;
+    const Point* pMountPoint = nullptr;
+    if (bMountPoint)
+    {
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.sFsMountDir", fs.sFsMountDir);
+        for (const Point& point : m_MountPoints)
+        {
+            if (_wcsicmp(point.sLink.c_str(), fs.sFsMountDir.c_str()) == 0)
+            {
+                pMountPoint = &point;
+                break;
+            }
+        }
+        if (!pMountPoint)
+        {
+            LogVarMsg(MSG_SEVERITY_ERROR, IDS_UNKNOWN_MOUNT_POINT, fs.sFsMountDir.c_str());
+            return EndRestore(L"... ending(Mount point unknown)");
+        }
+        g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Valid mount point supplied");
+    }
+    else
+    {
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.wcFsDriveLetter", fs.wcFsDriveLetter);
+        // wcschr finds the terminator too: a NUL letter is no letter.
+        if (fs.wcFsDriveLetter == L'\0' || !std::wcschr(kDriveLetters, fs.wcFsDriveLetter))
+        {
+            LogVarMsg(MSG_SEVERITY_ERROR, IDS_INVALID_DRIVE_LETTER, fs.wcFsDriveLetter);
+            return EndRestore(L"... ending(Drive letter not valid)");
+        }
+    }
+
+    std::wstring sLocalPath;
+    if (!ConvertVOLtoDL(m_sTargetLocation, sLocalPath))
+    {
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
+        return EndRestore(L"... ending(ConvertVOLtoDL failed)");
+    }
+    // The backup keeps each drive in a folder named after its letter, and a mount point's files
+    // inside the folder of the drive that holds the mount point, at the mount point's own path:
+    // C:\Mount\Data is R:\Backup\C\Mount\Data. The path is taken from MPoint.dat's section name
+    // rather than from its BackupTarget, which carries the backup drive's letter of that time.
+    std::wstring sSrcFolder;
+    std::wstring sDstFolder;
+    if (bMountPoint)
+    {
+        const std::wstring& sLink = pMountPoint->sLink;
+        const std::wstring sDirPart = sLink.size() >= 2 && sLink[1] == L':' ? sLink.substr(2) : sLink;
+        sSrcFolder = sLocalPath + L"\\" + sLink.substr(0, 1) + sDirPart;
+        sDstFolder = fs.sFsMountDir;
+        while (sSrcFolder.size() > 3 && sSrcFolder.back() == L'\\')
+            sSrcFolder.pop_back();
+        while (sDstFolder.size() > 3 && sDstFolder.back() == L'\\')
+            sDstFolder.pop_back();
+    }
+    else
+    {
+        sSrcFolder = sLocalPath + L"\\" + fs.wcFsDriveLetter;
+        // No backslash: the source folder's part of each path is replaced, giving "C:\...".
+        sDstFolder = std::wstring(1, fs.wcFsDriveLetter) + L":";
+    }
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sSrcFolder", sSrcFolder);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDstFolder", sDstFolder);
+
+    // The destination volume must be there.
+    const std::wstring sDstRoot = sDstFolder + L"\\";
+    if (!::GetVolumeInformationW(sDstRoot.c_str(), nullptr, 0, nullptr, nullptr, nullptr, nullptr, 0))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"GetVolumeInformation failed");
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_RESTORE_DRIVE_FAILED);
+        return EndRestore(L"...ending(Destination drive letter / mount directory not found)");
+    }
+
+    if (bMountPoint)
+        LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORING_MOUNT, fs.sFsMountDir.c_str());
+    else
+        LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORING_DRIVE, fs.wcFsDriveLetter);
+
+    ProgMsg progress{};
+    progress.sPath = fs.sFsPath;
+    progress.wcDriveLetter = fs.wcFsDriveLetter;
+    progress.uiState = kStateStarting;
+    if (m_pfnProgMsg)
+        m_pfnProgMsg(&progress, m_pProgMsgCtx);
+    if (m_hModule)
+    {
+        wchar_t wszText[1024] = {};
+        ::LoadStringW(m_hModule, IDS_COUNTING_OBJECTS, wszText, 1024);
+        progress.sText = wszText;
+        progress.uiState = kStateText;
+        if (m_pfnProgMsg)
+            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+    }
+
+    CWalkList walk;
+    if (!CountFiles(sSrcFolder, walk, progress))
+    {
+        progress.uiState = kStateCountFailed;
+        if (m_pfnProgMsg)
+            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
+        return EndRestore(L"... ending(CountFiles failed)");
+    }
+    progress.ullTotal = walk.ullBytes;
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullFiles", static_cast<int64_t>(walk.ullFiles));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullDirectories",
+                           static_cast<int64_t>(walk.ullDirectories));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
+
+    // Parents come before their children in the walk, so each folder exists before its content.
+    // A failing entry is noted and the walk goes on: as much as possible is restored.
+    bool bFailed = false;
+    for (const CWalkEntry& entry : walk.vEntries)
+    {
+        const std::wstring sDst = sDstFolder + entry.sPath.substr(sSrcFolder.size());
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+        if (entry.bDirectory)
+        {
+            if (!IsSkippedDirectory(sDst) && !::CreateDirectoryW(LongPath(sDst).c_str(), nullptr))
+            {
+                const DWORD dwLastError = ::GetLastError();
+                if (dwLastError != ERROR_ALREADY_EXISTS)
+                {
+                    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+                    TraceLastError(kFn, dwLastError);
+                    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to create folder");
+                    bFailed = true;
+                }
+            }
+        }
+        else if (!IsSkippedFile(sDst))
+        {
+            if (!CopyFileWithProgress(LongPath(entry.sPath), LongPath(sDst), progress))
+            {
+                g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
+                bFailed = true;
+            }
+        }
+        ++progress.ullDone;
+        if (m_pfnProgMsg)
+            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+    }
+
+    if (bFailed)
+    {
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_RESTORE_DRIVE_FAILED);
+        return EndRestore(L"... ending(failed to copy one or more files)");
+    }
+    if (bMountPoint)
+        LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_MOUNT, fs.sFsMountDir.c_str());
+    else
+        LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_DRIVE, fs.wcFsDriveLetter);
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+bool KEFLImpl::CountFiles(const std::wstring& sFolder, CWalkList& walkList, ProgMsg& progress)
+{
+    const wchar_t* const kFn = kCountFiles;
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    WIN32_FIND_DATAW fd;
+    CUniqueFind hFind(::FindFirstFileW(LongPath(sFolder + L"\\*").c_str(), &fd));
+    if (!hFind)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sFolder", sFolder);
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(FindFirstFile failed)");
+        return false;
+    }
+    do
+    {
+        if (std::wcscmp(fd.cFileName, L".") == 0 || std::wcscmp(fd.cFileName, L"..") == 0)
+            continue;
+        const std::wstring sPath = sFolder + L"\\" + fd.cFileName;
+        const bool bDirectory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        walkList.vEntries.push_back({sPath, bDirectory});
+        if (!bDirectory)
+        {
+            ++walkList.ullFiles;
+            walkList.ullBytes += (static_cast<uint64_t>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
+            continue;
+        }
+        ++walkList.ullDirectories;
+        // A junction or directory link is restored from the link-point files, not followed: its
+        // target is in the backup in its own place, and a link may lead back up the tree.
+        if (fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
+        {
+            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Reparse point not followed", sPath);
+            continue;
+        }
+        if (!CountFiles(sPath, walkList, progress))
+        {
+            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(KEFLImpl::CountFiles failed)");
+            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"KEFLImpl::CountFiles failed");
+            return false;
+        }
+    } while (::FindNextFileW(hFind.get(), &fd));
+    const DWORD dwLastError = ::GetLastError();
+    if (dwLastError != ERROR_NO_MORE_FILES)
+    {
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sFolder", sFolder);
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(FindNextFile failed)");
+        return false;
+    }
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, ProgMsg& progress)
+{
+    const wchar_t* const kFn = kCopyFile;
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+
+    // Exclusive access: a file that another process is still writing is waited for.
+    CUniqueFile hSrc;
+    DWORD dwLastError = ERROR_SUCCESS;
+    for (int iAttempt = 1; iAttempt <= kOpenAttempts; ++iAttempt)
+    {
+        hSrc.reset(::CreateFileW(sSrc.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        if (hSrc)
+            break;
+        dwLastError = ::GetLastError();
+        if (iAttempt < kOpenAttempts)
+            ::Sleep(kOpenRetryMs);
+    }
+    if (!hSrc)
+    {
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Failed to open source file for reading)");
+        return false;
+    }
+
+    CUniqueFile hDst(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                   FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!hDst)
+    {
+        dwLastError = ::GetLastError();
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Failed to open destination file for writing)");
+        return false;
+    }
+
+    // One buffer per file copied: an allocation next to two opens and a close is not worth
+    // keeping between calls.
+    std::vector<BYTE> vBuffer;
+    try
+    {
+        vBuffer.resize(kCopyBufferBytes);
+    }
+    catch (const std::bad_alloc&)
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Memory allocation error)");
+        return false;
+    }
+    BYTE* const pBuffer = vBuffer.data();
+
+    LPVOID pReadContext = nullptr;
+    LPVOID pWriteContext = nullptr;
+    bool bResult = true;
+    uint64_t ullTotalBytesRead = 0;
+    uint64_t ullTotalBytesWritten = 0;
+    bool bCopying = true;
+    while (bCopying)
+    {
+        DWORD dwBytesRead = 0;
+        if (!::BackupRead(hSrc.get(), pBuffer, kCopyBufferBytes, &dwBytesRead, FALSE, FALSE, &pReadContext))
+        {
+            dwLastError = ::GetLastError();
+            TraceLastError(kFn, dwLastError);
+            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to read from source file");
+            bResult = false;
+            break;
+        }
+        if (dwBytesRead == 0)
+        {
+            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"EOF (source)");
+            break;
+        }
+        progress.ullBytesDone += dwBytesRead;
+        if (m_pfnProgMsg)
+            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        ullTotalBytesRead += dwBytesRead;
+
+        DWORD dwRemaining = dwBytesRead;
+        while (dwRemaining > 0)
+        {
+            // A partial write is followed by a write from the buffer's start again, with the
+            // remaining count. This is kept as it always was.
+            DWORD dwBytesWritten = 0;
+            if (!::BackupWrite(hDst.get(), pBuffer, dwRemaining, &dwBytesWritten, FALSE, FALSE,
+                               &pWriteContext))
+            {
+                dwLastError = ::GetLastError();
+                TraceLastError(kFn, dwLastError);
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to write to destination file");
+                bResult = false;
+                bCopying = false;
+                break;
+            }
+            ullTotalBytesWritten += dwBytesWritten;
+            if (dwBytesWritten == 0)
+            {
+                g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"EOF (destination)");
+                bCopying = false;
+                break;
+            }
+            dwRemaining -= dwBytesWritten < dwRemaining ? dwBytesWritten : dwRemaining;
+        }
+    }
+
+    // Both streams' contexts are ended, also when the copy stopped on a failure.
+    DWORD dwIgnored = 0;
+    if (pReadContext)
+        ::BackupRead(hSrc.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pReadContext);
+    if (pWriteContext)
+        ::BackupWrite(hDst.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pWriteContext);
+
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(ullTotalBytesRead));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten",
+                           static_cast<int64_t>(ullTotalBytesWritten));
+    if (ullTotalBytesRead != ullTotalBytesWritten)
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Bytes Read != Bytes Written)");
+        return false;
+    }
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return bResult;
 }
 
 } // namespace morvane

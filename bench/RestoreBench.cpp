@@ -1,0 +1,382 @@
+// What a filespace restore costs: a generated backup tree of 1,000 and 10,000 files restored
+// through KEFL.dll (RestoreFilespace, as the host calls it), beside the same tree copied by the
+// system's XCOPY (/e /h) and by a plain CopyFileW walk, in the same run on the same drives.
+//
+// The backup is R:\RestoreBench\Backup, its drive folder E holds the tree; the library restores
+// it onto E:\Tree, XCOPY copies it to F:\XcopyTree, the walk to F:\CopyTree. The library runs
+// twice: with the default trace mask (errors, warnings, values: several lines a file) and with
+// errors only, since the trace's cost per line is known to be large. Where the system lacks
+// BackupRead/BackupWrite (Wine) the tests' stand-ins are put into KEFL.dll's import table, as are
+// the stand-ins that Init needs there.
+//
+// Prints files/s and MiB/s of each, the ratios to XCOPY and to the walk, the process's peak
+// working set after each library restore, and XCOPY's own peak. Every copy is counted afterwards:
+// a method that drops files would look fast. Exits 2 when it could not measure, else 0.
+#include "VESK.h"
+#include "VeskCredentials.h"
+#include "platform/UniqueHandle.h"
+#include "support/BackupStreams.h"
+#include "support/IatPatch.h"
+
+#include <windows.h>
+#include <psapi.h>
+#include <winnetwk.h>
+
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace morvane;
+
+namespace
+{
+
+constexpr size_t kFileCounts[] = {1000, 10000};
+constexpr size_t kFilesPerFolder = 100;
+const std::wstring kBenchRoot = L"R:\\RestoreBench";
+const std::wstring kBackup = kBenchRoot + L"\\Backup";
+const std::wstring kSourceTree = kBackup + L"\\E\\Tree";
+const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
+const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.restorebench";
+
+double g_dTicksPerSecond = 0.0;
+
+double Seconds()
+{
+    LARGE_INTEGER li;
+    ::QueryPerformanceCounter(&li);
+    return static_cast<double>(li.QuadPart) / g_dTicksPerSecond;
+}
+
+// Windows answers the volume root for a volume-name path; Wine 8 fails it.
+using GetVolumePathNameFn = BOOL(WINAPI*)(LPCWSTR, LPWSTR, DWORD);
+GetVolumePathNameFn g_pfnRealGetVolumePathName = nullptr;
+BOOL WINAPI GetVolumePathNameAsWindows(LPCWSTR pwszPath, LPWSTR pwszVolumePath, DWORD cch)
+{
+    const std::wstring sPath = pwszPath;
+    if (sPath.rfind(L"\\\\?\\Volume{", 0) != 0 || sPath.find(L'}') == std::wstring::npos)
+        return g_pfnRealGetVolumePathName(pwszPath, pwszVolumePath, cch);
+    wcsncpy_s(pwszVolumePath, cch, sPath.substr(0, sPath.find(L'}') + 2).c_str(), _TRUNCATE);
+    return TRUE;
+}
+
+// Windows' file-sharing provider claims every path of the form \\name\name..., a local volume
+// name included; Wine 8 has no network provider.
+DWORD WINAPI WNetGetResourceInformationAsWindows(LPNETRESOURCEW pResource, LPVOID pBuffer, LPDWORD pcb,
+                                                 LPWSTR* ppSystem)
+{
+    static const wchar_t kProvider[] = L"Microsoft Windows Network";
+    const DWORD cbNeeded = static_cast<DWORD>(sizeof(NETRESOURCEW) + sizeof(kProvider));
+    if (!pResource->lpRemoteName || std::wcsncmp(pResource->lpRemoteName, L"\\\\", 2) != 0)
+        return ERROR_BAD_NET_NAME;
+    if (*pcb < cbNeeded)
+    {
+        *pcb = cbNeeded;
+        return ERROR_MORE_DATA;
+    }
+    auto* pOut = static_cast<NETRESOURCEW*>(pBuffer);
+    auto* pwszProvider = reinterpret_cast<wchar_t*>(pOut + 1);
+    std::memcpy(pwszProvider, kProvider, sizeof(kProvider));
+    pOut->lpProvider = pwszProvider;
+    *ppSystem = nullptr;
+    return NO_ERROR;
+}
+
+bool WriteBytes(const std::wstring& sPath, const char* pData, DWORD cb)
+{
+    CUniqueFile hFile(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD cbWritten = 0;
+    return hFile && ::WriteFile(hFile.get(), pData, cb, &cbWritten, nullptr) && cbWritten == cb;
+}
+
+void RemoveTree(const std::wstring& sDir)
+{
+    WIN32_FIND_DATAW fd;
+    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
+    if (hFind)
+    {
+        do
+        {
+            const std::wstring sName = fd.cFileName;
+            if (sName == L"." || sName == L"..")
+                continue;
+            const std::wstring sPath = sDir + L"\\" + sName;
+            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                RemoveTree(sPath);
+            else
+                ::DeleteFileW(sPath.c_str());
+        } while (::FindNextFileW(hFind.get(), &fd));
+    }
+    hFind.reset();
+    ::RemoveDirectoryW(sDir.c_str());
+}
+
+size_t CountFiles(const std::wstring& sDir)
+{
+    size_t n = 0;
+    WIN32_FIND_DATAW fd;
+    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
+    if (!hFind)
+        return 0;
+    do
+    {
+        const std::wstring sName = fd.cFileName;
+        if (sName == L"." || sName == L"..")
+            continue;
+        n += (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? CountFiles(sDir + L"\\" + sName) : 1;
+    } while (::FindNextFileW(hFind.get(), &fd));
+    return n;
+}
+
+// The tree: folders of 100 files, sizes 1 byte to 39 kB (about 19.5 kB on average). Answers the
+// bytes written, 0 on failure.
+uint64_t MakeTree(size_t nFiles)
+{
+    ::CreateDirectoryW(kBenchRoot.c_str(), nullptr);
+    ::CreateDirectoryW(kBackup.c_str(), nullptr);
+    ::CreateDirectoryW((kBackup + L"\\#").c_str(), nullptr);
+    ::CreateDirectoryW((kBackup + L"\\E").c_str(), nullptr);
+    ::CreateDirectoryW(kSourceTree.c_str(), nullptr);
+    if (!WriteBytes(kBackup + L"\\#\\HPoint.dat", "", 0))
+        return 0;
+    std::vector<char> vData(40000);
+    for (size_t i = 0; i < vData.size(); ++i)
+        vData[i] = static_cast<char>(i * 31 + 7);
+    uint64_t ullBytes = 0;
+    for (size_t i = 0; i < nFiles; ++i)
+    {
+        wchar_t wszDir[32];
+        wchar_t wszFile[32];
+        _snwprintf(wszDir, 32, L"\\D%04u", static_cast<unsigned>(i / kFilesPerFolder));
+        _snwprintf(wszFile, 32, L"\\f%06u.bin", static_cast<unsigned>(i));
+        const std::wstring sDir = kSourceTree + wszDir;
+        if (i % kFilesPerFolder == 0)
+            ::CreateDirectoryW(sDir.c_str(), nullptr);
+        const DWORD cb = static_cast<DWORD>(1 + (i * 7919) % 39000);
+        if (!WriteBytes(sDir + wszFile, vData.data(), cb))
+            return 0;
+        ullBytes += cb;
+    }
+    return ullBytes;
+}
+
+bool CopyWalk(const std::wstring& sSrc, const std::wstring& sDst)
+{
+    if (!::CreateDirectoryW(sDst.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS)
+        return false;
+    WIN32_FIND_DATAW fd;
+    CUniqueFind hFind(::FindFirstFileW((sSrc + L"\\*").c_str(), &fd));
+    if (!hFind)
+        return false;
+    do
+    {
+        const std::wstring sName = fd.cFileName;
+        if (sName == L"." || sName == L"..")
+            continue;
+        const bool bOk =
+            (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                ? CopyWalk(sSrc + L"\\" + sName, sDst + L"\\" + sName)
+                : ::CopyFileW((sSrc + L"\\" + sName).c_str(), (sDst + L"\\" + sName).c_str(), FALSE);
+        if (!bOk)
+            return false;
+    } while (::FindNextFileW(hFind.get(), &fd));
+    return true;
+}
+
+// Runs XCOPY with its output to NUL; answers its exit code (-1 when it could not run) and its
+// peak working set.
+int RunXcopy(const std::wstring& sSrc, const std::wstring& sDst, SIZE_T& cbPeak)
+{
+    ::CreateDirectoryW(sDst.c_str(), nullptr); // else XCOPY asks whether the target is a file
+    SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
+    CUniqueFile hNul(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   &sa, OPEN_EXISTING, 0, nullptr));
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = si.hStdOutput = si.hStdError = hNul.get();
+    std::wstring sCmd = L"xcopy.exe \"" + sSrc + L"\" \"" + sDst + L"\" /e /h /r /y /q";
+    PROCESS_INFORMATION pi = {};
+    if (!::CreateProcessW(nullptr, sCmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+        return -1;
+    CUniqueHandle hProcess(pi.hProcess);
+    CUniqueHandle hThread(pi.hThread);
+    ::WaitForSingleObject(hProcess.get(), INFINITE);
+    DWORD dwExit = 0;
+    ::GetExitCodeProcess(hProcess.get(), &dwExit);
+    PROCESS_MEMORY_COUNTERS pmc = {};
+    cbPeak = ::GetProcessMemoryInfo(hProcess.get(), &pmc, sizeof(pmc)) ? pmc.PeakWorkingSetSize : 0;
+    return static_cast<int>(dwExit);
+}
+
+SIZE_T OwnPeakWorkingSet()
+{
+    PROCESS_MEMORY_COUNTERS pmc = {};
+    return ::GetProcessMemoryInfo(::GetCurrentProcess(), &pmc, sizeof(pmc)) ? pmc.PeakWorkingSetSize : 0;
+}
+
+struct CLibrary
+{
+    CUniqueLibrary hModule;
+    std::vector<std::unique_ptr<kefltest::CIatPatch>> vPatches;
+    std::unique_ptr<kefltest::CBackupStreamPatches> pStreams;
+    FactoryFn pfnFactory = nullptr;
+    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
+};
+
+bool LoadKefl(CLibrary& lib)
+{
+    lib.hModule.reset(::LoadLibraryW(L"KEFL.dll"));
+    if (!lib.hModule)
+        return false;
+    lib.pfnFactory =
+        reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "Factory")));
+    lib.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
+        reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "CredentialsFactory")));
+    // The stand-ins only where the system lacks the behaviour.
+    LPVOID pContext = nullptr;
+    DWORD cb = 0;
+    BYTE ab[64];
+    CUniqueFile hProbe(::CreateFileW(L"Z:\\DURN", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const bool bHasBackupRead =
+        ::BackupRead(hProbe.get(), ab, sizeof(ab), &cb, FALSE, FALSE, &pContext) != FALSE;
+    if (pContext)
+        ::BackupRead(hProbe.get(), nullptr, 0, &cb, TRUE, FALSE, &pContext);
+    if (!bHasBackupRead)
+    {
+        lib.pStreams = std::make_unique<kefltest::CBackupStreamPatches>(lib.hModule.get());
+        lib.vPatches.push_back(std::make_unique<kefltest::CIatPatch>(
+            lib.hModule.get(), "KERNEL32.dll", "GetVolumePathNameW",
+            reinterpret_cast<const void*>(&GetVolumePathNameAsWindows)));
+        g_pfnRealGetVolumePathName = reinterpret_cast<GetVolumePathNameFn>(lib.vPatches.back()->Original());
+        lib.vPatches.push_back(std::make_unique<kefltest::CIatPatch>(
+            lib.hModule.get(), "MPR.dll", "WNetGetResourceInformationW",
+            reinterpret_cast<const void*>(&WNetGetResourceInformationAsWindows)));
+        if (!lib.pStreams->IsApplied() || !lib.vPatches[0]->IsApplied() || !lib.vPatches[1]->IsApplied())
+            return false;
+    }
+    return lib.pfnFactory && lib.pfnCredentialsFactory;
+}
+
+// One restore of the backup's drive E through the library; the seconds it took, < 0 on failure.
+double RestoreThroughKefl(CLibrary& lib)
+{
+    struct CDeleter
+    {
+        void operator()(VESK* p) const { delete p; }
+    };
+    std::unique_ptr<VESK, CDeleter> pClient(lib.pfnFactory());
+    std::unique_ptr<VeskCredentials> pCredentials(lib.pfnCredentialsFactory());
+    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = kBackup;
+    if (!pClient->Init(pCredentials.get()))
+        return -1.0;
+    Filespace fs{};
+    fs.sFsName = L"E:";
+    fs.sFsPath = L"E:\\";
+    fs.wcFsDriveLetter = L'E';
+    const double dStart = Seconds();
+    const bool bOk = pClient->RestoreFilespace(fs);
+    const double dSeconds = Seconds() - dStart;
+    pClient->Fini();
+    return bOk ? dSeconds : -1.0;
+}
+
+void PrintRate(const wchar_t* pwszName, size_t nFiles, uint64_t ullBytes, double dSeconds)
+{
+    std::wprintf(L"  %-28ls %8.2f s %10.0f files/s %8.2f MiB/s\n", pwszName, dSeconds, nFiles / dSeconds,
+                 static_cast<double>(ullBytes) / (1024.0 * 1024.0) / dSeconds);
+}
+
+} // namespace
+
+int main()
+{
+    LARGE_INTEGER liFreq;
+    ::QueryPerformanceFrequency(&liFreq);
+    g_dTicksPerSecond = static_cast<double>(liFreq.QuadPart);
+
+    CLibrary lib;
+    if (!LoadKefl(lib))
+    {
+        std::wprintf(L"Cannot load KEFL.dll or put in its stand-ins\n");
+        return 2;
+    }
+    const bool bSavedTraceIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
+    int iRc = 0;
+    for (size_t nFiles : kFileCounts)
+    {
+        RemoveTree(kBenchRoot);
+        RemoveTree(L"E:\\Tree");
+        RemoveTree(L"F:\\XcopyTree");
+        RemoveTree(L"F:\\CopyTree");
+        const uint64_t ullBytes = MakeTree(nFiles);
+        if (ullBytes == 0)
+        {
+            std::wprintf(L"Cannot make the backup tree\n");
+            iRc = 2;
+            break;
+        }
+        std::wprintf(L"%zu files, %.1f MiB\n", nFiles, static_cast<double>(ullBytes) / (1024.0 * 1024.0));
+
+        // The default trace mask first (errors, warnings, values), then errors only. Written out
+        // each time: a trace.ini without the key keeps the mask that was set last.
+        const char kDefault[] = "[Main]\r\nKEFL_TraceLevel=3\r\nVESK_TraceLevel=3\r\n";
+        WriteBytes(kTraceIni, kDefault, sizeof(kDefault) - 1);
+        const double dKefl = RestoreThroughKefl(lib);
+        const size_t nKefl = CountFiles(L"E:\\Tree");
+        RemoveTree(L"E:\\Tree");
+        ::DeleteFileW(kTraceIni); // a new file: the profile cache cannot answer with the old one
+        const char kQuiet[] = "[Main]\r\nKEFL_TraceLevel=1\r\nVESK_TraceLevel=1\r\n";
+        WriteBytes(kTraceIni, kQuiet, sizeof(kQuiet) - 1);
+        const double dKeflQuiet = RestoreThroughKefl(lib);
+        const size_t nKeflQuiet = CountFiles(L"E:\\Tree");
+        const SIZE_T cbPeakKefl = OwnPeakWorkingSet();
+        ::DeleteFileW(kTraceIni);
+
+        SIZE_T cbPeakXcopy = 0;
+        double dStart = Seconds();
+        const int iXcopy = RunXcopy(kSourceTree, L"F:\\XcopyTree", cbPeakXcopy);
+        const double dXcopy = Seconds() - dStart;
+        const size_t nXcopy = CountFiles(L"F:\\XcopyTree");
+
+        dStart = Seconds();
+        const bool bWalk = CopyWalk(kSourceTree, L"F:\\CopyTree");
+        const double dWalk = Seconds() - dStart;
+        const size_t nWalk = CountFiles(L"F:\\CopyTree");
+
+        if (dKefl < 0 || dKeflQuiet < 0 || iXcopy != 0 || !bWalk || nKefl != nFiles || nKeflQuiet != nFiles ||
+            nXcopy != nFiles || nWalk != nFiles)
+        {
+            std::wprintf(
+                L"  could not measure: KEFL %.2f s %zu files, quiet %.2f s %zu files, XCOPY exit %d %zu "
+                L"files, walk %d %zu files\n",
+                dKefl, nKefl, dKeflQuiet, nKeflQuiet, iXcopy, nXcopy, bWalk ? 1 : 0, nWalk);
+            iRc = 2;
+            break;
+        }
+        PrintRate(L"KEFL.dll (default trace)", nFiles, ullBytes, dKefl);
+        PrintRate(L"KEFL.dll (errors only)", nFiles, ullBytes, dKeflQuiet);
+        PrintRate(L"XCOPY /e /h", nFiles, ullBytes, dXcopy);
+        PrintRate(L"CopyFileW walk", nFiles, ullBytes, dWalk);
+        std::wprintf(L"  time ratio KEFL/XCOPY %.2f (errors only %.2f), KEFL/walk %.2f (errors only %.2f)\n",
+                     dKefl / dXcopy, dKeflQuiet / dXcopy, dKefl / dWalk, dKeflQuiet / dWalk);
+        std::wprintf(L"  peak working set: this process %.1f MiB after the library's restores",
+                     cbPeakKefl / (1024.0 * 1024.0));
+        if (cbPeakXcopy != 0)
+            std::wprintf(L", XCOPY %.1f MiB\n", cbPeakXcopy / (1024.0 * 1024.0));
+        else
+            std::wprintf(L", XCOPY not known (no counters of the ended process)\n");
+    }
+    RemoveTree(kBenchRoot);
+    RemoveTree(L"E:\\Tree");
+    RemoveTree(L"F:\\XcopyTree");
+    RemoveTree(L"F:\\CopyTree");
+    if (bSavedTraceIni)
+        ::MoveFileExW(kTraceIniSaved, kTraceIni, MOVEFILE_REPLACE_EXISTING);
+    return iRc;
+}
