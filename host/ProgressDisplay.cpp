@@ -74,7 +74,9 @@ void CProgressDisplay::Draw()
 std::wstring CProgressDisplay::Bytes(uint64_t ullBytes)
 {
     wchar_t wsz[32];
-    if (ullBytes < 1024 * 1024)
+    if (ullBytes < 1024)
+        std::swprintf(wsz, 32, L"%u B", static_cast<unsigned>(ullBytes));
+    else if (ullBytes < 1024 * 1024)
         std::swprintf(wsz, 32, L"%.1f KiB", ullBytes / 1024.0);
     else if (ullBytes < 1024ull * 1024 * 1024)
         std::swprintf(wsz, 32, L"%.1f MiB", ullBytes / (1024.0 * 1024.0));

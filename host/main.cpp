@@ -7,6 +7,7 @@
 #include "host/HostOutput.h"
 #include "host/RestoreDriver.h"
 #include "platform/UniqueHandle.h"
+#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 
@@ -156,6 +157,10 @@ int wmain(int argc, wchar_t** argv)
         PrintLine(L"keflhost: KEFL.dll does not export Factory and CredentialsFactory");
         return kExitNoLibrary;
     }
+
+    // Under Wine only: the Windows answers that Wine 8 lacks (volume paths, the network provider,
+    // backup streams, a usable console), so that a whole restore runs as it would on Windows.
+    const winecompat::CWineStandIns wineStandIns(hKefl.get());
 
     std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);

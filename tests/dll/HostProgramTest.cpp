@@ -62,6 +62,40 @@ TEST_F(KeflFixture, HostPrintsTheClientAndItsCredentials)
         << withFile.sOutput;
 }
 
+TEST_F(KeflFixture, HostRestoresAWholeBackupWithProgressAndSummary)
+{
+    // One drive folder F (restored onto the target drive F:) and the data folder.
+    const std::wstring sBackup = L"R:\\HostSample";
+    for (const wchar_t* pwszDir : {L"", L"\\F", L"\\F\\ZOVACFG", L"\\F\\Data", L"\\#"})
+        ::CreateDirectoryW((sBackup + pwszDir).c_str(), nullptr);
+    std::string sBig(200000, 'x');
+    for (size_t i = 0; i < sBig.size(); ++i)
+        sBig[i] = static_cast<char>(i * 7);
+    WriteTextFile(sBackup + L"\\F\\Data\\big.bin", sBig);
+    WriteTextFile(sBackup + L"\\#\\disrec.ini", "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\n"
+                                                "Directory=F:\\Windows\r\nBootDriveLetter=F\r\n");
+    WriteTextFile(sBackup + L"\\#\\HPoint.dat", "");
+    ::DeleteFileW(L"F:\\Data\\big.bin");
+
+    const CHostRun listed = RunHost(L"--location R:\\HostSample --list");
+    EXPECT_EQ(0u, listed.dwExitCode) << listed.sOutput;
+    EXPECT_NE(std::string::npos, listed.sOutput.find("  F:   F:\\   [BOOT SYSTEM]")) << listed.sOutput;
+    EXPECT_TRUE(ReadFileBytes(L"F:\\Data\\big.bin").empty()) << "--list restores nothing";
+
+    const CHostRun restored = RunHost(L"--location R:\\HostSample");
+    EXPECT_EQ(0u, restored.dwExitCode) << restored.sOutput;
+    EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\big.bin"));
+    EXPECT_NE(std::string::npos,
+              restored.sOutput.find("[info] Successfully restored drive letter F: from target location"))
+        << restored.sOutput;
+    EXPECT_NE(std::string::npos, restored.sOutput.find("] 100%")) << restored.sOutput;
+    EXPECT_NE(std::string::npos, restored.sOutput.find("Restored 1 of 1 filespaces.")) << restored.sOutput;
+
+    const CHostRun unknown = RunHost(L"--location R:\\HostSample --restore Q");
+    EXPECT_EQ(5u, unknown.dwExitCode) << unknown.sOutput;
+    EXPECT_NE(std::string::npos, unknown.sOutput.find("the backup holds no filespace Q")) << unknown.sOutput;
+}
+
 TEST_F(KeflFixture, HostRefusesAPointInTimeTheClientWouldNotTake)
 {
     const CHostRun run = RunHost(L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"");

@@ -2,54 +2,10 @@
 
 #include "platform/UniqueHandle.h"
 
-#include <winnetwk.h>
-
 #include <cstring>
 #include <cwchar>
 
 using namespace kefltest;
-
-namespace
-{
-
-using GetVolumePathNameFn = BOOL(WINAPI*)(LPCWSTR, LPWSTR, DWORD);
-GetVolumePathNameFn g_pfnRealGetVolumePathName = nullptr;
-
-// Windows answers the volume root for a volume-name path; Wine 8 fails it. Other paths go to the
-// real call.
-BOOL WINAPI GetVolumePathNameAsWindows(LPCWSTR pwszPath, LPWSTR pwszVolumePath, DWORD cch)
-{
-    const std::wstring sPath = pwszPath;
-    if (sPath.rfind(L"\\\\?\\Volume{", 0) != 0 || sPath.find(L'}') == std::wstring::npos)
-        return g_pfnRealGetVolumePathName(pwszPath, pwszVolumePath, cch);
-    wcsncpy_s(pwszVolumePath, cch, sPath.substr(0, sPath.find(L'}') + 2).c_str(), _TRUNCATE);
-    return TRUE;
-}
-
-// Windows' file-sharing provider claims every path of the form \\name\name..., a local volume
-// name (\\?\Volume{...}\...) included, and names itself; Wine 8 has no network provider at all.
-DWORD WINAPI WNetGetResourceInformationAsWindows(LPNETRESOURCEW pResource, LPVOID pBuffer, LPDWORD pcb,
-                                                 LPWSTR* ppSystem)
-{
-    static const wchar_t kProvider[] = L"Microsoft Windows Network";
-    const DWORD cbNeeded = static_cast<DWORD>(sizeof(NETRESOURCEW) + sizeof(kProvider));
-    const wchar_t* pwszName = pResource->lpRemoteName;
-    if (!pwszName || std::wcsncmp(pwszName, L"\\\\", 2) != 0)
-        return ERROR_BAD_NET_NAME;
-    if (*pcb < cbNeeded)
-    {
-        *pcb = cbNeeded;
-        return ERROR_MORE_DATA;
-    }
-    auto* pOut = static_cast<NETRESOURCEW*>(pBuffer);
-    auto* pwszProvider = reinterpret_cast<wchar_t*>(pOut + 1);
-    std::memcpy(pwszProvider, kProvider, sizeof(kProvider));
-    pOut->lpProvider = pwszProvider;
-    *ppSystem = nullptr;
-    return NO_ERROR;
-}
-
-} // namespace
 
 void SessionFixture::SetUp()
 {
@@ -58,16 +14,9 @@ void SessionFixture::SetUp()
     RemoveTree(kBackup);
     MakeBackup(kBackup);
     Load(Verbose());
-    const HMODULE hKefl = m_pLibrary->Module();
-    m_vPatches.push_back(
-        std::make_unique<CIatPatch>(hKefl, "KERNEL32.dll", "GetVolumePathNameW",
-                                    reinterpret_cast<const void*>(&GetVolumePathNameAsWindows)));
-    g_pfnRealGetVolumePathName = reinterpret_cast<GetVolumePathNameFn>(m_vPatches.back()->Original());
-    m_vPatches.push_back(
-        std::make_unique<CIatPatch>(hKefl, "MPR.dll", "WNetGetResourceInformationW",
-                                    reinterpret_cast<const void*>(&WNetGetResourceInformationAsWindows)));
-    for (const auto& pPatch : m_vPatches)
-        ASSERT_TRUE(pPatch->IsApplied());
+    // Wine 8 cannot resolve a volume-name path to its volume and has no network provider.
+    m_pLocation = std::make_unique<winecompat::CLocationPatches>(m_pLibrary->Module());
+    ASSERT_TRUE(m_pLocation->IsApplied());
     m_pClient = m_pLibrary->Factory();
     m_pClient->SetLogMsgCallbackFn(&RecordMessage, 0);
 }
@@ -78,6 +27,7 @@ void SessionFixture::TearDown()
         m_pClient->Fini();
     m_pClient.reset();
     m_vPatches.clear();
+    m_pLocation.reset();
     RemoveTree(kBackup);
     KeflFixture::TearDown();
 }

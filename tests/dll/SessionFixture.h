@@ -4,6 +4,7 @@
 // import table.
 #include "dll/KeflFixture.h"
 #include "support/IatPatch.h"
+#include "winecompat/LocationStandIns.h"
 
 #include <memory>
 #include <string>
@@ -36,5 +37,7 @@ protected:
     std::wstring ErrorText() const;
 
     kefltest::CVeskPtr m_pClient;
+    std::unique_ptr<winecompat::CLocationPatches> m_pLocation;
+    // Further substitutions of a test, undone at its end.
     std::vector<std::unique_ptr<kefltest::CIatPatch>> m_vPatches;
 };

@@ -1,12 +1,12 @@
-#include "support/BackupStreams.h"
+#include "winecompat/BackupStreams.h"
 
-#include "support/IatPatch.h"
+#include "winecompat/IatPatch.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 
-namespace kefltest
+namespace winecompat
 {
 namespace
 {
@@ -225,4 +225,4 @@ bool CBackupStreamPatches::IsApplied() const
     return std::all_of(m_vPatches.begin(), m_vPatches.end(), [](const auto& p) { return p->IsApplied(); });
 }
 
-} // namespace kefltest
+} // namespace winecompat

@@ -1,8 +1,8 @@
-#include "support/IatPatch.h"
+#include "winecompat/IatPatch.h"
 
 #include <cstring>
 
-namespace kefltest
+namespace winecompat
 {
 namespace
 {
@@ -53,4 +53,4 @@ CIatPatch::~CIatPatch()
         WriteSlot(m_ppSlot, m_pOriginal);
 }
 
-} // namespace kefltest
+} // namespace winecompat
