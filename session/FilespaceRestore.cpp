@@ -370,7 +370,7 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         }
         if (dwBytesRead == 0)
         {
-            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"EOF (source)");
+            g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (source)");
             break;
         }
         progress.ullBytesDone += dwBytesRead;
@@ -397,7 +397,7 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
             ullTotalBytesWritten += dwBytesWritten;
             if (dwBytesWritten == 0)
             {
-                g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"EOF (destination)");
+                g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (destination)");
                 bCopying = false;
                 break;
             }
