@@ -15,12 +15,10 @@
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "platform/UniqueHandle.h"
-#include "support/BackupStreams.h"
-#include "support/IatPatch.h"
+#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 #include <psapi.h>
-#include <winnetwk.h>
 
 #include <cstdio>
 #include <cstring>
@@ -49,40 +47,6 @@ double Seconds()
     LARGE_INTEGER li;
     ::QueryPerformanceCounter(&li);
     return static_cast<double>(li.QuadPart) / g_dTicksPerSecond;
-}
-
-// Windows answers the volume root for a volume-name path; Wine 8 fails it.
-using GetVolumePathNameFn = BOOL(WINAPI*)(LPCWSTR, LPWSTR, DWORD);
-GetVolumePathNameFn g_pfnRealGetVolumePathName = nullptr;
-BOOL WINAPI GetVolumePathNameAsWindows(LPCWSTR pwszPath, LPWSTR pwszVolumePath, DWORD cch)
-{
-    const std::wstring sPath = pwszPath;
-    if (sPath.rfind(L"\\\\?\\Volume{", 0) != 0 || sPath.find(L'}') == std::wstring::npos)
-        return g_pfnRealGetVolumePathName(pwszPath, pwszVolumePath, cch);
-    wcsncpy_s(pwszVolumePath, cch, sPath.substr(0, sPath.find(L'}') + 2).c_str(), _TRUNCATE);
-    return TRUE;
-}
-
-// Windows' file-sharing provider claims every path of the form \\name\name..., a local volume
-// name included; Wine 8 has no network provider.
-DWORD WINAPI WNetGetResourceInformationAsWindows(LPNETRESOURCEW pResource, LPVOID pBuffer, LPDWORD pcb,
-                                                 LPWSTR* ppSystem)
-{
-    static const wchar_t kProvider[] = L"Microsoft Windows Network";
-    const DWORD cbNeeded = static_cast<DWORD>(sizeof(NETRESOURCEW) + sizeof(kProvider));
-    if (!pResource->lpRemoteName || std::wcsncmp(pResource->lpRemoteName, L"\\\\", 2) != 0)
-        return ERROR_BAD_NET_NAME;
-    if (*pcb < cbNeeded)
-    {
-        *pcb = cbNeeded;
-        return ERROR_MORE_DATA;
-    }
-    auto* pOut = static_cast<NETRESOURCEW*>(pBuffer);
-    auto* pwszProvider = reinterpret_cast<wchar_t*>(pOut + 1);
-    std::memcpy(pwszProvider, kProvider, sizeof(kProvider));
-    pOut->lpProvider = pwszProvider;
-    *ppSystem = nullptr;
-    return NO_ERROR;
 }
 
 bool WriteBytes(const std::wstring& sPath, const char* pData, DWORD cb)
@@ -222,8 +186,7 @@ SIZE_T OwnPeakWorkingSet()
 struct CLibrary
 {
     CUniqueLibrary hModule;
-    std::vector<std::unique_ptr<kefltest::CIatPatch>> vPatches;
-    std::unique_ptr<kefltest::CBackupStreamPatches> pStreams;
+    std::unique_ptr<winecompat::CWineStandIns> pStandIns;
     FactoryFn pfnFactory = nullptr;
     CredentialsFactoryFn pfnCredentialsFactory = nullptr;
 };
@@ -237,29 +200,8 @@ bool LoadKefl(CLibrary& lib)
         reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "Factory")));
     lib.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
         reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "CredentialsFactory")));
-    // The stand-ins only where the system lacks the behaviour.
-    LPVOID pContext = nullptr;
-    DWORD cb = 0;
-    BYTE ab[64];
-    CUniqueFile hProbe(::CreateFileW(L"Z:\\DURN", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    const bool bHasBackupRead =
-        ::BackupRead(hProbe.get(), ab, sizeof(ab), &cb, FALSE, FALSE, &pContext) != FALSE;
-    if (pContext)
-        ::BackupRead(hProbe.get(), nullptr, 0, &cb, TRUE, FALSE, &pContext);
-    if (!bHasBackupRead)
-    {
-        lib.pStreams = std::make_unique<kefltest::CBackupStreamPatches>(lib.hModule.get());
-        lib.vPatches.push_back(std::make_unique<kefltest::CIatPatch>(
-            lib.hModule.get(), "KERNEL32.dll", "GetVolumePathNameW",
-            reinterpret_cast<const void*>(&GetVolumePathNameAsWindows)));
-        g_pfnRealGetVolumePathName = reinterpret_cast<GetVolumePathNameFn>(lib.vPatches.back()->Original());
-        lib.vPatches.push_back(std::make_unique<kefltest::CIatPatch>(
-            lib.hModule.get(), "MPR.dll", "WNetGetResourceInformationW",
-            reinterpret_cast<const void*>(&WNetGetResourceInformationAsWindows)));
-        if (!lib.pStreams->IsApplied() || !lib.vPatches[0]->IsApplied() || !lib.vPatches[1]->IsApplied())
-            return false;
-    }
+    // Under Wine, the Windows answers that Wine 8 lacks, as our host puts them in.
+    lib.pStandIns = std::make_unique<winecompat::CWineStandIns>(lib.hModule.get());
     return lib.pfnFactory && lib.pfnCredentialsFactory;
 }
 

@@ -72,17 +72,9 @@ bool KEFLImpl::CheckIfConfigDL(wchar_t cDriveLetter)
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"cDriveLetter", cDriveLetter);
 
-    if (m_sTargetLocation.empty())
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(Target location not set)");
-    }
     std::wstring sPath;
-    if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(ConvertVOLtoDL failed)");
-    }
+    if (!LocalTargetPath(kFn, sPath))
+        return false;
     // A folder, not a file of that name.
     const std::wstring sMarker = sPath + L"\\" + cDriveLetter + L"\\" + kConfigMarker;
     const bool bFoundConfig = ::PathIsDirectoryW(sMarker.c_str()) != FALSE;

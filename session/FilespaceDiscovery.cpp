@@ -72,17 +72,9 @@ bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
     SetLastErrorMsg(L"");
     LogStdMsg(MSG_SEVERITY_INFO, IDS_LISTING_DRIVE_LETTERS);
 
-    if (m_sTargetLocation.empty())
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(Target location not set)");
-    }
     std::wstring sPath;
-    if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(ConvertVOLtoDL failed)");
-    }
+    if (!LocalTargetPath(kFn, sPath))
+        return false;
 
     // One filespace per drive folder of the backup ("R:\Backup\C" is drive C:).
     for (const wchar_t* pwc = kDriveLetters; *pwc; ++pwc)

@@ -1,5 +1,6 @@
 #include "session/KEFLImpl.h"
 
+#include "client/MessageIds.h"
 #include "client/ModuleName.h"
 #include "links/LinkPointFiles.h"
 #include "session/ModuleDescription.h"
@@ -93,6 +94,21 @@ uint32_t KEFLImpl::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiRc", static_cast<int64_t>(uiRc));
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return uiRc;
+}
+
+bool KEFLImpl::LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath)
+{
+    const wchar_t* pwszFailure = nullptr;
+    if (m_sTargetLocation.empty())
+        pwszFailure = L"... ending(Target location not set)";
+    else if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
+        pwszFailure = L"... ending(ConvertVOLtoDL failed)";
+    else
+        return true;
+    // The same text for both: the host's user can only check the backup location.
+    LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszFailure);
+    return false;
 }
 
 bool KEFLImpl::ConvertDLtoVOL(const std::wstring& sPathIn, std::wstring& sPathOut)

@@ -68,6 +68,9 @@ private:
 
     // Re-reads trace.ini and traces the two levels.
     void ReadTraceLevels(const wchar_t* pwszFunction);
+    // The backup's drive-letter path now. False, with message 125 and the failure trace of
+    // pwszFunction, when no location is set or it cannot be translated.
+    bool LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath);
     // Back to an empty session: no child-process handles, no link points, no console.
     void Reset();
     // The link-point files of the backup's data folder, in the order J, M, H, S.

@@ -345,7 +345,7 @@ TEST_F(CommandRunnerFixture, MonitorThatCannotStartStopsTheChild)
         ::OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, s_dwStartedProcessId));
     if (hChild)
     {
-        ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hChild.get(), 2000));
+        ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hChild.get(), 10000));
         DWORD dwExitStatus = 0;
         ASSERT_TRUE(::GetExitCodeProcess(hChild.get(), &dwExitStatus));
         EXPECT_EQ(1u, dwExitStatus);
