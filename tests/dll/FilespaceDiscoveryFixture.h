@@ -33,7 +33,7 @@ protected:
         if (dwAttributes == INVALID_FILE_ATTRIBUTES)
             return;
         if (dwAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            RemoveTree(sPath);
+            kefltest::RemoveTree(sPath);
         else
         {
             ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);

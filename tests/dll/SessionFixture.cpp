@@ -46,31 +46,6 @@ void SessionFixture::MakeBackup(const std::wstring& sRoot)
                   "[C:\\link]\r\nTarget=C:\\Windows\r\nBackupTarget=R:\\Backup\\C\\Windows\r\n");
 }
 
-void SessionFixture::RemoveTree(const std::wstring& sDir)
-{
-    WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveTree(sPath);
-            else
-            {
-                ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
-                ::DeleteFileW(sPath.c_str());
-            }
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
-}
-
 std::unique_ptr<morvane::VeskCredentials> SessionFixture::Credentials(const std::wstring& sLocation) const
 {
     auto pCredentials = m_pLibrary->CredentialsFactory();

@@ -21,7 +21,6 @@ protected:
     // The backup as a file-copy backup lays it out: drive folders C and D, the data folder "#"
     // with the four link-point files.
     static void MakeBackup(const std::wstring& sRoot);
-    static void RemoveTree(const std::wstring& sDir);
 
     // Credentials for sLocation from the library's CredentialsFactory.
     std::unique_ptr<morvane::VeskCredentials> Credentials(const std::wstring& sLocation) const;

@@ -77,6 +77,33 @@ void RemoveFile(const std::wstring& sPath)
     ::DeleteFileW(sPath.c_str());
 }
 
+void RemoveTree(const std::wstring& sDir)
+{
+    WIN32_FIND_DATAW fd;
+    morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
+    if (hFind)
+    {
+        do
+        {
+            const std::wstring sName = fd.cFileName;
+            if (sName == L"." || sName == L"..")
+                continue;
+            const std::wstring sPath = sDir + L"\\" + sName;
+            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            {
+                RemoveTree(sPath);
+            }
+            else
+            {
+                ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
+                ::DeleteFileW(sPath.c_str());
+            }
+        } while (::FindNextFileW(hFind.get(), &fd));
+    }
+    hFind.reset();
+    ::RemoveDirectoryW(sDir.c_str());
+}
+
 bool FileExists(const std::wstring& sPath)
 {
     return ::GetFileAttributesW(sPath.c_str()) != INVALID_FILE_ATTRIBUTES;

@@ -18,30 +18,6 @@ std::wstring Text(const wchar_t* pwszFunction, const std::wstring& sText)
     return std::wstring(pwszFunction) + L" : " + sText;
 }
 
-// Removes a folder tree of the tests.
-void RemoveTree(const std::wstring& sDir)
-{
-    WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveTree(sPath);
-            else
-                ::DeleteFileW(sPath.c_str());
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
-}
-
 // Sleep(1000) between the monitor's polls, shortened to a millisecond: stands for a machine on
 // which each of the monitor's seconds has already passed, so it sees the child's end at once.
 using SleepFn = VOID(WINAPI*)(DWORD);

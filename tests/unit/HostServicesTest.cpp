@@ -31,28 +31,6 @@ bool IsDirectory(const std::wstring& sPath)
     return dw != INVALID_FILE_ATTRIBUTES && (dw & FILE_ATTRIBUTE_DIRECTORY);
 }
 
-// Removes a folder tree of the tests (long paths included).
-void RemoveTree(const std::wstring& sDir)
-{
-    WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveTree(sDir + L"\\" + sName);
-            else
-                ::DeleteFileW((sDir + L"\\" + sName).c_str());
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
-}
-
 } // namespace
 
 TEST_F(BaseServicesFixture, HostFoldersDefaultByTheRunningSystem)
