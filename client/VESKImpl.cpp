@@ -68,4 +68,9 @@ void VESKImpl::SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullCo
                   m_pfnProgMsg, m_pProgMsgCtx);
 }
 
+int32_t VESKImpl::ReportProgress(const ProgMsg& msg)
+{
+    return m_pfnProgMsg ? m_pfnProgMsg(&msg, m_pProgMsgCtx) : 0;
+}
+
 } // namespace morvane

@@ -4,16 +4,26 @@
 // version text, the host's folders, privileges and parent folders. It traces to VESK_trace.log.
 //
 // One file a job: VESKImpl.cpp (error text, callbacks), UserMessages.cpp, ResourceVersion.cpp,
-// HostDirectories.cpp, Privilege.cpp, ParentDirectories.cpp.
+// HostDirectories.cpp, Privilege.cpp, ParentDirectories.cpp, HardLinkRepair.cpp.
 #include "VESK.h"
 
 #include <windows.h>
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace morvane
 {
+
+// One name of a file that had several (hard links): the full path, and whether it exists now.
+struct HardLinkEntry
+{
+    const wchar_t* wszFileName = nullptr; // may be null
+    bool bExists = false;
+};
+// The names of one file, in order; the caller owns the entries.
+using HardLinkList = std::vector<HardLinkEntry*>;
 
 class VESKImpl
 {
@@ -28,6 +38,15 @@ public:
     virtual void SetLastErrorMsg(const std::wstring& sErrorMsg);
     virtual void SetLogMsgCallbackFn(LogMsgCallbackFn pfnLogMsg, uint64_t ullContext);
     virtual void SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext);
+    // Mends one group of hard links: the names that exist now are found, and every missing one is
+    // made a link to the first existing one (HardLinkRepair.cpp).
+    virtual bool ProcessSection(const std::wstring& sSection, HardLinkList& hardLinks);
+    virtual bool FixHardLinks(const std::wstring& sSection, HardLinkList& hardLinks);
+    // A hard link, taking ownership of the target for a moment when the plain call is refused.
+    bool MyCreateHardLink(const std::wstring& sLink, const std::wstring& sTarget);
+
+    // Hands a progress record to the host's progress callback, if one is set; its answer, else 0.
+    int32_t ReportProgress(const ProgMsg& msg);
 
     // Hands message uiMsgId of the string table to the host's log callback and returns the
     // callback's answer (without a callback: 1 for an error, else 0). An error also becomes the

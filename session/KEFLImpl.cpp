@@ -68,9 +68,29 @@ bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
     return false;
 }
 
+CLinkRestorer KEFLImpl::LinkRestorer()
+{
+    return CLinkRestorer(*this, m_hModule, m_pfnCreateSymbolicLinkW, m_pfnCreateHardLinkW);
+}
+
 bool KEFLImpl::RestoreLinks()
 {
-    return NotAvailable(L"KEFLImpl::RestoreLinks");
+    return LinkRestorer().RestoreLinks(m_JunctionPoints, m_SymbolicLinks, m_HardLinks);
+}
+
+bool KEFLImpl::CreateJunction(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
+{
+    return LinkRestorer().CreateJunction(sLink, sTarget, dwAttr);
+}
+
+bool KEFLImpl::CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
+{
+    return LinkRestorer().CreateSymbolicLink(sLink, sTarget, dwAttr);
+}
+
+bool KEFLImpl::CreateHardLinkW(const std::wstring& sLink, const std::wstring& sTarget)
+{
+    return LinkRestorer().CreateHardLink(sLink, sTarget);
 }
 
 uint32_t KEFLImpl::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue)

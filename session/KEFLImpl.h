@@ -8,6 +8,7 @@
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/VESKImpl.h"
+#include "links/LinkRestore.h"
 #include "links/Point.h"
 #include "runner/CommandRunner.h"
 #include "session/WalkList.h"
@@ -50,6 +51,11 @@ public:
     bool GetLine(std::wstring& sLine, bool bTraceLine);
     bool ReadChar(char& c);
 
+    // Link restore (links/).
+    bool CreateJunction(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr);
+    bool CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr);
+    bool CreateHardLinkW(const std::wstring& sLink, const std::wstring& sTarget);
+
     // Filespace discovery.
     bool GetBOOTandSYSTEM();
     bool Convert_FILETIME(FILETIME& ft, SYSTEMTIME& st);
@@ -63,9 +69,6 @@ public:
     bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, ProgMsg& progress);
 
 private:
-    using CreateSymbolicLinkFn = BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
-    using CreateHardLinkFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPSECURITY_ATTRIBUTES);
-
     // Re-reads trace.ini and traces the two levels.
     void ReadTraceLevels(const wchar_t* pwszFunction);
     // The backup's drive-letter path now. False, with message 125 and the failure trace of
@@ -110,6 +113,9 @@ private:
 
     // The child processes of the session (XCOPY) and their monitor thread.
     CCommandRunner m_CommandRunner{*this};
+
+    // Re-creates the recorded links; made with the link-creation entry points once they are known.
+    CLinkRestorer LinkRestorer();
 };
 
 } // namespace morvane
