@@ -1,7 +1,127 @@
 #include "links/LinkRestore.h"
 
+#include "client/MessageIds.h"
+#include "platform/UniqueHandle.h"
+#include "trace/TraceObjects.h"
+
+#include <shlwapi.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <vector>
+
 namespace morvane
 {
+namespace
+{
+
+// States of a link-restore progress record: a pass starts, a text to show, one link done, the
+// pass ended with failures (in this call), the pass ended without any.
+constexpr uint32_t kStateStarting = 1;
+constexpr uint32_t kStateLinkDone = 2;
+constexpr uint32_t kStateFailed = 3;
+constexpr uint32_t kStateSucceeded = 4;
+constexpr uint32_t kStateText = 7;
+
+constexpr size_t kResourceTextChars = 1024;
+
+// The junction's reparse data: a mount-point reparse buffer, its path buffer holding the
+// substitute name "\??\<target>" and the print name "<target>", each ended by a NUL.
+constexpr DWORD kReparseTagMountPoint = 0xA0000003;
+constexpr DWORD kFsctlSetReparsePoint = 0x900A4;
+constexpr size_t kReparseHeaderBytes = 16;    // tag, data length, reserved, two offsets, two lengths
+constexpr size_t kReparseHeaderOnlyBytes = 8; // tag, data length, reserved: not in the data length
+constexpr size_t kPathBufferChars = 4096;
+// Opened for writing the reparse data: the folder itself, not what it may point to.
+constexpr DWORD kJunctionOpenFlags = FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS;
+
+std::wstring JumboPath(const std::wstring& sPath)
+{
+    return L"\\\\?\\" + sPath;
+}
+
+bool IsDirectory(const std::wstring& sPath)
+{
+    return ::PathIsDirectoryW(sPath.c_str()) != FALSE;
+}
+
+void TraceLastError(uint32_t uiLevel, const wchar_t* pwszFunction, DWORD dwLastError)
+{
+    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
+}
+
+bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
+{
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
+    return false;
+}
+
+bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason, DWORD dwLastError)
+{
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
+    TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+    return false;
+}
+
+// Links are made on NTFS only: the file system of the link's drive, from its first character.
+bool IsOnNtfs(const std::wstring& sLink)
+{
+    if (sLink.empty())
+        return false;
+    const wchar_t wszRoot[] = {sLink[0], L':', L'\\', L'\0'};
+    wchar_t wszFileSystem[MAX_PATH + 1] = {};
+    if (!::GetVolumeInformationW(wszRoot, nullptr, 0, nullptr, nullptr, nullptr, wszFileSystem, MAX_PATH + 1))
+        return false;
+    return _wcsicmp(wszFileSystem, L"NTFS") == 0;
+}
+
+// Puts the recorded attributes back on a link; a failure is traced and changes no result.
+void SetLinkAttributes(const wchar_t* pwszFunction, const std::wstring& sJumboLink, DWORD dwAttr)
+{
+    if (dwAttr == 0 || ::SetFileAttributesW(sJumboLink.c_str(), dwAttr))
+        return;
+    const DWORD dwLastError = ::GetLastError();
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboLink", sJumboLink);
+    g_KeflTrace.TraceHex(TRACE_ERROR, pwszFunction, L"dwAttr", dwAttr);
+    TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+}
+
+// The bytes handed to FSCTL_SET_REPARSE_POINT for a junction to sTarget. The path buffer holds
+// at most kPathBufferChars characters (cut like a bounded format would cut it); the lengths are
+// those of the whole target, and the buffer is never shorter than they say, so that the call
+// never reads beyond it.
+std::vector<BYTE> JunctionReparseData(const std::wstring& sTarget, DWORD& cbInput)
+{
+    const size_t cchTarget = sTarget.size();
+    const size_t cbSubstitute = (cchTarget + 4) * sizeof(wchar_t);
+    const size_t cbPrint = cchTarget * sizeof(wchar_t);
+    const uint16_t cbData = static_cast<uint16_t>(cbSubstitute + cbPrint + 12);
+    cbInput = static_cast<DWORD>(cbData) + kReparseHeaderOnlyBytes;
+
+    std::vector<BYTE> vBuffer(
+        std::max<size_t>(kReparseHeaderBytes + kPathBufferChars * sizeof(wchar_t), cbInput), 0);
+    auto put16 = [&](size_t pos, uint16_t us) { std::memcpy(vBuffer.data() + pos, &us, sizeof(us)); };
+    const DWORD dwTag = kReparseTagMountPoint;
+    std::memcpy(vBuffer.data(), &dwTag, sizeof(dwTag));
+    put16(4, cbData);
+    put16(6, 0);
+    put16(8, 0);                                        // substitute name offset
+    put16(10, static_cast<uint16_t>(cbSubstitute));     // substitute name length
+    put16(12, static_cast<uint16_t>(cbSubstitute + 2)); // print name offset, after the NUL
+    put16(14, static_cast<uint16_t>(cbPrint));          // print name length
+
+    std::wstring sPathBuffer = L"\\??\\" + sTarget;
+    sPathBuffer += L'\0';
+    sPathBuffer += sTarget;
+    sPathBuffer += L'\0';
+    const size_t cchCopied = std::min(sPathBuffer.size(), kPathBufferChars);
+    std::memcpy(vBuffer.data() + kReparseHeaderBytes, sPathBuffer.data(), cchCopied * sizeof(wchar_t));
+    return vBuffer;
+}
+
+} // namespace
 
 CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
                              CreateHardLinkFn pfnCreateHardLinkW)
@@ -10,24 +130,271 @@ CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLink
 {
 }
 
-bool CLinkRestorer::RestoreLinks(const PointList&, const PointList&, const PointList&)
+void CLinkRestorer::SendProgress(ProgMsg& progress, uint32_t uiState)
 {
-    return false;
+    progress.uiState = uiState;
+    m_base.ReportProgress(progress);
 }
 
-bool CLinkRestorer::CreateJunction(const std::wstring&, const std::wstring&, DWORD)
+bool CLinkRestorer::RestoreLinks(const PointList& junctionPoints, const PointList& symbolicLinks,
+                                 const PointList& hardLinks)
 {
-    return false;
+    static const wchar_t kFn[] = L"KEFLImpl::RestoreLinks";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    // One flag for the whole call: once a link failed, no later pass reports success.
+    bool bFailed = false;
+    RestorePass(LinkKind::Junction, junctionPoints, bFailed);
+    RestorePass(LinkKind::Symbolic, symbolicLinks, bFailed);
+    RestorePass(LinkKind::Hard, hardLinks, bFailed);
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    // Failed links are the host's to show from the progress; the restore itself goes on.
+    return true;
 }
 
-bool CLinkRestorer::CreateSymbolicLink(const std::wstring&, const std::wstring&, DWORD)
+void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bFailed)
 {
-    return false;
+    static const wchar_t kFn[] = L"KEFLImpl::RestoreLinks";
+    struct PassTexts
+    {
+        const wchar_t* pwszEntry;
+        const wchar_t* pwszSizeName;
+        const wchar_t* pwszTitle;
+        const wchar_t* pwszFailure;
+        const wchar_t* pwszSuccess;
+    };
+    static const PassTexts kJunctions = {
+        L"Restoring junctions ...", L"JunctionPoints.size()", L"Junction Points, Soft-Links & Hard-Links",
+        L"KEFLImpl::CreateJunction failed", L"Restored junctions successfully"};
+    static const PassTexts kSymbolic = {L"Restoring symbolic links ...", L"SymbolicLinks.size()",
+                                        L"Symbolic Links", L"KEFLImpl::CreateSymbolicLink failed",
+                                        L"Restored symbolic links successfully"};
+    static const PassTexts kHard = {L"Restoring hard links ...", L"HardLinks.size()", L"Restoring Hard-Links",
+                                    L"KEFLImpl::CreateHardLink failed", L"Restored hard links successfully"};
+    const PassTexts& texts = kind == LinkKind::Junction   ? kJunctions
+                             : kind == LinkKind::Symbolic ? kSymbolic
+                                                          : kHard;
+
+    g_KeflTrace.TraceMessage(TRACE_INFO, kFn, texts.pwszEntry);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, texts.pwszSizeName, static_cast<int64_t>(points.size()));
+
+    ProgMsg progress{};
+    progress.sTitle = texts.pwszTitle;
+    progress.ullTotal = points.size();
+    SendProgress(progress, kStateStarting);
+    if (kind == LinkKind::Junction)
+    {
+        // The junction pass opens the whole link restore, so its text (message 133, about hard
+        // links) stands for all three passes.
+        wchar_t wszText[kResourceTextChars] = {};
+        if (::LoadStringW(m_hModule, IDS_RESTORING_HARD_LINKS, wszText,
+                          static_cast<int>(kResourceTextChars)) > 0)
+        {
+            progress.sText = wszText;
+            SendProgress(progress, kStateText);
+        }
+    }
+
+    for (const Point& point : points)
+    {
+        bool bOk = false;
+        switch (kind)
+        {
+        case LinkKind::Junction:
+            bOk = CreateJunction(point.sLink, point.sTarget, point.dwAttr);
+            break;
+        case LinkKind::Symbolic:
+            bOk = CreateSymbolicLink(point.sLink, point.sTarget, point.dwAttr);
+            break;
+        case LinkKind::Hard:
+            bOk = CreateHardLink(point.sLink, point.sTarget);
+            break;
+        }
+        if (!bOk)
+        {
+            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, texts.pwszFailure);
+            bFailed = true;
+        }
+        ++progress.ullDone;
+        SendProgress(progress, kStateLinkDone);
+    }
+
+    if (bFailed)
+    {
+        SendProgress(progress, kStateFailed);
+        return;
+    }
+    g_KeflTrace.TraceMessage(TRACE_INFO, kFn, texts.pwszSuccess);
+    SendProgress(progress, kStateSucceeded);
 }
 
-bool CLinkRestorer::CreateHardLink(const std::wstring&, const std::wstring&)
+bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
 {
-    return false;
+    static const wchar_t kFn[] = L"KEFLImpl::CreateJunction";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
+    const std::wstring sJumboLink = JumboPath(sLink);
+    const std::wstring sJumboTarget = JumboPath(sTarget);
+
+    if (!IsOnNtfs(sLink))
+        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
+
+    if (!IsDirectory(sJumboTarget))
+    {
+        // Only the folders above the target are made: the junction may point at a folder that
+        // the restore of its own drive brings back later.
+        g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Target folder absent, creating it ...");
+        if (!m_base.CreateParentDir(sJumboTarget))
+            return EndFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(TGT) failed)");
+    }
+    if (!m_base.CreateParentDir(sJumboLink))
+        return EndFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(JCT) failed)");
+
+    // A folder that already stands where the junction goes is made the junction.
+    if (!::CreateDirectoryW(sJumboLink.c_str(), nullptr))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        if (dwLastError != ERROR_ALREADY_EXISTS)
+            return EndFailed(kFn, L"... ending(CreateDirectory(JCT) failed)", dwLastError);
+    }
+
+    CUniqueFile hJunction(::CreateFileW(sJumboLink.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                        kJunctionOpenFlags, nullptr));
+    if (!hJunction)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        ::RemoveDirectoryW(sJumboLink.c_str());
+        return EndFailed(kFn, L"... ending(CreateFile failed)", dwLastError);
+    }
+
+    DWORD cbInput = 0;
+    std::vector<BYTE> vReparseData = JunctionReparseData(sTarget, cbInput);
+    DWORD cbReturned = 0;
+    if (!::DeviceIoControl(hJunction.get(), kFsctlSetReparsePoint, vReparseData.data(), cbInput, nullptr, 0,
+                           &cbReturned, nullptr))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        // Closed first: an open handle would keep the folder from being removed.
+        hJunction.reset();
+        ::RemoveDirectoryW(sJumboLink.c_str());
+        return EndFailed(kFn, L"... ending(DeviceIoControl(FSCTL_SET_REPARSE_POINT) failed)", dwLastError);
+    }
+
+    SetLinkAttributes(kFn, sJumboLink, dwAttr);
+    hJunction.reset();
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
+{
+    static const wchar_t kFn[] = L"KEFLImpl::CreateSymbolicLink";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
+    if (!m_pfnCreateSymbolicLinkW)
+        return EndFailed(kFn, L"... ending(CreateSymbolicLink is not available)");
+    if (!IsOnNtfs(sLink))
+        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
+
+    const std::wstring sJumboLink = JumboPath(sLink);
+    const std::wstring sJumboTarget = JumboPath(sTarget);
+    // Asked before anything is made: a missing target gives a link to a file.
+    const bool bIsDirectory = IsDirectory(sJumboTarget);
+    if (!m_base.CreateParentDir(sJumboLink))
+        return EndFailed(kFn, L"... ending(KEFLImpl::CreateParentDir failed)");
+
+    if (!m_pfnCreateSymbolicLinkW(sJumboLink.c_str(), sJumboTarget.c_str(),
+                                  bIsDirectory ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        // A link that is there already counts as made.
+        if (dwLastError != ERROR_ALREADY_EXISTS)
+        {
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
+            TraceLastError(TRACE_ERROR, kFn, dwLastError);
+            return false;
+        }
+    }
+
+    SetLinkAttributes(kFn, sJumboLink, dwAttr);
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+void CLinkRestorer::RemoveExistingFile(const wchar_t* pwszFunction, const std::wstring& sJumboLink)
+{
+    if (::DeleteFileW(sJumboLink.c_str()))
+        return;
+    const DWORD dwLastError = ::GetLastError();
+    if (dwLastError == ERROR_FILE_NOT_FOUND)
+        return;
+    if (dwLastError != ERROR_ACCESS_DENIED)
+    {
+        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        return;
+    }
+    // Refused: a read-only file (a restored copy keeps its attributes) loses the attribute
+    // and goes; anything else refused (a folder, say) is left for the link call to report.
+    const DWORD dwAttributes = ::GetFileAttributesW(sJumboLink.c_str());
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
+    {
+        TraceLastError(TRACE_ERROR, pwszFunction, ::GetLastError());
+        return;
+    }
+    if ((dwAttributes & FILE_ATTRIBUTE_READONLY) == 0)
+        return;
+    if (!::SetFileAttributesW(sJumboLink.c_str(), dwAttributes & ~FILE_ATTRIBUTE_READONLY))
+    {
+        TraceLastError(TRACE_ERROR, pwszFunction, ::GetLastError());
+        return;
+    }
+    if (!::DeleteFileW(sJumboLink.c_str()))
+    {
+        const DWORD dwRetryError = ::GetLastError();
+        if (dwRetryError != ERROR_FILE_NOT_FOUND)
+            TraceLastError(TRACE_ERROR, pwszFunction, dwRetryError);
+    }
+}
+
+bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring& sTarget)
+{
+    static const wchar_t kFn[] = L"KEFLImpl::CreateHardLinkW";
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
+    if (!m_pfnCreateHardLinkW)
+        return EndFailed(kFn, L"... ending(CreateHardLink is not available)");
+    if (!IsOnNtfs(sLink))
+        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
+
+    const std::wstring sJumboLink = JumboPath(sLink);
+    const std::wstring sJumboTarget = JumboPath(sTarget);
+    if (!m_base.CreateParentDir(sJumboLink))
+        return EndFailed(kFn, L"... ending(KEFLImpl::CreateParentDir failed)");
+
+    // The restore brought back a copy of the file under the link's name too; the link replaces it.
+    RemoveExistingFile(kFn, sJumboLink);
+
+    if (IsDirectory(sJumboTarget))
+        return EndFailed(kFn, L"... ending(Target is a directory)");
+
+    if (!m_pfnCreateHardLinkW(sJumboLink.c_str(), sJumboTarget.c_str(), nullptr))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        // A name that is there already counts as made.
+        if (dwLastError != ERROR_ALREADY_EXISTS)
+        {
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
+            TraceLastError(TRACE_ERROR, kFn, dwLastError);
+            return false;
+        }
+    }
+
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
 }
 
 } // namespace morvane

@@ -30,6 +30,21 @@ public:
     bool CreateHardLink(const std::wstring& sLink, const std::wstring& sTarget);
 
 private:
+    enum class LinkKind
+    {
+        Junction,
+        Symbolic,
+        Hard,
+    };
+    // One pass of RestoreLinks over one list, with its own progress record. bFailed is the
+    // failure flag of the whole call: set by a failing link, never cleared here.
+    void RestorePass(LinkKind kind, const PointList& points, bool& bFailed);
+    // Hands the record to the host's progress callback with the given state.
+    void SendProgress(ProgMsg& progress, uint32_t uiState);
+    // Makes way for a hard link: the file that stands where the link goes is deleted, a
+    // read-only one too. Failures are traced; the caller goes on regardless.
+    void RemoveExistingFile(const wchar_t* pwszFunction, const std::wstring& sJumboLink);
+
     VESKImpl& m_base;
     HMODULE m_hModule;
     CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW;

@@ -171,7 +171,7 @@ TEST_F(KeflFixture, OperationsNotYetBuiltFailPlainlyWithAnErrorText)
     EXPECT_FALSE(pClient->GetFilespaceList(vFilespaces));
     EXPECT_TRUE(vFilespaces.empty());
     EXPECT_FALSE(pClient->RestoreFilespace(fs));
-    EXPECT_FALSE(pClient->RestoreLinks());
+    EXPECT_TRUE(pClient->RestoreLinks());
     EXPECT_TRUE(pClient->Fini());
     std::wstring sError;
     pClient->GetLastErrorMsg(sError);
