@@ -13,6 +13,10 @@ namespace
 constexpr uint32_t kStateStarting = 1;
 constexpr uint32_t kStateCountFailed = 3;
 constexpr uint32_t kStateMessage = 7;
+// States of a link pass: 2 after each link, 3 ended with failures (in this pass or an earlier
+// one), 4 ended well.
+constexpr uint32_t kStateLinksFailed = 3;
+constexpr uint32_t kStateLinksDone = 4;
 // At most this often a new bar: a progress line per read of 64 KiB would flood the screen.
 constexpr ULONGLONG kDrawIntervalMs = 500;
 
@@ -42,8 +46,7 @@ void CProgressDisplay::Show(const morvane::ProgMsg& msg)
         PrintLine(L"  " + msg.sText);
     if (!msg.sTitle.empty()) // link restore: a title and a detail, counts instead of bytes
     {
-        PrintLine(L"  " + msg.sTitle + L": " + msg.sText + L" (" + std::to_wstring(msg.ullDone) + L"/" +
-                  std::to_wstring(msg.ullTotal) + L")");
+        ShowLinkPass(msg);
         return;
     }
     m_ullBytesDone = msg.ullBytesDone;
@@ -53,6 +56,29 @@ void CProgressDisplay::Show(const morvane::ProgMsg& msg)
     {
         m_ullLastDrawTick = ullNow;
         Draw();
+    }
+}
+
+void CProgressDisplay::ShowLinkPass(const morvane::ProgMsg& msg)
+{
+    const std::wstring sCount = std::to_wstring(msg.ullDone) + L" of " + std::to_wstring(msg.ullTotal);
+    switch (msg.uiState)
+    {
+    case kStateStarting:
+        PrintLine(msg.sTitle + L": " + std::to_wstring(msg.ullTotal));
+        break;
+    case kStateMessage:
+        PrintLine(L"  " + msg.sText);
+        break;
+    case kStateLinksFailed:
+        m_bLinksFailed = true;
+        PrintLine(L"  " + sCount + L" done, not all made (an earlier pass may have failed)");
+        break;
+    case kStateLinksDone:
+        PrintLine(L"  " + sCount + L" done");
+        break;
+    default: // one per link: too many to show
+        break;
     }
 }
 

@@ -18,6 +18,8 @@ public:
     static int32_t OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext);
     // Draws the last state once more and ends the line of a filespace.
     void Finish();
+    // Whether a link pass ended with links that were not made.
+    bool LinksFailed() const { return m_bLinksFailed; }
 
     // "[#######.............]  35%   12.3 MiB of 35.0 MiB   4.1 MiB/s"
     static std::wstring Bar(uint64_t ullDone, uint64_t ullTotal, double dSecondsElapsed);
@@ -25,6 +27,7 @@ public:
 
 private:
     void Show(const morvane::ProgMsg& msg);
+    void ShowLinkPass(const morvane::ProgMsg& msg);
     void Draw();
 
     std::wstring m_sPath;
@@ -33,6 +36,7 @@ private:
     ULONGLONG m_ullStartTick = 0;
     ULONGLONG m_ullLastDrawTick = 0;
     bool m_bDrawn = false;
+    bool m_bLinksFailed = false;
 };
 
 } // namespace keflhost

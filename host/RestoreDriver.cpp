@@ -2,6 +2,7 @@
 
 #include "host/HostOutput.h"
 #include "host/ProgressDisplay.h"
+#include "winecompat/LinkStandIns.h"
 
 #include <cstdio>
 #include <cwctype>
@@ -125,20 +126,32 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
     {
         bool bKnown = false;
         for (const morvane::Filespace& fs : vFilespaces)
-            bKnown = bKnown || IsSelected(fs, CRestoreRequest{false, {sWanted}});
+        {
+            CRestoreRequest one;
+            one.vSelected = {sWanted};
+            bKnown = bKnown || IsSelected(fs, one);
+        }
         if (!bKnown)
         {
             PrintLine(L"keflhost: the backup holds no filespace " + sWanted);
             vFailed.push_back(sWanted);
         }
     }
+    // The links go last: their targets are among the restored files.
+    client.RestoreLinks();
     client.Fini();
 
     PrintLine(L"Restored " + std::to_wstring(vRestored.size()) + L" of " +
               std::to_wstring(vRestored.size() + vFailed.size()) + L" filespaces.");
     for (const std::wstring& sName : vFailed)
         PrintLine(L"  not restored: " + sName);
-    return vFailed.empty() ? kRestoreOk : kRestoreIncomplete;
+    if (request.bLinksRecordedOnly)
+        for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
+            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " +
+                      link.sTarget);
+    if (display.LinksFailed())
+        PrintLine(L"  not every link was made");
+    return vFailed.empty() && !display.LinksFailed() ? kRestoreOk : kRestoreIncomplete;
 }
 
 } // namespace keflhost

@@ -14,6 +14,8 @@ namespace keflhost
 struct CRestoreRequest
 {
     bool bListOnly = false;
+    // Under Wine: junctions and symbolic links are recorded by stand-ins, not made.
+    bool bLinksRecordedOnly = false;
     // Drive letters ("C") or mount-point folders ("C:\Mount\Data"); empty: every filespace.
     std::vector<std::wstring> vSelected;
 };

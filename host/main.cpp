@@ -161,6 +161,11 @@ int wmain(int argc, wchar_t** argv)
     // Under Wine only: the Windows answers that Wine 8 lacks (volume paths, the network provider,
     // backup streams, a usable console), so that a whole restore runs as it would on Windows.
     const winecompat::CWineStandIns wineStandIns(hKefl.get());
+    if (wineStandIns.IsActive())
+        PrintLine(
+            L"Running under Wine: backup streams, volume paths, the network provider and a console are stood "
+            L"in; junctions and symbolic links are recorded, not made.");
+    options.request.bLinksRecordedOnly = wineStandIns.IsActive();
 
     std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);

@@ -32,6 +32,7 @@ CWineStandIns::CWineStandIns(HMODULE hModule)
         return;
     m_pLocation = std::make_unique<CLocationPatches>(hModule);
     m_pStreams = std::make_unique<CBackupStreamPatches>(hModule);
+    m_pLinks = std::make_unique<CLinkPatches>(hModule);
     MakeConsoleUsable();
 }
 

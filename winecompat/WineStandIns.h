@@ -1,9 +1,11 @@
 #pragma once
 // What our host needs to drive KEFL.dll under Wine 8, which lacks a few Windows behaviours that a
 // restore meets: the volume-path and network-provider answers (LocationStandIns.h), backup streams
-// (BackupStreams.h), and a usable console for the session's child processes. Nothing here is part
+// (BackupStreams.h), junctions, symbolic links and mount folders (LinkStandIns.h: recorded, not
+// made), and a usable console for the session's child processes. Nothing here is part
 // of KEFL.dll, and nothing is done when the program runs on Windows.
 #include "winecompat/BackupStreams.h"
+#include "winecompat/LinkStandIns.h"
 #include "winecompat/LocationStandIns.h"
 
 #include <windows.h>
@@ -19,13 +21,15 @@ bool IsWine();
 class CWineStandIns
 {
 public:
-    // Patches hModule (KEFL.dll) when running under Wine.
+    // Patches hModule (KEFL.dll) when running under Wine; before the module's client is made, so
+    // that its look-up of CreateSymbolicLinkW meets the stand-in.
     explicit CWineStandIns(HMODULE hModule);
     bool IsActive() const { return m_pLocation != nullptr; }
 
 private:
     std::unique_ptr<CLocationPatches> m_pLocation;
     std::unique_ptr<CBackupStreamPatches> m_pStreams;
+    std::unique_ptr<CLinkPatches> m_pLinks;
 };
 
 } // namespace winecompat
