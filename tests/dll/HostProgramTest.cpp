@@ -62,36 +62,75 @@ TEST_F(KeflFixture, HostPrintsTheClientAndItsCredentials)
         << withFile.sOutput;
 }
 
-TEST_F(KeflFixture, HostRestoresAWholeBackupWithProgressAndSummary)
+// The file behind a path: volume and index, and how many names it has.
+BY_HANDLE_FILE_INFORMATION FileIdentity(const std::wstring& sPath)
 {
-    // One drive folder F (restored onto the target drive F:) and the data folder.
+    BY_HANDLE_FILE_INFORMATION info = {};
+    morvane::CUniqueFile hFile(::CreateFileW(sPath.c_str(), 0,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (hFile)
+        ::GetFileInformationByHandle(hFile.get(), &info);
+    return info;
+}
+
+TEST_F(KeflFixture, HostRunsTheWholeSequenceAndRunsItAgainOverTheRestoredTree)
+{
+    // One drive folder F (restored onto the target drive F:), the data folder with the recovery
+    // configuration, a junction, a symbolic link and a hard-link group held as two copies; the
+    // answer file that names the backup.
     const std::wstring sBackup = L"R:\\HostSample";
+    kefltest::RemoveTree(sBackup);
+    kefltest::RemoveTree(L"F:\\Data");
     for (const wchar_t* pwszDir : {L"", L"\\F", L"\\F\\ZOVACFG", L"\\F\\Data", L"\\#"})
         ::CreateDirectoryW((sBackup + pwszDir).c_str(), nullptr);
     std::string sBig(200000, 'x');
     for (size_t i = 0; i < sBig.size(); ++i)
         sBig[i] = static_cast<char>(i * 7);
     WriteTextFile(sBackup + L"\\F\\Data\\big.bin", sBig);
+    WriteTextFile(sBackup + L"\\F\\Data\\copy.bin", sBig);
     WriteTextFile(sBackup + L"\\#\\disrec.ini", "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\n"
                                                 "Directory=F:\\Windows\r\nBootDriveLetter=F\r\n");
-    WriteTextFile(sBackup + L"\\#\\HPoint.dat", "");
-    ::DeleteFileW(L"F:\\Data\\big.bin");
+    WriteTextFile(sBackup + L"\\#\\HPoint.dat", "[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n");
+    WriteTextFile(sBackup + L"\\#\\JPoint.dat", "[F:\\Old]\r\nTarget=F:\\Data\r\nBackupTarget=R:\\x\r\n");
+    WriteTextFile(sBackup + L"\\#\\SPoint.dat",
+                  "[F:\\latest.bin]\r\nTarget=F:\\Data\\big.bin\r\nBackupTarget=R:\\x\r\n");
+    WriteTextFile(L"R:\\HostSample.ini", "[ZovaBackupLocation]\r\nLocation=R:\\HostSample\r\n");
 
-    const CHostRun listed = RunHost(L"--location R:\\HostSample --list");
+    const CHostRun listed = RunHost(L"--answer-file R:\\HostSample.ini --list");
     EXPECT_EQ(0u, listed.dwExitCode) << listed.sOutput;
     EXPECT_NE(std::string::npos, listed.sOutput.find("  F:   F:\\   [BOOT SYSTEM]")) << listed.sOutput;
-    EXPECT_TRUE(ReadFileBytes(L"F:\\Data\\big.bin").empty()) << "--list restores nothing";
+    EXPECT_FALSE(FileExists(L"F:\\Data\\big.bin")) << "--list restores nothing";
 
-    const CHostRun restored = RunHost(L"--location R:\\HostSample");
-    EXPECT_EQ(0u, restored.dwExitCode) << restored.sOutput;
-    EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\big.bin"));
-    EXPECT_NE(std::string::npos,
-              restored.sOutput.find("[info] Successfully restored drive letter F: from target location"))
-        << restored.sOutput;
-    EXPECT_NE(std::string::npos, restored.sOutput.find("] 100%")) << restored.sOutput;
-    EXPECT_NE(std::string::npos, restored.sOutput.find("Restored 1 of 1 filespaces.")) << restored.sOutput;
+    for (int iRun = 1; iRun <= 2; ++iRun)
+    {
+        const CHostRun run = RunHost(L"--answer-file R:\\HostSample.ini");
+        EXPECT_EQ(0u, run.dwExitCode) << "run " << iRun << ":\n" << run.sOutput;
+        EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\big.bin")) << "run " << iRun;
+        EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\copy.bin")) << "run " << iRun;
+        const BY_HANDLE_FILE_INFORMATION first = FileIdentity(L"F:\\Data\\big.bin");
+        const BY_HANDLE_FILE_INFORMATION second = FileIdentity(L"F:\\Data\\copy.bin");
+        EXPECT_EQ(2u, first.nNumberOfLinks) << "run " << iRun << ": one file, two names";
+        EXPECT_TRUE(first.nFileIndexLow == second.nFileIndexLow &&
+                    first.nFileIndexHigh == second.nFileIndexHigh)
+            << "run " << iRun;
+        EXPECT_NE(std::string::npos, run.sOutput.find("] 100%")) << run.sOutput;
+        EXPECT_NE(std::string::npos, run.sOutput.find("Restored 1 of 1 filespaces.")) << run.sOutput;
+        // Under Wine junctions and symbolic links can only be recorded; the host must say so.
+        if (run.sOutput.find("Running under Wine") != std::string::npos)
+        {
+            EXPECT_NE(std::string::npos,
+                      run.sOutput.find("recorded, not made (Wine cannot): junction F:\\Old -> F:\\Data"))
+                << run.sOutput;
+            EXPECT_NE(
+                std::string::npos,
+                run.sOutput.find(
+                    "recorded, not made (Wine cannot): symbolic link F:\\latest.bin -> F:\\Data\\big.bin"))
+                << run.sOutput;
+        }
+    }
 
-    const CHostRun unknown = RunHost(L"--location R:\\HostSample --restore Q");
+    const CHostRun unknown = RunHost(L"--answer-file R:\\HostSample.ini --restore Q");
     EXPECT_EQ(5u, unknown.dwExitCode) << unknown.sOutput;
     EXPECT_NE(std::string::npos, unknown.sOutput.find("the backup holds no filespace Q")) << unknown.sOutput;
 }
