@@ -21,6 +21,7 @@
 #include <psapi.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -32,7 +33,8 @@ using namespace morvane;
 namespace
 {
 
-constexpr size_t kFileCounts[] = {1000, 10000};
+// Tree sizes when none are given on the command line (kefl_restore_bench 1000 10000 100000).
+const std::vector<size_t> kDefaultFileCounts = {1000, 10000};
 constexpr size_t kFilesPerFolder = 100;
 const std::wstring kBenchRoot = L"R:\\RestoreBench";
 const std::wstring kBackup = kBenchRoot + L"\\Backup";
@@ -236,7 +238,7 @@ void PrintRate(const wchar_t* pwszName, size_t nFiles, uint64_t ullBytes, double
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
     LARGE_INTEGER liFreq;
     ::QueryPerformanceFrequency(&liFreq);
@@ -250,7 +252,13 @@ int main()
     }
     const bool bSavedTraceIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
     int iRc = 0;
-    for (size_t nFiles : kFileCounts)
+    std::vector<size_t> vFileCounts;
+    for (int i = 1; i < argc; ++i)
+        vFileCounts.push_back(static_cast<size_t>(std::strtoull(argv[i], nullptr, 10)));
+    if (vFileCounts.empty())
+        vFileCounts = kDefaultFileCounts;
+    double dFirstPerFile = 0.0;
+    for (size_t nFiles : vFileCounts)
     {
         RemoveTree(kBenchRoot);
         RemoveTree(L"E:\\Tree");
@@ -307,6 +315,12 @@ int main()
         PrintRate(L"CopyFileW walk", nFiles, ullBytes, dWalk);
         std::wprintf(L"  time ratio KEFL/XCOPY %.2f (errors only %.2f), KEFL/walk %.2f (errors only %.2f)\n",
                      dKefl / dXcopy, dKeflQuiet / dXcopy, dKefl / dWalk, dKeflQuiet / dWalk);
+        // Growth with the file count: time per file against the first size's.
+        const double dPerFile = dKeflQuiet / static_cast<double>(nFiles);
+        if (dFirstPerFile == 0.0)
+            dFirstPerFile = dPerFile;
+        std::wprintf(L"  errors only: %.3f ms per file, %.2f x the per-file time of the first size\n",
+                     dPerFile * 1000.0, dPerFile / dFirstPerFile);
         std::wprintf(L"  peak working set: this process %.1f MiB after the library's restores",
                      cbPeakKefl / (1024.0 * 1024.0));
         if (cbPeakXcopy != 0)
