@@ -93,28 +93,7 @@ void ListTree(const std::wstring& sDir, const std::wstring& sRel, std::map<std::
 
 void RemoveLongTree(const std::wstring& sDir, bool bKeepRoot)
 {
-    WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW(Long(sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveLongTree(sPath, false);
-            else
-            {
-                ::SetFileAttributesW(Long(sPath).c_str(), FILE_ATTRIBUTE_NORMAL);
-                ::DeleteFileW(Long(sPath).c_str());
-            }
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    if (!bKeepRoot)
-        ::RemoveDirectoryW(Long(sDir).c_str());
+    kefltest::RemoveTree(Long(sDir), bKeepRoot);
 }
 
 // The progress records that the library handed to the host.

@@ -48,26 +48,7 @@ void WriteFileText(const std::wstring& sPath, const std::string& sText, DWORD dw
 
 void RemoveLongTree(const std::wstring& sDir, bool bKeepRoot)
 {
-    WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW(Long(sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            ::SetFileAttributesW(Long(sPath).c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveLongTree(sPath, false);
-            else
-                ::DeleteFileW(Long(sPath).c_str());
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    if (!bKeepRoot)
-        ::RemoveDirectoryW(Long(sDir).c_str());
+    kefltest::RemoveTree(Long(sDir), bKeepRoot);
 }
 
 // Link count and identity of a file.

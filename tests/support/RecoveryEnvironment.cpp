@@ -77,7 +77,7 @@ void RemoveFile(const std::wstring& sPath)
     ::DeleteFileW(sPath.c_str());
 }
 
-void RemoveTree(const std::wstring& sDir)
+void RemoveTree(const std::wstring& sDir, bool bKeepRoot)
 {
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
@@ -91,6 +91,7 @@ void RemoveTree(const std::wstring& sDir)
             const std::wstring sPath = sDir + L"\\" + sName;
             if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
             {
+                ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
                 RemoveTree(sPath);
             }
             else
@@ -101,7 +102,8 @@ void RemoveTree(const std::wstring& sDir)
         } while (::FindNextFileW(hFind.get(), &fd));
     }
     hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
+    if (!bKeepRoot)
+        ::RemoveDirectoryW(sDir.c_str());
 }
 
 bool FileExists(const std::wstring& sPath)

@@ -27,8 +27,9 @@ void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys);
 // Writes a whole text file (UTF-16 for .ini files is not needed: the texts here are ASCII).
 void WriteTextFile(const std::wstring& sPath, const std::string& sText);
 void RemoveFile(const std::wstring& sPath);
-// Removes a folder and everything in it, read-only files too (long "\\?\" paths work).
-void RemoveTree(const std::wstring& sDir);
+// Removes a folder and everything in it, read-only files too (long "\\?\" paths work); with
+// bKeepRoot the folder itself stays, emptied.
+void RemoveTree(const std::wstring& sDir, bool bKeepRoot = false);
 bool FileExists(const std::wstring& sPath);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
