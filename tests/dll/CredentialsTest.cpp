@@ -18,14 +18,6 @@ std::wstring AnswerFile(const wchar_t* pwszName)
     return std::wstring(kAnswerDir) + L"\\" + pwszName;
 }
 
-// An answer file in UTF-16 with a byte-order mark, as Windows' own tools write it.
-void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText)
-{
-    std::string sBytes = "\xFF\xFE";
-    sBytes.append(reinterpret_cast<const char*>(sText.data()), sText.size() * sizeof(wchar_t));
-    WriteTextFile(sPath, sBytes);
-}
-
 std::wstring ReadKey(const std::wstring& sPath, const wchar_t* pwszKey)
 {
     wchar_t wsz[300] = {};

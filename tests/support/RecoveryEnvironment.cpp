@@ -72,6 +72,17 @@ void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys)
     WriteTextFile(TraceIniPath(), sText);
 }
 
+void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText)
+{
+    std::string sBytes = "\xFF\xFE";
+    for (wchar_t wc : sText)
+    {
+        sBytes.push_back(static_cast<char>(wc & 0xFF));
+        sBytes.push_back(static_cast<char>((wc >> 8) & 0xFF));
+    }
+    WriteTextFile(sPath, sBytes);
+}
+
 void RemoveFile(const std::wstring& sPath)
 {
     ::DeleteFileW(sPath.c_str());

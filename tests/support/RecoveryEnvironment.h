@@ -26,6 +26,8 @@ std::wstring TraceIniPath();
 void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys);
 // Writes a whole text file (UTF-16 for .ini files is not needed: the texts here are ASCII).
 void WriteTextFile(const std::wstring& sPath, const std::string& sText);
+// A UTF-16 file as Windows' own tools write one: the byte-order mark FF FE, then UTF-16LE.
+void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText);
 void RemoveFile(const std::wstring& sPath);
 // Removes a folder and everything in it, read-only files too (long "\\?\" paths work); with
 // bKeepRoot the folder itself stays, emptied.

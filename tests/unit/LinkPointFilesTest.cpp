@@ -94,18 +94,6 @@ std::wstring PathOf(const wchar_t* pwszName)
     return std::wstring(kDir) + L"\\" + pwszName;
 }
 
-// A UTF-16 file as Windows writes one: the byte-order mark FF FE, then UTF-16LE.
-void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText)
-{
-    std::string sBytes = "\xFF\xFE";
-    for (wchar_t wc : sText)
-    {
-        sBytes.push_back(static_cast<char>(wc & 0xFF));
-        sBytes.push_back(static_cast<char>((wc >> 8) & 0xFF));
-    }
-    WriteTextFile(sPath, sBytes);
-}
-
 std::string Narrow(const std::wstring& sText)
 {
     return std::string(sText.begin(), sText.end()); // ASCII texts only
