@@ -9,14 +9,6 @@ namespace keflhost
 namespace
 {
 
-// States of a filespace restore's progress record.
-constexpr uint32_t kStateStarting = 1;
-constexpr uint32_t kStateCountFailed = 3;
-constexpr uint32_t kStateMessage = 7;
-// States of a link pass: 2 after each link, 3 ended with failures (in this pass or an earlier
-// one), 4 ended well.
-constexpr uint32_t kStateLinksFailed = 3;
-constexpr uint32_t kStateLinksDone = 4;
 // At most this often a new bar: a progress line per read of 64 KiB would flood the screen.
 constexpr ULONGLONG kDrawIntervalMs = 500;
 
@@ -32,7 +24,7 @@ int32_t CProgressDisplay::OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullC
 
 void CProgressDisplay::Show(const morvane::ProgMsg& msg)
 {
-    if (msg.uiState == kStateStarting && msg.ullBytesDone == 0 && msg.sPath != m_sPath)
+    if (msg.uiState == morvane::PROG_STATE_STARTING && msg.ullBytesDone == 0 && msg.sPath != m_sPath)
     {
         m_sPath = msg.sPath;
         m_ullStartTick = ::GetTickCount64();
@@ -40,9 +32,10 @@ void CProgressDisplay::Show(const morvane::ProgMsg& msg)
         m_bDrawn = false;
         PrintLine(L"Restoring " + msg.sPath);
     }
-    if (msg.uiState == kStateCountFailed)
+    if (msg.uiState == morvane::PROG_STATE_FAILED)
         PrintLine(L"  the count of " + msg.sPath + L" failed");
-    else if (msg.uiState == kStateMessage && msg.ullBytesDone == 0 && msg.ullTotal == 0 && !msg.sText.empty())
+    else if (msg.uiState == morvane::PROG_STATE_TEXT && msg.ullBytesDone == 0 && msg.ullTotal == 0 &&
+             !msg.sText.empty())
         PrintLine(L"  " + msg.sText);
     if (!msg.sTitle.empty()) // link restore: a title and a detail, counts instead of bytes
     {
@@ -64,17 +57,17 @@ void CProgressDisplay::ShowLinkPass(const morvane::ProgMsg& msg)
     const std::wstring sCount = std::to_wstring(msg.ullDone) + L" of " + std::to_wstring(msg.ullTotal);
     switch (msg.uiState)
     {
-    case kStateStarting:
+    case morvane::PROG_STATE_STARTING:
         PrintLine(msg.sTitle + L": " + std::to_wstring(msg.ullTotal));
         break;
-    case kStateMessage:
+    case morvane::PROG_STATE_TEXT:
         PrintLine(L"  " + msg.sText);
         break;
-    case kStateLinksFailed:
+    case morvane::PROG_STATE_FAILED:
         m_bLinksFailed = true;
         PrintLine(L"  " + sCount + L" done, not all made (an earlier pass may have failed)");
         break;
-    case kStateLinksDone:
+    case morvane::PROG_STATE_DONE:
         PrintLine(L"  " + sCount + L" done");
         break;
     default: // one per link: too many to show

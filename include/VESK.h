@@ -56,6 +56,16 @@ struct ProgMsg
     uint64_t ullDone;
 };
 
+// ProgMsg::uiState values.
+enum : uint32_t
+{
+    PROG_STATE_STARTING = 1, // a filespace restore or a link pass starts
+    PROG_STATE_STEP = 2,     // one link done (made or not)
+    PROG_STATE_FAILED = 3,   // the count failed; a link pass ended with links not made
+    PROG_STATE_DONE = 4,     // a link pass ended with every link made
+    PROG_STATE_TEXT = 7,     // sText holds a message to show
+};
+
 typedef int32_t (*ProgMsgCallbackFn)(const ProgMsg* pMsg, uint64_t ullContext);
 
 // One restorable drive or mount point of a backup.

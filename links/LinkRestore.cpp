@@ -17,14 +17,6 @@ namespace morvane
 namespace
 {
 
-// States of a link-restore progress record: a pass starts, a text to show, one link done, the
-// pass ended with failures (in this call), the pass ended without any.
-constexpr uint32_t kStateStarting = 1;
-constexpr uint32_t kStateLinkDone = 2;
-constexpr uint32_t kStateFailed = 3;
-constexpr uint32_t kStateSucceeded = 4;
-constexpr uint32_t kStateText = 7;
-
 constexpr size_t kResourceTextChars = 1024;
 
 // The junction's reparse data: a mount-point reparse buffer, its path buffer holding the
@@ -180,7 +172,7 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
     ProgMsg progress{};
     progress.sTitle = texts.pwszTitle;
     progress.ullTotal = points.size();
-    SendProgress(progress, kStateStarting);
+    SendProgress(progress, PROG_STATE_STARTING);
     if (kind == LinkKind::Junction)
     {
         // The junction pass opens the whole link restore, so its text (message 133, about hard
@@ -190,7 +182,7 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
                           static_cast<int>(kResourceTextChars)) > 0)
         {
             progress.sText = wszText;
-            SendProgress(progress, kStateText);
+            SendProgress(progress, PROG_STATE_TEXT);
         }
     }
 
@@ -215,16 +207,16 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
             bFailed = true;
         }
         ++progress.ullDone;
-        SendProgress(progress, kStateLinkDone);
+        SendProgress(progress, PROG_STATE_STEP);
     }
 
     if (bFailed)
     {
-        SendProgress(progress, kStateFailed);
+        SendProgress(progress, PROG_STATE_FAILED);
         return;
     }
     g_KeflTrace.TraceMessage(TRACE_INFO, kFn, texts.pwszSuccess);
-    SendProgress(progress, kStateSucceeded);
+    SendProgress(progress, PROG_STATE_DONE);
 }
 
 bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)

@@ -21,11 +21,6 @@ const wchar_t kCopyFile[] = L"KEFLImpl::CopyFileWithProgress";
 // Filespace.dwFsFlags: the filespace is a mount point, not a drive.
 constexpr uint32_t kFsFlagMountPoint = 0x8;
 
-// Progress states of a filespace restore.
-constexpr uint32_t kStateStarting = 1;
-constexpr uint32_t kStateCountFailed = 3;
-constexpr uint32_t kStateText = 7;
-
 // The unit of BackupRead and BackupWrite.
 constexpr DWORD kCopyBufferBytes = 65536;
 
@@ -172,7 +167,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     ProgMsg progress{};
     progress.sPath = fs.sFsPath;
     progress.wcDriveLetter = fs.wcFsDriveLetter;
-    progress.uiState = kStateStarting;
+    progress.uiState = PROG_STATE_STARTING;
     if (m_pfnProgMsg)
         m_pfnProgMsg(&progress, m_pProgMsgCtx);
     if (m_hModule)
@@ -180,7 +175,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         wchar_t wszText[1024] = {};
         ::LoadStringW(m_hModule, IDS_COUNTING_OBJECTS, wszText, 1024);
         progress.sText = wszText;
-        progress.uiState = kStateText;
+        progress.uiState = PROG_STATE_TEXT;
         if (m_pfnProgMsg)
             m_pfnProgMsg(&progress, m_pProgMsgCtx);
     }
@@ -188,7 +183,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     CWalkList walk;
     if (!CountFiles(sSrcFolder, walk, progress))
     {
-        progress.uiState = kStateCountFailed;
+        progress.uiState = PROG_STATE_FAILED;
         if (m_pfnProgMsg)
             m_pfnProgMsg(&progress, m_pProgMsgCtx);
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
