@@ -367,7 +367,10 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         return EndFailed(kFn, L"... ending(KEFLImpl::CreateParentDir failed)");
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
-    RemoveExistingFile(kFn, sJumboLink);
+    // Only when there is a file to link to: without one, the copy is all that is left of the file.
+    const DWORD dwTargetAttributes = ::GetFileAttributesW(sJumboTarget.c_str());
+    if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !(dwTargetAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        RemoveExistingFile(kFn, sJumboLink);
 
     if (IsDirectory(sJumboTarget))
         return EndFailed(kFn, L"... ending(Target is a directory)");

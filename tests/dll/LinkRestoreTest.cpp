@@ -360,6 +360,19 @@ TEST_F(LinkRestoreTest, HardLinksJoinTheRestoredFileAndReplaceItsCopies)
     EXPECT_EQ(L"No error", ErrorText());
 }
 
+TEST_F(LinkRestoreTest, AHardLinkWithoutItsTargetKeepsTheRestoredCopy)
+{
+    // The group's first name was not restored (its drive left out): the copy under the second
+    // name is all there is of the file, and stays.
+    WriteFileText(L"E:\\Data\\only copy.txt", "the only copy");
+    WriteLinkPoints({}, {}, HardLinkGroup(1, {"E:\\Missing\\first.txt", "E:\\Data\\only copy.txt"}));
+    InitAndRestore();
+
+    EXPECT_EQ("the only copy", ReadFileBytes(Long(L"E:\\Data\\only copy.txt")));
+    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed"));
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3}), States(kHardTitle));
+}
+
 TEST_F(LinkRestoreTest, JunctionsCarryTheTargetInTheirReparseData)
 {
     PatchDeviceIoControl();
