@@ -39,24 +39,6 @@ bool IsDirectory(const std::wstring& sPath)
     return ::PathIsDirectoryW(sPath.c_str()) != FALSE;
 }
 
-void TraceLastError(uint32_t uiLevel, const wchar_t* pwszFunction, DWORD dwLastError)
-{
-    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-}
-
-bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
-{
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
-    return false;
-}
-
-bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason, DWORD dwLastError)
-{
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
-    TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
-    return false;
-}
-
 // Links are made on NTFS only: the file system of the link's drive, from its first character.
 bool IsOnNtfs(const std::wstring& sLink)
 {
@@ -77,7 +59,7 @@ void SetLinkAttributes(const wchar_t* pwszFunction, const std::wstring& sJumboLi
     const DWORD dwLastError = ::GetLastError();
     g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboLink", sJumboLink);
     g_KeflTrace.TraceHex(TRACE_ERROR, pwszFunction, L"dwAttr", dwAttr);
-    TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
 }
 
 // The bytes handed to FSCTL_SET_REPARSE_POINT for a junction to sTarget. The path buffer holds
@@ -229,7 +211,7 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
     const std::wstring sJumboTarget = JumboPath(sTarget);
 
     if (!IsOnNtfs(sLink))
-        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
+        return TraceFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
 
     if (!IsDirectory(sJumboTarget))
     {
@@ -237,17 +219,17 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
         // the restore of its own drive brings back later.
         g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Target folder absent, creating it ...");
         if (!m_base.CreateParentDir(sJumboTarget))
-            return EndFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(TGT) failed)");
+            return TraceFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(TGT) failed)");
     }
     if (!m_base.CreateParentDir(sJumboLink))
-        return EndFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(JCT) failed)");
+        return TraceFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(JCT) failed)");
 
     // A folder that already stands where the junction goes is made the junction.
     if (!::CreateDirectoryW(sJumboLink.c_str(), nullptr))
     {
         const DWORD dwLastError = ::GetLastError();
         if (dwLastError != ERROR_ALREADY_EXISTS)
-            return EndFailed(kFn, L"... ending(CreateDirectory(JCT) failed)", dwLastError);
+            return TraceFailed(kFn, L"... ending(CreateDirectory(JCT) failed)", dwLastError);
     }
 
     CUniqueFile hJunction(::CreateFileW(sJumboLink.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
@@ -256,7 +238,7 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
     {
         const DWORD dwLastError = ::GetLastError();
         ::RemoveDirectoryW(sJumboLink.c_str());
-        return EndFailed(kFn, L"... ending(CreateFile failed)", dwLastError);
+        return TraceFailed(kFn, L"... ending(CreateFile failed)", dwLastError);
     }
 
     DWORD cbInput = 0;
@@ -269,7 +251,7 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
         // Closed first: an open handle would keep the folder from being removed.
         hJunction.reset();
         ::RemoveDirectoryW(sJumboLink.c_str());
-        return EndFailed(kFn, L"... ending(DeviceIoControl(FSCTL_SET_REPARSE_POINT) failed)", dwLastError);
+        return TraceFailed(kFn, L"... ending(DeviceIoControl(FSCTL_SET_REPARSE_POINT) failed)", dwLastError);
     }
 
     SetLinkAttributes(kFn, sJumboLink, dwAttr);
@@ -278,23 +260,31 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
     return true;
 }
 
+bool CLinkRestorer::PrepareLink(const wchar_t* pwszFunction, bool bAvailable, const wchar_t* pwszUnavailable,
+                                const std::wstring& sLink, const std::wstring& sTarget)
+{
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
+    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"sTarget", sTarget);
+    if (!bAvailable)
+        return TraceFailed(pwszFunction, pwszUnavailable);
+    if (!IsOnNtfs(sLink))
+        return TraceFailed(pwszFunction, L"... ending(Link is not on an NTFS filesystem)");
+    if (!m_base.CreateParentDir(JumboPath(sLink)))
+        return TraceFailed(pwszFunction, L"... ending(KEFLImpl::CreateParentDir failed)");
+    return true;
+}
+
 bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
 {
     static const wchar_t kFn[] = L"KEFLImpl::CreateSymbolicLink";
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
-    if (!m_pfnCreateSymbolicLinkW)
-        return EndFailed(kFn, L"... ending(CreateSymbolicLink is not available)");
-    if (!IsOnNtfs(sLink))
-        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
-
     const std::wstring sJumboLink = JumboPath(sLink);
     const std::wstring sJumboTarget = JumboPath(sTarget);
     // Asked before anything is made: a missing target gives a link to a file.
     const bool bIsDirectory = IsDirectory(sJumboTarget);
-    if (!m_base.CreateParentDir(sJumboLink))
-        return EndFailed(kFn, L"... ending(KEFLImpl::CreateParentDir failed)");
+    if (!PrepareLink(kFn, m_pfnCreateSymbolicLinkW != nullptr,
+                     L"... ending(CreateSymbolicLink is not available)", sLink, sTarget))
+        return false;
 
     if (!m_pfnCreateSymbolicLinkW(sJumboLink.c_str(), sJumboTarget.c_str(),
                                   bIsDirectory ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0))
@@ -305,7 +295,7 @@ bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wst
         {
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
-            TraceLastError(TRACE_ERROR, kFn, dwLastError);
+            TraceLastError(kFn, dwLastError, TRACE_ERROR);
             return false;
         }
     }
@@ -324,7 +314,7 @@ void CLinkRestorer::RemoveExistingFile(const wchar_t* pwszFunction, const std::w
         return;
     if (dwLastError != ERROR_ACCESS_DENIED)
     {
-        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
         return;
     }
     // Refused: a read-only file (a restored copy keeps its attributes) loses the attribute
@@ -332,39 +322,32 @@ void CLinkRestorer::RemoveExistingFile(const wchar_t* pwszFunction, const std::w
     const DWORD dwAttributes = ::GetFileAttributesW(sJumboLink.c_str());
     if (dwAttributes == INVALID_FILE_ATTRIBUTES)
     {
-        TraceLastError(TRACE_ERROR, pwszFunction, ::GetLastError());
+        TraceLastError(pwszFunction, ::GetLastError(), TRACE_ERROR);
         return;
     }
     if ((dwAttributes & FILE_ATTRIBUTE_READONLY) == 0)
         return;
     if (!::SetFileAttributesW(sJumboLink.c_str(), dwAttributes & ~FILE_ATTRIBUTE_READONLY))
     {
-        TraceLastError(TRACE_ERROR, pwszFunction, ::GetLastError());
+        TraceLastError(pwszFunction, ::GetLastError(), TRACE_ERROR);
         return;
     }
     if (!::DeleteFileW(sJumboLink.c_str()))
     {
         const DWORD dwRetryError = ::GetLastError();
         if (dwRetryError != ERROR_FILE_NOT_FOUND)
-            TraceLastError(TRACE_ERROR, pwszFunction, dwRetryError);
+            TraceLastError(pwszFunction, dwRetryError, TRACE_ERROR);
     }
 }
 
 bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring& sTarget)
 {
     static const wchar_t kFn[] = L"KEFLImpl::CreateHardLinkW";
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
-    if (!m_pfnCreateHardLinkW)
-        return EndFailed(kFn, L"... ending(CreateHardLink is not available)");
-    if (!IsOnNtfs(sLink))
-        return EndFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
-
+    if (!PrepareLink(kFn, m_pfnCreateHardLinkW != nullptr, L"... ending(CreateHardLink is not available)",
+                     sLink, sTarget))
+        return false;
     const std::wstring sJumboLink = JumboPath(sLink);
     const std::wstring sJumboTarget = JumboPath(sTarget);
-    if (!m_base.CreateParentDir(sJumboLink))
-        return EndFailed(kFn, L"... ending(KEFLImpl::CreateParentDir failed)");
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
     // Only when there is a file to link to: without one, the copy is all that is left of the file.
@@ -373,7 +356,7 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         RemoveExistingFile(kFn, sJumboLink);
 
     if (IsDirectory(sJumboTarget))
-        return EndFailed(kFn, L"... ending(Target is a directory)");
+        return TraceFailed(kFn, L"... ending(Target is a directory)");
 
     if (!m_pfnCreateHardLinkW(sJumboLink.c_str(), sJumboTarget.c_str(), nullptr))
     {
@@ -383,7 +366,7 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         {
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
-            TraceLastError(TRACE_ERROR, kFn, dwLastError);
+            TraceLastError(kFn, dwLastError, TRACE_ERROR);
             return false;
         }
     }

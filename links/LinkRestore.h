@@ -44,6 +44,10 @@ private:
     // Makes way for a hard link: the file that stands where the link goes is deleted, a
     // read-only one too. Failures are traced; the caller goes on regardless.
     void RemoveExistingFile(const wchar_t* pwszFunction, const std::wstring& sJumboLink);
+    // The common start of the symbolic and hard link makers: entry traces, the entry point, the
+    // NTFS test, the link's parent folders. False (traced) when the link cannot be made.
+    bool PrepareLink(const wchar_t* pwszFunction, bool bAvailable, const wchar_t* pwszUnavailable,
+                     const std::wstring& sLink, const std::wstring& sTarget);
 
     VESKImpl& m_base;
     HMODULE m_hModule;

@@ -12,11 +12,6 @@ namespace morvane
 namespace
 {
 
-void TraceLastError(uint32_t uiLevel, const wchar_t* pwszFunction, DWORD dwLastError)
-{
-    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-}
-
 // A descriptor with a null DACL: the pipe and the child's handles are open to anyone.
 bool InitNullDacl(SECURITY_DESCRIPTOR& sd, const wchar_t* pwszFunction)
 {
@@ -25,14 +20,14 @@ bool InitNullDacl(SECURITY_DESCRIPTOR& sd, const wchar_t* pwszFunction)
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction,
                                  L"... ending(InitializeSecurityDescriptor failed)");
-        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
         return false;
     }
     if (!::SetSecurityDescriptorDacl(&sd, TRUE, nullptr, FALSE))
     {
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(SetSecurityDescriptorDacl failed)");
-        TraceLastError(TRACE_ERROR, pwszFunction, dwLastError);
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
         return false;
     }
     return true;
@@ -93,7 +88,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     {
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"CreateFile(CONIN) failed");
-        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        TraceLastError(kFn, dwLastError, TRACE_ERROR);
         // The message as the product has always logged it: unformatted.
         m_base.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
         return false;
@@ -112,7 +107,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
         hPipeRead.release();
         hPipeWrite.release();
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Create STDOUT pipe failed)");
-        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        TraceLastError(kFn, dwLastError, TRACE_ERROR);
         return false;
     }
 
@@ -133,7 +128,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     {
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(CreateProcess failed)");
-        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        TraceLastError(kFn, dwLastError, TRACE_ERROR);
         return false; // closes the console input and both pipe ends
     }
 
@@ -161,7 +156,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     {
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to create monitoring thread)");
-        TraceLastError(TRACE_ERROR, kFn, dwLastError);
+        TraceLastError(kFn, dwLastError, TRACE_ERROR);
         // Nobody would close our copy of the pipe's write end after the child, so its output would
         // never end: the unwatched child is stopped and every handle of the run closed.
         ::TerminateProcess(m_hProcess.get(), 1);

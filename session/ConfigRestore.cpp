@@ -23,18 +23,6 @@ const wchar_t kDataFolder[] = L"#";
 // that keeps coming back must not keep us here.
 constexpr int kMaxCreateRounds = 3;
 
-bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
-{
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
-    return false;
-}
-
-void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, const wchar_t* pwszWhat)
-{
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
-}
-
 // Makes sure sDir is a folder: made when missing, a file of the same name deleted first.
 bool EnsureConfigDirectory(const std::wstring& sDir)
 {
@@ -92,7 +80,7 @@ bool KEFLImpl::GetConfig()
     if (m_sTargetLocation.empty())
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(Target location not set)");
+        return TraceFailed(kFn, L"... ending(Target location not set)");
     }
     GetConfigDir(m_sConfigDir);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sConfigDir", m_sConfigDir);
@@ -104,7 +92,7 @@ bool KEFLImpl::GetConfig()
     if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndFailed(kFn, L"... ending(ConvertVoltoDL failed)");
+        return TraceFailed(kFn, L"... ending(ConvertVoltoDL failed)");
     }
     const std::wstring sSource = sPath + L"\\" + kDataFolder;
     const std::wstring sCmd = L"XCOPY /e /h /r /y \"" + sSource + L"\\*\" \"" + m_sConfigDir + L"\"";
@@ -112,7 +100,7 @@ bool KEFLImpl::GetConfig()
     if (!RunCommand(sCmd))
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_COPY_FILES_FAILED);
-        return EndFailed(kFn, L"... ending(RunCommand failed)");
+        return TraceFailed(kFn, L"... ending(RunCommand failed)");
     }
     // XCOPY's output, to the end: the copy is complete once the output has ended.
     std::wstring sLine;
@@ -122,7 +110,7 @@ bool KEFLImpl::GetConfig()
     if (!GetBOOTandSYSTEM())
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_BOOT_SYSTEM_LETTERS_FAILED);
-        return EndFailed(kFn, L"... ending(Couldn't get BOOT/SYSTEM drive letters)");
+        return TraceFailed(kFn, L"... ending(Couldn't get BOOT/SYSTEM drive letters)");
     }
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;

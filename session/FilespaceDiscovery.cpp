@@ -43,18 +43,6 @@ Filespace EmptyFilespace()
     return fs;
 }
 
-void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, const wchar_t* pwszWhat)
-{
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
-}
-
-bool EndFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
-{
-    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
-    return false;
-}
-
 // The path of a mount point below its drive: "C:\Mount" -> "\Mount".
 std::wstring PathBelowDrive(const std::wstring& sPath)
 {
@@ -112,7 +100,7 @@ bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
             fs.dwFsFlags |= kFsFlagConfig;
             g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Found config filespace");
             if (!GetConfig())
-                return EndFailed(kFn, L"... ending(GetConfig() failed)");
+                return TraceFailed(kFn, L"... ending(GetConfig() failed)");
         }
         vFilespaces.push_back(fs);
     }
@@ -123,7 +111,7 @@ bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
         if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
         {
             LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-            return EndFailed(kFn, L"... ending(ConvertVOLtoDL failed)");
+            return TraceFailed(kFn, L"... ending(ConvertVOLtoDL failed)");
         }
         const std::wstring& sMountDir = point.sLink;
         const wchar_t wcLetter =
@@ -178,7 +166,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
     if (!IsDriveLetter(m_wcWinBOOT))
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_BOOT_DRIVE);
-        return EndFailed(kFn, L"... ending([WinDir] DriveLetter not found/valid)");
+        return TraceFailed(kFn, L"... ending([WinDir] DriveLetter not found/valid)");
     }
 
     const int iPhysicalDrive =
@@ -187,7 +175,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
     if (iPhysicalDrive < 0)
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_SYSTEM_DRIVE);
-        return EndFailed(kFn, L"... ending([WinDir] PhysicalDrive missing)");
+        return TraceFailed(kFn, L"... ending([WinDir] PhysicalDrive missing)");
     }
 
     wchar_t wszWinDir[260] = {};
@@ -197,7 +185,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
     if (m_sWinDir.empty())
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_WINDOWS_DIR);
-        return EndFailed(kFn, L"... ending([WinDir] Directory missing)");
+        return TraceFailed(kFn, L"... ending([WinDir] Directory missing)");
     }
 
     wchar_t wszDriveSection[130] = {};
@@ -221,7 +209,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
             if (iBootPartition < 0)
             {
                 LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_SYSTEM_DRIVE);
-                return EndFailed(kFn, L"... ending([WinDir] BootPartition missing)");
+                return TraceFailed(kFn, L"... ending([WinDir] BootPartition missing)");
             }
             wchar_t wszPartitionKey[32] = {};
             std::swprintf(wszPartitionKey, 32, L"DriveLetter%u", static_cast<unsigned>(iBootPartition));
@@ -231,7 +219,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
             if (!IsDriveLetter(m_wcWinSYSTEM))
             {
                 LogStdMsg(MSG_SEVERITY_WARNING, IDS_NO_SYSTEM_DRIVE);
-                return EndFailed(kFn, L"... ending(SYSTEM drive letter cannot be determined)");
+                return TraceFailed(kFn, L"... ending(SYSTEM drive letter cannot be determined)");
             }
         }
     }

@@ -67,11 +67,6 @@ bool EndRestore(const wchar_t* pwszReason)
     return false;
 }
 
-void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError)
-{
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-}
-
 } // namespace
 
 bool KEFLImpl::RestoreFilespace(Filespace& fs)

@@ -9,4 +9,31 @@ namespace morvane
 extern KEFLTrace g_KeflTrace;
 extern CTrace g_VeskTrace;
 
+// The module log's commonest lines. TraceFailed writes a failed exit, "function : ... ending(reason)"
+// at the error level (with dwLastError after it, where given) and answers false, for the caller to
+// return. TraceLastError writes "function : dwLastError = n"; given a text, that text follows it.
+inline bool TraceFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
+{
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
+    return false;
+}
+
+inline void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, uint32_t uiLevel = TRACE_ERROR)
+{
+    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
+}
+
+inline void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, const wchar_t* pwszWhat)
+{
+    TraceLastError(pwszFunction, dwLastError);
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
+}
+
+inline bool TraceFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason, DWORD dwLastError)
+{
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
+    TraceLastError(pwszFunction, dwLastError);
+    return false;
+}
+
 } // namespace morvane

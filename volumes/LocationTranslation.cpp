@@ -16,11 +16,6 @@ namespace
 constexpr DWORD kPathChars = 260;
 constexpr DWORD kVolumePathListChars = 1024;
 
-void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError)
-{
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
-}
-
 // "X:\" for one letter.
 struct CDriveRoot
 {
