@@ -61,7 +61,7 @@ TEST_F(FilespaceDiscoveryFixture, CopiesTheDataFolderFromTheConfigurationDrive)
 TEST_F(FilespaceDiscoveryFixture, CopiesIntoTheRecoverySystemsConfigurationFolderByDefault)
 {
     RemoveFile(HostDir() + L"\\qtx.ini");
-    RemovePath(L"Z:\\DURNCFG");
+    RemoveTree(L"Z:\\DURNCFG");
     MarkConfigDrive(L'C');
     WriteDisrec(kDisrecMbr);
     InitSession();
@@ -71,7 +71,7 @@ TEST_F(FilespaceDiscoveryFixture, CopiesIntoTheRecoverySystemsConfigurationFolde
     EXPECT_TRUE(FileExists(L"Z:\\DURNCFG\\disrec.ini"));
     EXPECT_TRUE(FileExists(L"Z:\\DURNCFG\\SPoint.dat"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::GetBOOTandSYSTEM : sIniPath = \"Z:\\DURNCFG\\disrec.ini\""));
-    RemovePath(L"Z:\\DURNCFG");
+    RemoveTree(L"Z:\\DURNCFG");
 }
 
 TEST_F(FilespaceDiscoveryFixture, ReplacesAFileInTheWayOfTheConfigurationFolder)

@@ -16,36 +16,16 @@ protected:
     void SetUp() override
     {
         SessionFixture::SetUp();
-        RemovePath(kConfigDir);
+        kefltest::RemoveTree(kConfigDir);
         kefltest::RemoveFile(KeflLogPath());
         kefltest::WriteTextFile(kefltest::HostDir() + L"\\qtx.ini", "[File Locations]\r\nConfig=R:\\Cfg\r\n");
     }
     void TearDown() override
     {
         SessionFixture::TearDown();
-        RemovePath(kConfigDir);
+        kefltest::RemoveTree(kConfigDir);
     }
 
-    // A folder tree or a single file, read-only or not.
-    static void RemovePath(const std::wstring& sPath)
-    {
-        const DWORD dwAttributes = ::GetFileAttributesW(sPath.c_str());
-        if (dwAttributes == INVALID_FILE_ATTRIBUTES)
-            return;
-        if (dwAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            kefltest::RemoveTree(sPath);
-        else
-        {
-            ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
-            ::DeleteFileW(sPath.c_str());
-        }
-    }
-
-    static bool IsFolder(const std::wstring& sPath)
-    {
-        const DWORD dwAttributes = ::GetFileAttributesW(sPath.c_str());
-        return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY);
-    }
     static std::wstring BackupPath(const std::wstring& sRelative)
     {
         return std::wstring(kBackup) + sRelative;

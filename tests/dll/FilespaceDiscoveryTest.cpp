@@ -283,11 +283,11 @@ TEST_F(FilespaceDiscoveryFixture, StopsAtAConfigurationWithoutTheWindowsLetters)
     for (const CCase& c : cases)
     {
         SCOPED_TRACE(c.pwszEnding);
-        RemovePath(BackupPath(L"\\#\\disrec.ini"));
-        RemovePath(kConfigDir);
+        RemoveTree(BackupPath(L"\\#\\disrec.ini"));
+        RemoveTree(kConfigDir);
         if (c.pszDisrec)
             WriteDisrec(c.pszDisrec + sDrive0);
-        RemovePath(KeflLogPath());
+        RemoveTree(KeflLogPath());
         s_vMessages.clear();
 
         std::vector<Filespace> vFilespaces;

@@ -20,20 +20,15 @@ namespace
 const std::wstring kSourceE = std::wstring(L"R:\\Backup") + L"\\E";
 constexpr DWORD kStreamHeaderBytes = 20;
 
-std::wstring Long(const std::wstring& sPath)
-{
-    return L"\\\\?\\" + sPath;
-}
-
 void MakeDir(const std::wstring& sPath)
 {
-    ::CreateDirectoryW(Long(sPath).c_str(), nullptr);
+    ::CreateDirectoryW(LongPath(sPath).c_str(), nullptr);
 }
 
 void WriteBytes(const std::wstring& sPath, const std::string& sBytes)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(Long(sPath).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                             FILE_ATTRIBUTE_NORMAL, nullptr));
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_WRITE, 0, nullptr,
+                                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(hFile.is_valid()) << testing::PrintToString(sPath);
     DWORD cbWritten = 0;
     ASSERT_TRUE(
@@ -43,7 +38,7 @@ void WriteBytes(const std::wstring& sPath, const std::string& sBytes)
 // The file's bytes; "<missing>" when it cannot be opened.
 std::string ReadBytes(const std::wstring& sPath)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(Long(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!hFile)
         return "<missing>";
@@ -53,11 +48,6 @@ std::string ReadBytes(const std::wstring& sPath)
     while (::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0)
         sBytes.append(buf, cbRead);
     return sBytes;
-}
-
-bool Exists(const std::wstring& sPath)
-{
-    return ::GetFileAttributesW(Long(sPath).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 std::string Pattern(size_t cb, uint32_t uiSeed)
@@ -76,7 +66,7 @@ std::string Pattern(size_t cb, uint32_t uiSeed)
 void ListTree(const std::wstring& sDir, const std::wstring& sRel, std::map<std::wstring, bool>& tree)
 {
     WIN32_FIND_DATAW fd;
-    morvane::CUniqueFind hFind(::FindFirstFileW(Long(sDir + L"\\*").c_str(), &fd));
+    morvane::CUniqueFind hFind(::FindFirstFileW(LongPath(sDir + L"\\*").c_str(), &fd));
     if (!hFind)
         return;
     do
@@ -89,19 +79,6 @@ void ListTree(const std::wstring& sDir, const std::wstring& sRel, std::map<std::
         if (bDir)
             ListTree(sDir + L"\\" + sName, sRel + L"\\" + sName, tree);
     } while (::FindNextFileW(hFind.get(), &fd));
-}
-
-void RemoveLongTree(const std::wstring& sDir, bool bKeepRoot)
-{
-    kefltest::RemoveTree(Long(sDir), bKeepRoot);
-}
-
-// The progress records that the library handed to the host.
-std::vector<morvane::ProgMsg> g_vProgress;
-int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
-{
-    g_vProgress.push_back(*pMsg);
-    return 0;
 }
 
 // Windows' CreateFileW on a file that another process holds open without sharing: error 32.
@@ -163,8 +140,8 @@ protected:
         SessionFixture::SetUp();
         if (HasFatalFailure())
             return;
-        RemoveLongTree(L"E:", true);
-        RemoveLongTree(L"F:", true);
+        RemoveTree(L"E:", true);
+        RemoveTree(L"F:", true);
         g_vProgress.clear();
         m_pStreams = std::make_unique<CBackupStreamPatches>(m_pLibrary->Module());
         ASSERT_TRUE(m_pStreams->IsApplied());
@@ -174,9 +151,9 @@ protected:
     void TearDown() override
     {
         m_pStreams.reset();
-        RemoveLongTree(kSourceE, false);
-        RemoveLongTree(L"E:", true);
-        RemoveLongTree(L"F:", true);
+        RemoveTree(kSourceE, false);
+        RemoveTree(L"E:", true);
+        RemoveTree(L"F:", true);
         SessionFixture::TearDown();
     }
 
@@ -217,7 +194,7 @@ protected:
         for (const auto& [sRel, bDir] : source)
         {
             if (bDir)
-                EXPECT_TRUE(Exists(L"E:" + sRel)) << testing::PrintToString(sRel);
+                EXPECT_TRUE(FileExists(L"E:" + sRel)) << testing::PrintToString(sRel);
             else
                 EXPECT_TRUE(ReadBytes(L"E:" + sRel) == ReadBytes(kSourceE + sRel))
                     << testing::PrintToString(sRel);
@@ -278,10 +255,10 @@ TEST_F(FilespaceRestoreTest, RestoresADriveFileByFileWithProgress)
     EXPECT_EQ("", ReadBytes(L"E:\\empty.txt"));
     EXPECT_EQ("non-ASCII", ReadBytes(L"E:\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9\u20AC.txt"));
     EXPECT_TRUE(ReadBytes(L"E:" + sDeepFile.substr(kSourceE.size())) == Pattern(70000, 3));
-    EXPECT_TRUE(Exists(L"E:\\Old\\pagefile.sys")) << "kept: not at the root";
+    EXPECT_TRUE(FileExists(L"E:\\Old\\pagefile.sys")) << "kept: not at the root";
     for (const wchar_t* pwszSkipped : {L"E:\\pagefile.sys", L"E:\\hiberfil.sys", L"E:\\RECYCLER2",
                                        L"E:\\$Recycle.Bin", L"E:\\System Volume Information"})
-        EXPECT_FALSE(Exists(pwszSkipped)) << testing::PrintToString(std::wstring(pwszSkipped));
+        EXPECT_FALSE(FileExists(pwszSkipped)) << testing::PrintToString(std::wstring(pwszSkipped));
     EXPECT_EQ(0, LiveBackupContexts()) << "every stream context ended";
 
     EXPECT_TRUE(HasMessage(1, L"Restoring drive letter E: from target location"));
@@ -369,7 +346,7 @@ TEST_F(FilespaceRestoreTest, RestoresAMountPointFromItsDrivesFolder)
     fs.dwFsFlags = 0x8;
     ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
     EXPECT_TRUE(ReadBytes(L"E:\\Mount\\Data\\Sub\\file.bin") == Pattern(100000, 8));
-    EXPECT_FALSE(Exists(L"E:\\outside.txt"));
+    EXPECT_FALSE(FileExists(L"E:\\outside.txt"));
     EXPECT_TRUE(HasMessage(1, L"Restoring mount point 'e:\\mount\\data' from target location"));
     EXPECT_TRUE(HasMessage(1, L"Successfully restored mount point 'e:\\mount\\data' from target location"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Valid mount point supplied"));
@@ -465,7 +442,7 @@ TEST_F(FilespaceRestoreTest, NotesEachFailedFileAndRestoresTheRest)
     EXPECT_EQ(9, g_iRetryWaits);
     EXPECT_EQ("good", ReadBytes(L"E:\\good.txt"));
     EXPECT_EQ("after the failures", ReadBytes(L"E:\\Later\\after.txt")) << "the walk went on";
-    EXPECT_FALSE(Exists(L"E:\\locked.bin"));
+    EXPECT_FALSE(FileExists(L"E:\\locked.bin"));
     EXPECT_EQ(0, LiveBackupContexts()) << "contexts ended after failures too";
     EXPECT_TRUE(HasMessage(3, L"Failed to restore drive letter from target location"));
     EXPECT_EQ(L"Failed to restore drive letter from target location", ErrorText());

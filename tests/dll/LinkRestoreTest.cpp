@@ -15,40 +15,12 @@ using namespace kefltest;
 namespace
 {
 
-std::wstring Long(const std::wstring& sPath)
-{
-    return L"\\\\?\\" + sPath;
-}
-
-bool Exists(const std::wstring& sPath)
-{
-    return ::GetFileAttributesW(Long(sPath).c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-bool IsDir(const std::wstring& sPath)
-{
-    const DWORD dwAttributes = ::GetFileAttributesW(Long(sPath).c_str());
-    return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
-
-void MakeDirs(const std::wstring& sPath)
-{
-    for (size_t pos = sPath.find(L'\\', 3); pos != std::wstring::npos; pos = sPath.find(L'\\', pos + 1))
-        ::CreateDirectoryW(Long(sPath.substr(0, pos)).c_str(), nullptr);
-    ::CreateDirectoryW(Long(sPath).c_str(), nullptr);
-}
-
 void WriteFileText(const std::wstring& sPath, const std::string& sText, DWORD dwAttributes = 0)
 {
-    MakeDirs(sPath.substr(0, sPath.rfind(L'\\')));
-    WriteTextFile(Long(sPath), sText);
+    MakeFolders(sPath.substr(0, sPath.rfind(L'\\')));
+    WriteTextFile(LongPath(sPath), sText);
     if (dwAttributes != 0)
-        ::SetFileAttributesW(Long(sPath).c_str(), dwAttributes);
-}
-
-void RemoveLongTree(const std::wstring& sDir, bool bKeepRoot)
-{
-    kefltest::RemoveTree(Long(sDir), bKeepRoot);
+        ::SetFileAttributesW(LongPath(sPath).c_str(), dwAttributes);
 }
 
 // Link count and identity of a file.
@@ -60,7 +32,7 @@ struct CFileIdentity
 };
 CFileIdentity Identity(const std::wstring& sPath)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(Long(sPath).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE,
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     BY_HANDLE_FILE_INFORMATION info = {};
     if (!hFile || !::GetFileInformationByHandle(hFile.get(), &info))
@@ -94,14 +66,6 @@ std::string IniFile(const std::vector<CIniPoint>& vPoints)
         sBytes += static_cast<char>(wc >> 8);
     }
     return sBytes;
-}
-
-// The progress records that the library handed to the host.
-std::vector<morvane::ProgMsg> g_vProgress;
-int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
-{
-    g_vProgress.push_back(*pMsg);
-    return 0;
 }
 
 const std::wstring kJunctionTitle = L"Junction Points, Soft-Links & Hard-Links";
@@ -235,8 +199,8 @@ protected:
         SessionFixture::SetUp();
         if (HasFatalFailure())
             return;
-        RemoveLongTree(L"E:", true);
-        RemoveLongTree(L"F:", true);
+        RemoveTree(L"E:", true);
+        RemoveTree(L"F:", true);
         g_vProgress.clear();
         g_vIoCalls.clear();
         g_vSymbolicCalls.clear();
@@ -249,8 +213,8 @@ protected:
     void TearDown() override
     {
         SessionFixture::TearDown();
-        RemoveLongTree(L"E:", true);
-        RemoveLongTree(L"F:", true);
+        RemoveTree(L"E:", true);
+        RemoveTree(L"F:", true);
     }
 
     // The backup's link-point files; MPoint.dat stays empty.
@@ -313,8 +277,8 @@ TEST_F(LinkRestoreTest, HardLinksJoinTheRestoredFileAndReplaceItsCopies)
     // The restore brought back a read-only copy where a link goes, and a folder stands in the way
     // of another.
     WriteFileText(L"E:\\Data\\copy.txt", "copy", FILE_ATTRIBUTE_READONLY);
-    MakeDirs(L"E:\\Data\\folder name\\inside");
-    MakeDirs(L"E:\\Dir");
+    MakeFolders(L"E:\\Data\\folder name\\inside");
+    MakeFolders(L"E:\\Dir");
     WriteLinkPoints({}, {},
                     HardLinkGroup(1, {"E:\\Data\\file.txt", "E:\\New\\Deep\\link.txt", "E:\\Data\\copy.txt",
                                       "E:\\Data\\folder name"}) +
@@ -330,8 +294,8 @@ TEST_F(LinkRestoreTest, HardLinksJoinTheRestoredFileAndReplaceItsCopies)
         EXPECT_EQ(file.dwVolume, link.dwVolume);
         EXPECT_EQ(3u, link.dwLinks);
     }
-    EXPECT_TRUE(IsDir(L"E:\\Data\\folder name\\inside")) << "a folder in the way stays";
-    EXPECT_FALSE(Exists(L"E:\\Data\\dirlink"));
+    EXPECT_TRUE(IsFolder(L"E:\\Data\\folder name\\inside")) << "a folder in the way stays";
+    EXPECT_FALSE(FileExists(L"E:\\Data\\dirlink"));
 
     const auto vLines = KeflLog();
     EXPECT_TRUE(HasText(vLines, L"KEFLImpl::RestoreLinks : HardLinks.size() = 4"));
@@ -368,7 +332,7 @@ TEST_F(LinkRestoreTest, AHardLinkWithoutItsTargetKeepsTheRestoredCopy)
     WriteLinkPoints({}, {}, HardLinkGroup(1, {"E:\\Missing\\first.txt", "E:\\Data\\only copy.txt"}));
     InitAndRestore();
 
-    EXPECT_EQ("the only copy", ReadFileBytes(Long(L"E:\\Data\\only copy.txt")));
+    EXPECT_EQ("the only copy", ReadFileBytes(LongPath(L"E:\\Data\\only copy.txt")));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed"));
     EXPECT_EQ((std::vector<uint32_t>{1, 2, 3}), States(kHardTitle));
 }
@@ -379,8 +343,8 @@ TEST_F(LinkRestoreTest, JunctionsCarryTheTargetInTheirReparseData)
     const std::wstring sLongTarget =
         L"F:\\" + std::wstring(100, L'a') + L"\\" + std::wstring(100, L'b') + L"\\" + std::wstring(100, L'c');
     const std::wstring sWideTarget = L"F:\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9\u20AC";
-    MakeDirs(L"F:\\T");
-    MakeDirs(L"E:\\Links\\Short"); // a folder restored where a junction goes is made the junction
+    MakeFolders(L"F:\\T");
+    MakeFolders(L"E:\\Links\\Short"); // a folder restored where a junction goes is made the junction
     WriteLinkPoints({{L"E:\\Links\\Short", L"F:\\T"},
                      {L"E:\\Links\\Long", sLongTarget, FILE_ATTRIBUTE_HIDDEN},
                      {L"E:\\Neue Ordner\\\u65E5\u672C", sWideTarget}},
@@ -396,16 +360,16 @@ TEST_F(LinkRestoreTest, JunctionsCarryTheTargetInTheirReparseData)
         EXPECT_FALSE(call.bOutput);
         EXPECT_TRUE(ExpectedReparseData(sTarget) == call.vInput) << testing::PrintToString(sTarget);
     }
-    EXPECT_TRUE(IsDir(L"E:\\Links\\Short"));
-    EXPECT_TRUE(IsDir(L"E:\\Links\\Long"));
-    EXPECT_NE(0u, ::GetFileAttributesW(Long(L"E:\\Links\\Long").c_str()) & FILE_ATTRIBUTE_HIDDEN)
+    EXPECT_TRUE(IsFolder(L"E:\\Links\\Short"));
+    EXPECT_TRUE(IsFolder(L"E:\\Links\\Long"));
+    EXPECT_NE(0u, ::GetFileAttributesW(LongPath(L"E:\\Links\\Long").c_str()) & FILE_ATTRIBUTE_HIDDEN)
         << "the recorded attributes are put back";
-    EXPECT_TRUE(IsDir(L"E:\\Neue Ordner\\\u65E5\u672C"));
+    EXPECT_TRUE(IsFolder(L"E:\\Neue Ordner\\\u65E5\u672C"));
     // Only the folders above a missing target are made.
-    EXPECT_TRUE(IsDir(sLongTarget.substr(0, sLongTarget.rfind(L'\\'))));
-    EXPECT_FALSE(Exists(sLongTarget));
-    EXPECT_TRUE(IsDir(L"F:\\Gr\u00FC\u00DFe \u65E5\u672C"));
-    EXPECT_FALSE(Exists(sWideTarget));
+    EXPECT_TRUE(IsFolder(sLongTarget.substr(0, sLongTarget.rfind(L'\\'))));
+    EXPECT_FALSE(FileExists(sLongTarget));
+    EXPECT_TRUE(IsFolder(L"F:\\Gr\u00FC\u00DFe \u65E5\u672C"));
+    EXPECT_FALSE(FileExists(sWideTarget));
 
     const auto vLines = KeflLog();
     EXPECT_TRUE(TextsWithMarker(vLines, L":[E]: ").empty());
@@ -422,13 +386,13 @@ TEST_F(LinkRestoreTest, JunctionsCarryTheTargetInTheirReparseData)
 TEST_F(LinkRestoreTest, AFailedJunctionIsRemovedAndLaterPassesEndFailed)
 {
     // Wine's own DeviceIoControl: FSCTL_SET_REPARSE_POINT fails with error 50.
-    MakeDirs(L"F:\\T");
+    MakeFolders(L"F:\\T");
     WriteFileText(L"E:\\file.txt", "content");
     WriteLinkPoints({{L"E:\\J", L"F:\\T"}}, {{L"E:\\S", L"F:\\T"}},
                     HardLinkGroup(1, {"E:\\file.txt", "E:\\hard.txt"}));
     InitAndRestore();
 
-    EXPECT_FALSE(Exists(L"E:\\J"));
+    EXPECT_FALSE(FileExists(L"E:\\J"));
     EXPECT_EQ(2u, Identity(L"E:\\hard.txt").dwLinks) << "the later passes still make their links";
     const auto vErrors = TextsWithMarker(KeflLog(), L":[E]: ");
     EXPECT_EQ((std::vector<std::wstring>{
@@ -449,7 +413,7 @@ TEST_F(LinkRestoreTest, AFailedJunctionIsRemovedAndLaterPassesEndFailed)
 TEST_F(LinkRestoreTest, SymbolicLinksPointAtFoldersOrFiles)
 {
     PatchGetProcAddress();
-    MakeDirs(L"F:\\Dir");
+    MakeFolders(L"F:\\Dir");
     WriteFileText(L"F:\\file.txt", "content");
     g_vSymbolicErrors = {0, 0, 0, ERROR_ALREADY_EXISTS, ERROR_ACCESS_DENIED};
     WriteLinkPoints({},
@@ -468,8 +432,8 @@ TEST_F(LinkRestoreTest, SymbolicLinksPointAtFoldersOrFiles)
     EXPECT_EQ(0u, g_vSymbolicCalls[1].dwFlags);
     EXPECT_EQ(L"\\\\?\\F:\\file.txt", g_vSymbolicCalls[1].sTarget);
     EXPECT_EQ(0u, g_vSymbolicCalls[2].dwFlags) << "a missing target gives a link to a file";
-    EXPECT_FALSE(Exists(L"F:\\Missing"));
-    EXPECT_TRUE(IsDir(L"E:\\Sym\\Deep")) << "the link's folder is made";
+    EXPECT_FALSE(FileExists(L"F:\\Missing"));
+    EXPECT_TRUE(IsFolder(L"E:\\Sym\\Deep")) << "the link's folder is made";
 
     // 183 counts as made; any other error fails the link.
     const auto vErrors = TextsWithMarker(KeflLog(), L":[E]: ");
@@ -507,7 +471,7 @@ TEST_F(LinkRestoreTest, LinksAreMadeOnNtfsOnly)
                 << testing::PrintToString(pwszFn);
         EXPECT_TRUE(g_vIoCalls.empty());
         for (const wchar_t* pwszDir : {L"E:\\J", L"E:\\S", L"E:\\H", L"F:\\T"})
-            EXPECT_FALSE(Exists(pwszDir)) << testing::PrintToString(pwszDir);
+            EXPECT_FALSE(FileExists(pwszDir)) << testing::PrintToString(pwszDir);
         EXPECT_EQ((std::vector<uint32_t>{1, 7, 2, 3}), States(kJunctionTitle));
         EXPECT_EQ((std::vector<uint32_t>{1, 2, 3}), States(kSymbolicTitle));
         EXPECT_EQ((std::vector<uint32_t>{1, 2, 3}), States(kHardTitle));

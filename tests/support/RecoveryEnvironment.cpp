@@ -88,8 +88,16 @@ void RemoveFile(const std::wstring& sPath)
     ::DeleteFileW(sPath.c_str());
 }
 
-void RemoveTree(const std::wstring& sDir, bool bKeepRoot)
+void RemoveTree(const std::wstring& sPath, bool bKeepRoot)
 {
+    const std::wstring sDir = LongPath(sPath);
+    const DWORD dwAttributes = ::GetFileAttributesW(sDir.c_str());
+    if (dwAttributes != INVALID_FILE_ATTRIBUTES && !(dwAttributes & FILE_ATTRIBUTE_DIRECTORY))
+    {
+        ::SetFileAttributesW(sDir.c_str(), FILE_ATTRIBUTE_NORMAL);
+        ::DeleteFileW(sDir.c_str());
+        return;
+    }
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
     if (hFind)
@@ -119,7 +127,35 @@ void RemoveTree(const std::wstring& sDir, bool bKeepRoot)
 
 bool FileExists(const std::wstring& sPath)
 {
-    return ::GetFileAttributesW(sPath.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return ::GetFileAttributesW(LongPath(sPath).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool IsFolder(const std::wstring& sPath)
+{
+    const DWORD dwAttributes = ::GetFileAttributesW(LongPath(sPath).c_str());
+    return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+std::wstring LongPath(const std::wstring& sPath)
+{
+    // Drive paths only: a UNC or relative path keeps its form.
+    const bool bDrivePath = sPath.size() >= 2 && sPath[1] == L':';
+    return bDrivePath ? L"\\\\?\\" + sPath : sPath;
+}
+
+void MakeFolders(const std::wstring& sPath)
+{
+    for (size_t pos = sPath.find(L'\\', 3); pos != std::wstring::npos; pos = sPath.find(L'\\', pos + 1))
+        ::CreateDirectoryW(LongPath(sPath.substr(0, pos)).c_str(), nullptr);
+    ::CreateDirectoryW(LongPath(sPath).c_str(), nullptr);
+}
+
+std::vector<morvane::ProgMsg> g_vProgress;
+
+int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
+{
+    g_vProgress.push_back(*pMsg);
+    return 0;
 }
 
 void ResetHostConfiguration()

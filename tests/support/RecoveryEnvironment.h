@@ -2,7 +2,10 @@
 // The recovery system as the tests see it: the host's folders and the files that configure the
 // module. On Wine the prefix made by wine/prepare-env.sh provides the drive letters; on Windows
 // the same letters must be mapped by hand.
+#include "VESK.h"
+
 #include <map>
+#include <vector>
 #include <string>
 
 namespace kefltest
@@ -29,10 +32,19 @@ void WriteTextFile(const std::wstring& sPath, const std::string& sText);
 // A UTF-16 file as Windows' own tools write one: the byte-order mark FF FE, then UTF-16LE.
 void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText);
 void RemoveFile(const std::wstring& sPath);
-// Removes a folder and everything in it, read-only files too (long "\\?\" paths work); with
-// bKeepRoot the folder itself stays, emptied.
-void RemoveTree(const std::wstring& sDir, bool bKeepRoot = false);
+// Removes a folder and everything in it, read-only files too, or a single file (long "\\?\" paths
+// work); with bKeepRoot the folder itself stays, emptied.
+void RemoveTree(const std::wstring& sPath, bool bKeepRoot = false);
 bool FileExists(const std::wstring& sPath);
+bool IsFolder(const std::wstring& sPath);
+// The "\\?\" form of a drive path, for paths beyond 260 characters; FileExists, IsFolder and
+// RemoveTree take paths of any length through it.
+std::wstring LongPath(const std::wstring& sPath);
+// Makes a folder and every missing folder above it (long paths too).
+void MakeFolders(const std::wstring& sPath);
+// The progress records a client handed to the host, kept by RecordProgress (the callback).
+extern std::vector<morvane::ProgMsg> g_vProgress;
+int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
 void ResetHostConfiguration();
