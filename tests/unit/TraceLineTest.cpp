@@ -2,7 +2,6 @@
 #include "trace/TraceText.h"
 #include "unit/TraceFixture.h"
 
-#include <thread>
 
 using namespace morvane;
 using namespace kefltest;
@@ -177,36 +176,3 @@ TEST_F(TraceFixture, KeepsTheCallersLastError)
     EXPECT_EQ(0xBEEFu, ::GetLastError());
 }
 
-TEST_F(TraceFixture, ThreadsWritingAtOnceLoseOrSplitNoLine)
-{
-    constexpr int kThreads = 4;
-    constexpr int kLinesEach = 150;
-    std::vector<std::thread> vThreads;
-    for (int t = 0; t < kThreads; ++t)
-        vThreads.emplace_back(
-            [this, t]
-            {
-                const std::wstring sText =
-                    L"line of thread " + std::to_wstring(t) + L" " + std::wstring(100, L'x');
-                for (int i = 0; i < kLinesEach; ++i)
-                    m_pTrace->TraceValue(TRACE_INFO, L"F", L"i", std::wstring_view(sText));
-            });
-    for (auto& thread : vThreads)
-        thread.join();
-
-    const auto vLines = Lines();
-    ASSERT_EQ(static_cast<size_t>(kThreads * kLinesEach), vLines.size());
-    int aCounts[kThreads] = {};
-    for (const auto& sLine : vLines)
-    {
-        const auto line = ParseTraceLine(sLine);
-        ASSERT_TRUE(line) << testing::PrintToString(sLine);
-        const int t = line->sText[std::wstring(L"F : i = \"line of thread ").size()] - L'0';
-        ASSERT_TRUE(t >= 0 && t < kThreads) << testing::PrintToString(sLine);
-        EXPECT_EQ(L"F : i = \"line of thread " + std::to_wstring(t) + L" " + std::wstring(100, L'x') + L"\"",
-                  line->sText);
-        ++aCounts[t];
-    }
-    for (int t = 0; t < kThreads; ++t)
-        EXPECT_EQ(kLinesEach, aCounts[t]) << "thread " << t;
-}

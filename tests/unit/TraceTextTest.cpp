@@ -78,38 +78,3 @@ TEST(TraceText, EscapesLineBreaksAndNullCharacters)
     EXPECT_EQ(L"<NULL><LF><CR>A\x00e9", sOut);
 }
 
-TEST(TraceText, FormatsHexadecimalWithPaddingAndCase)
-{
-    std::wstring sOut;
-    AppendHex(sOut, 0xa3c, false, 4);
-    sOut += L"|";
-    AppendHex(sOut, 0xa3c, true, 4);
-    sOut += L"|";
-    AppendHex(sOut, 0x12345, false, 4);
-    sOut += L"|";
-    AppendHex(sOut, 0, true);
-    sOut += L"|";
-    AppendHex(sOut, 0xFFFFFFFFFFFFFFFFULL, true);
-    EXPECT_EQ(L"0a3c|0A3C|12345|0|FFFFFFFFFFFFFFFF", sOut);
-}
-
-TEST(TraceText, WidensNarrowTexts)
-{
-    EXPECT_EQ(L"KEFL::Init", WidenNarrow("KEFL::Init"));
-    EXPECT_EQ(L"", WidenNarrow(""));
-}
-
-TEST(TraceText, FormatsTheTimestampPrefix)
-{
-    SYSTEMTIME st = {};
-    st.wYear = 2024;
-    st.wMonth = 3;
-    st.wDay = 7;
-    st.wHour = 14;
-    st.wMinute = 2;
-    st.wSecond = 31;
-    st.wMilliseconds = 17;
-    std::wstring sOut;
-    AppendTimestamp(sOut, st);
-    EXPECT_EQ(L"[2024-03-07 14:02:31.017]", sOut);
-}
