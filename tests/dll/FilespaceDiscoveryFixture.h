@@ -56,7 +56,7 @@ protected:
         ::FreeConsole();
         auto pCredentials = Credentials(kBackup);
         ASSERT_TRUE(m_pClient->Init(pCredentials.get())) << testing::PrintToString(ErrorText());
-        s_vMessages.clear();
+        kefltest::g_vMessages.clear();
     }
 
     // The letters and flags of a list, as "C:3 D:2".
@@ -77,7 +77,7 @@ protected:
     std::vector<std::wstring> MessageTexts(uint32_t uiSeverity) const
     {
         std::vector<std::wstring> vTexts;
-        for (const CMessage& message : s_vMessages)
+        for (const kefltest::CMessage& message : kefltest::g_vMessages)
             if (message.uiSeverity == uiSeverity)
                 vTexts.push_back(message.sText);
         return vTexts;

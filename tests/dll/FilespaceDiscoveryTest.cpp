@@ -288,18 +288,18 @@ TEST_F(FilespaceDiscoveryFixture, StopsAtAConfigurationWithoutTheWindowsLetters)
         if (c.pszDisrec)
             WriteDisrec(c.pszDisrec + sDrive0);
         RemoveTree(KeflLogPath());
-        s_vMessages.clear();
+        g_vMessages.clear();
 
         std::vector<Filespace> vFilespaces;
         EXPECT_FALSE(m_pClient->GetFilespaceList(vFilespaces));
         EXPECT_EQ(L"C:0", Summary(vFilespaces)) << "what was listed before stays";
-        ASSERT_EQ(4u, s_vMessages.size());
-        EXPECT_EQ(kListing, s_vMessages[0].sText);
-        EXPECT_EQ(L"Extracting ZOVA configuration from backup", s_vMessages[1].sText);
-        EXPECT_EQ(c.vErrors[0].uiSeverity, s_vMessages[2].uiSeverity);
-        EXPECT_EQ(c.vErrors[0].sText, s_vMessages[2].sText);
-        EXPECT_EQ(3u, s_vMessages[3].uiSeverity);
-        EXPECT_EQ(kNoLetters, s_vMessages[3].sText);
+        ASSERT_EQ(4u, g_vMessages.size());
+        EXPECT_EQ(kListing, g_vMessages[0].sText);
+        EXPECT_EQ(L"Extracting ZOVA configuration from backup", g_vMessages[1].sText);
+        EXPECT_EQ(c.vErrors[0].uiSeverity, g_vMessages[2].uiSeverity);
+        EXPECT_EQ(c.vErrors[0].sText, g_vMessages[2].sText);
+        EXPECT_EQ(3u, g_vMessages[3].uiSeverity);
+        EXPECT_EQ(kNoLetters, g_vMessages[3].sText);
         EXPECT_EQ(kNoLetters, ErrorText());
         const auto vLines = KeflLog();
         EXPECT_TRUE(HasText(vLines, std::wstring(L"KEFLImpl::GetBOOTandSYSTEM : ") + c.pwszEnding));

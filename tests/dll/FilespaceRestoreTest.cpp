@@ -25,43 +25,6 @@ void MakeDir(const std::wstring& sPath)
     ::CreateDirectoryW(LongPath(sPath).c_str(), nullptr);
 }
 
-void WriteBytes(const std::wstring& sPath, const std::string& sBytes)
-{
-    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_WRITE, 0, nullptr,
-                                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(hFile.is_valid()) << testing::PrintToString(sPath);
-    DWORD cbWritten = 0;
-    ASSERT_TRUE(
-        ::WriteFile(hFile.get(), sBytes.data(), static_cast<DWORD>(sBytes.size()), &cbWritten, nullptr));
-}
-
-// The file's bytes; "<missing>" when it cannot be opened.
-std::string ReadBytes(const std::wstring& sPath)
-{
-    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hFile)
-        return "<missing>";
-    std::string sBytes;
-    char buf[65536];
-    DWORD cbRead = 0;
-    while (::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0)
-        sBytes.append(buf, cbRead);
-    return sBytes;
-}
-
-std::string Pattern(size_t cb, uint32_t uiSeed)
-{
-    std::string s(cb, '\0');
-    uint32_t x = uiSeed * 2654435761u + 1;
-    for (char& c : s)
-    {
-        x = x * 1664525u + 1013904223u;
-        c = static_cast<char>(x >> 24);
-    }
-    return s;
-}
-
 // Everything below sDir, files and folders alike, by path relative to sDir ("" for folders).
 void ListTree(const std::wstring& sDir, const std::wstring& sRel, std::map<std::wstring, bool>& tree)
 {
@@ -160,7 +123,7 @@ protected:
     void Init()
     {
         ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << testing::PrintToString(ErrorText());
-        s_vMessages.clear();
+        g_vMessages.clear();
     }
 
     static morvane::Filespace Drive(wchar_t wcLetter)
@@ -368,12 +331,12 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestore)
 
     for (wchar_t wcLetter : {L'1', L'e', L'\0'})
     {
-        s_vMessages.clear();
+        g_vMessages.clear();
         morvane::Filespace bad = Drive(wcLetter);
         EXPECT_FALSE(m_pClient->RestoreFilespace(bad));
-        ASSERT_EQ(1u, s_vMessages.size());
-        EXPECT_EQ(3u, s_vMessages[0].uiSeverity);
-        EXPECT_EQ(0u, s_vMessages[0].sText.rfind(L"The supplied drive letter '", 0));
+        ASSERT_EQ(1u, g_vMessages.size());
+        EXPECT_EQ(3u, g_vMessages[0].uiSeverity);
+        EXPECT_EQ(0u, g_vMessages[0].sText.rfind(L"The supplied drive letter '", 0));
         if (wcLetter == L'1')
         {
             EXPECT_TRUE(HasMessage(3, L"The supplied drive letter '1:' is invalid"));
@@ -387,7 +350,7 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestore)
 
     // No folder F in the backup: the count fails.
     g_vProgress.clear();
-    s_vMessages.clear();
+    g_vMessages.clear();
     morvane::Filespace noSource = Drive(L'F');
     EXPECT_FALSE(m_pClient->RestoreFilespace(noSource));
     EXPECT_TRUE(HasMessage(3, L"Couldn't count objects to be restored"));

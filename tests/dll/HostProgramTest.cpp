@@ -63,7 +63,7 @@ TEST_F(KeflFixture, HostPrintsTheClientAndItsCredentials)
 }
 
 // The file behind a path: volume and index, and how many names it has.
-BY_HANDLE_FILE_INFORMATION FileIdentity(const std::wstring& sPath)
+BY_HANDLE_FILE_INFORMATION FileInfo(const std::wstring& sPath)
 {
     BY_HANDLE_FILE_INFORMATION info = {};
     morvane::CUniqueFile hFile(::CreateFileW(sPath.c_str(), 0,
@@ -108,8 +108,8 @@ TEST_F(KeflFixture, HostRunsTheWholeSequenceAndRunsItAgainOverTheRestoredTree)
         EXPECT_EQ(0u, run.dwExitCode) << "run " << iRun << ":\n" << run.sOutput;
         EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\big.bin")) << "run " << iRun;
         EXPECT_EQ(sBig, ReadFileBytes(L"F:\\Data\\copy.bin")) << "run " << iRun;
-        const BY_HANDLE_FILE_INFORMATION first = FileIdentity(L"F:\\Data\\big.bin");
-        const BY_HANDLE_FILE_INFORMATION second = FileIdentity(L"F:\\Data\\copy.bin");
+        const BY_HANDLE_FILE_INFORMATION first = FileInfo(L"F:\\Data\\big.bin");
+        const BY_HANDLE_FILE_INFORMATION second = FileInfo(L"F:\\Data\\copy.bin");
         EXPECT_EQ(2u, first.nNumberOfLinks) << "run " << iRun << ": one file, two names";
         EXPECT_TRUE(first.nFileIndexLow == second.nFileIndexLow &&
                     first.nFileIndexHigh == second.nFileIndexHigh)

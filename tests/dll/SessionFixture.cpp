@@ -10,7 +10,7 @@ using namespace kefltest;
 void SessionFixture::SetUp()
 {
     KeflFixture::SetUp();
-    s_vMessages.clear();
+    g_vMessages.clear();
     RemoveTree(kBackup);
     MakeBackup(kBackup);
     Load(Verbose());
@@ -51,20 +51,6 @@ std::unique_ptr<morvane::VeskCredentials> SessionFixture::Credentials(const std:
     auto pCredentials = m_pLibrary->CredentialsFactory();
     static_cast<morvane::KeflCredentials*>(pCredentials.get())->m_sTargetPath = sLocation;
     return pCredentials;
-}
-
-int32_t SessionFixture::RecordMessage(uint32_t uiSeverity, std::wstring sMessage, uint64_t)
-{
-    s_vMessages.push_back({uiSeverity, sMessage});
-    return 0;
-}
-
-bool SessionFixture::HasMessage(uint32_t uiSeverity, const std::wstring& sText) const
-{
-    for (const CMessage& message : s_vMessages)
-        if (message.uiSeverity == uiSeverity && message.sText == sText)
-            return true;
-    return false;
 }
 
 std::wstring SessionFixture::ErrorText() const

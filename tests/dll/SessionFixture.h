@@ -25,14 +25,6 @@ protected:
     // Credentials for sLocation from the library's CredentialsFactory.
     std::unique_ptr<morvane::VeskCredentials> Credentials(const std::wstring& sLocation) const;
 
-    struct CMessage
-    {
-        uint32_t uiSeverity;
-        std::wstring sText;
-    };
-    static inline std::vector<CMessage> s_vMessages;
-    static int32_t RecordMessage(uint32_t uiSeverity, std::wstring sMessage, uint64_t);
-    bool HasMessage(uint32_t uiSeverity, const std::wstring& sText) const;
     std::wstring ErrorText() const;
 
     kefltest::CVeskPtr m_pClient;

@@ -25,7 +25,7 @@ TEST_F(SessionFixture, InitTakesABackupFolderWithItsDataFolder)
     EXPECT_EQ(L"No error", ErrorText());
     EXPECT_TRUE(HasMessage(1, L"Parsing Junctions, Mount-Points, Hard-Links and Symbolic-Links ..."));
     // Wine's console has no window: a warning, and the session goes on.
-    EXPECT_TRUE(s_vMessages.empty() || s_vMessages.front().uiSeverity != 3);
+    EXPECT_TRUE(g_vMessages.empty() || g_vMessages.front().uiSeverity != 3);
 
     const auto vLines = KeflLog();
     EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : pPsfCreds->m_sTargetPath = \"R:\\Backup\""));
@@ -42,7 +42,7 @@ TEST_F(SessionFixture, InitTakesABackupFolderWithItsDataFolder)
 TEST_F(SessionFixture, InitRefusesCredentialsOfAnotherKindWithoutAMessage)
 {
     EXPECT_FALSE(m_pClient->Init(nullptr));
-    EXPECT_TRUE(s_vMessages.empty());
+    EXPECT_TRUE(g_vMessages.empty());
     EXPECT_EQ(L"No error", ErrorText());
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::Init : ... ending(Not an PSF credential)"));
 }
@@ -76,7 +76,7 @@ TEST_F(SessionFixture, InitStopsAtTheFirstLinkPointFileThatCannotBeRead)
     ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << "a missing JPoint.dat is no failure";
 
     ::DeleteFileW((std::wstring(kBackup) + L"\\#\\HPoint.dat").c_str());
-    s_vMessages.clear();
+    g_vMessages.clear();
     EXPECT_FALSE(m_pClient->Init(Credentials(kBackup).get()));
     const auto vLines = KeflLog();
     EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : ... ending(Couldn't parse HPoint.dat)"));
@@ -88,6 +88,6 @@ TEST_F(SessionFixture, InitStopsAtTheFirstLinkPointFileThatCannotBeRead)
                                 std::wstring::npos;
                      }))
         << "read by the first Init only: SPoint.dat comes after HPoint.dat";
-    for (const CMessage& message : s_vMessages)
+    for (const CMessage& message : g_vMessages)
         EXPECT_NE(3u, message.uiSeverity) << "no user message for link-point files";
 }

@@ -150,12 +150,50 @@ void MakeFolders(const std::wstring& sPath)
     ::CreateDirectoryW(LongPath(sPath).c_str(), nullptr);
 }
 
-std::vector<morvane::ProgMsg> g_vProgress;
-
-int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
+void WriteBytes(const std::wstring& sPath, const std::string& sBytes)
 {
-    g_vProgress.push_back(*pMsg);
-    return 0;
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                             FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(hFile) << "cannot create " << testing::PrintToString(sPath) << ", error " << ::GetLastError();
+    DWORD cbWritten = 0;
+    ASSERT_TRUE(::WriteFile(hFile.get(), sBytes.data(), static_cast<DWORD>(sBytes.size()), &cbWritten, nullptr));
+}
+
+std::string ReadBytes(const std::wstring& sPath)
+{
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!hFile)
+        return "<missing>";
+    std::string sBytes;
+    std::vector<char> vBuffer(65536);
+    DWORD cbRead = 0;
+    while (::ReadFile(hFile.get(), vBuffer.data(), static_cast<DWORD>(vBuffer.size()), &cbRead, nullptr) &&
+           cbRead > 0)
+        sBytes.append(vBuffer.data(), cbRead);
+    return sBytes;
+}
+
+std::string Pattern(size_t cb, uint32_t uiSeed)
+{
+    std::string s(cb, '\0');
+    uint32_t x = uiSeed * 2654435761u + 1;
+    for (char& c : s)
+    {
+        x = x * 1664525u + 1013904223u;
+        c = static_cast<char>(x >> 24);
+    }
+    return s;
+}
+
+CFileIdentity FileIdentity(const std::wstring& sPath)
+{
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                             nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!hFile || !::GetFileInformationByHandle(hFile.get(), &info))
+        return {};
+    return {info.nNumberOfLinks, (uint64_t(info.nFileIndexHigh) << 32) | info.nFileIndexLow};
 }
 
 void ResetHostConfiguration()

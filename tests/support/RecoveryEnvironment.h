@@ -3,6 +3,9 @@
 // module. On Wine the prefix made by wine/prepare-env.sh provides the drive letters; on Windows
 // the same letters must be mapped by hand.
 #include "VESK.h"
+#include "support/Recorders.h"
+
+#include <windows.h>
 
 #include <map>
 #include <vector>
@@ -42,9 +45,19 @@ bool IsFolder(const std::wstring& sPath);
 std::wstring LongPath(const std::wstring& sPath);
 // Makes a folder and every missing folder above it (long paths too).
 void MakeFolders(const std::wstring& sPath);
-// The progress records a client handed to the host, kept by RecordProgress (the callback).
-extern std::vector<morvane::ProgMsg> g_vProgress;
-int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext);
+// A file's whole content, written or read back through the "\\?\" form (paths of any length);
+// ReadBytes answers "<missing>" for a file it cannot open.
+void WriteBytes(const std::wstring& sPath, const std::string& sBytes);
+std::string ReadBytes(const std::wstring& sPath);
+// cb bytes of a repeatable pseudo-random pattern: two seeds give two different contents.
+std::string Pattern(size_t cb, uint32_t uiSeed);
+// A file's link count and index on its volume: two names of one file have the same index.
+struct CFileIdentity
+{
+    DWORD dwLinks = 0;
+    uint64_t ullIndex = 0;
+};
+CFileIdentity FileIdentity(const std::wstring& sPath);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
 void ResetHostConfiguration();

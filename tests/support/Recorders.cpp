@@ -1,0 +1,29 @@
+#include "support/Recorders.h"
+
+namespace kefltest
+{
+
+std::vector<CMessage> g_vMessages;
+std::vector<morvane::ProgMsg> g_vProgress;
+
+int32_t RecordMessage(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullContext)
+{
+    g_vMessages.push_back({uiSeverity, std::move(sMessage), ullContext});
+    return 0;
+}
+
+bool HasMessage(uint32_t uiSeverity, const std::wstring& sText)
+{
+    for (const CMessage& message : g_vMessages)
+        if (message.uiSeverity == uiSeverity && message.sText == sText)
+            return true;
+    return false;
+}
+
+int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
+{
+    g_vProgress.push_back(*pMsg);
+    return 0;
+}
+
+} // namespace kefltest
