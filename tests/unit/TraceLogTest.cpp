@@ -1,0 +1,98 @@
+// The trace log as support staff read it: each line's prefix and level marker in UTF-8, the levels
+// trace.ini selects, and failures that drop a line without disturbing the caller.
+#include "support/Patches.h"
+#include "support/RecoveryEnvironment.h"
+#include "support/TraceLog.h"
+#include "trace/KEFLTrace.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace morvane;
+using namespace kefltest;
+
+namespace
+{
+
+// A trace object of the tests' own, starting from an empty log in the module's log folder.
+std::unique_ptr<KEFLTrace> NewTrace(const wchar_t* pwszFile = L"UNIT_trace.log")
+{
+    RemoveFile(LogDir() + L"\\" + pwszFile);
+    return std::make_unique<KEFLTrace>(pwszFile, L"UNIT_TraceLevel", L"UNIT_PsfLevel");
+}
+
+class TraceLog : public testing::Test
+{
+protected:
+    void SetUp() override { ResetHostConfiguration(); }
+    void TearDown() override { ResetHostConfiguration(); }
+};
+
+} // namespace
+
+TEST_F(TraceLog, WritesTheLevelsTraceIniSelectsWithPrefixAndMarkerInUtf8)
+{
+    const std::wstring sPath = L"C:\\Zo\x00eb \x2713 \xd834\xdd1e";
+    // The object's setting in trace.ini (none: only another log's key), and the markers then written.
+    const std::pair<const wchar_t*, std::wstring> aRows[] = {
+        {nullptr, L"EWI"}, {L"0", L""},     {L"1", L"E"},  {L"2", L"EW"},
+        {L"3", L"EWI"},    {L"4", L"EWIV"}, {L"9", L"EWI"}};
+    for (const auto& [pwszSetting, sExpected] : aRows)
+    {
+        SCOPED_TRACE(testing::Message() << "setting " << (pwszSetting ? pwszSetting : L"none"));
+        WriteTraceIni(
+            {{pwszSetting ? L"UNIT_TraceLevel" : L"OTHER_TraceLevel", pwszSetting ? pwszSetting : L"4"}});
+        auto pTrace = NewTrace();
+        pTrace->ReadTraceLevel();
+        for (uint32_t uiLevel : {TRACE_ERROR, TRACE_WARNING, TRACE_INFO, TRACE_VERBOSE})
+            pTrace->TraceValue(uiLevel, L"F", L"sPath", sPath);
+        std::wstring sMarkers;
+        for (const auto& sLine : ReadLogLines(pTrace->GetFilePath()))
+        {
+            const auto line = ParseTraceLine(sLine);
+            ASSERT_TRUE(line) << "no time and thread prefix: " << testing::PrintToString(sLine);
+            EXPECT_EQ(::GetCurrentThreadId(), line->uiThreadId);
+            EXPECT_EQ(L"F : sPath = \"" + sPath + L"\"", line->sText);
+            sMarkers += line->sMarker.empty() ? L'-' : line->sMarker[2]; // ":[E]: " and the like
+        }
+        EXPECT_EQ(sExpected, sMarkers);
+        EXPECT_EQ(sExpected.empty() ? "" : "[", ReadFileBytes(pTrace->GetFilePath()).substr(0, 1))
+            << "no byte-order mark";
+    }
+
+    // The PSF flags, a bit set of their own, are taken from trace.ini unchanged.
+    WriteTraceIni({{L"UNIT_PsfLevel", L"34"}});
+    auto pTrace = NewTrace();
+    pTrace->ReadPsfTraceLevel();
+    EXPECT_EQ(34u, pTrace->GetPsfTraceLevel());
+}
+
+TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
+{
+    auto pTrace = NewTrace();
+    auto pBlocked = NewTrace(L"UNIT2_trace.log");
+    MakeFolders(L"R:\\Blocked\\UNIT2_trace.log"); // a folder where the log should be
+    ASSERT_TRUE(pBlocked->SetLogDirectory(L"R:\\Blocked"));
+    // The case, its trace, whether another writer holds the log, whether the line is written.
+    const std::tuple<const wchar_t*, CTrace*, bool, bool> aRows[] = {
+        {L"an ordinary line", pTrace.get(), false, true},
+        {L"another writer holds the log", pTrace.get(), true, false},
+        {L"the log file cannot be opened", pBlocked.get(), false, false}};
+    for (const auto& [pwszCase, pRowTrace, bHeld, bWritten] : aRows)
+    {
+        SCOPED_TRACE(testing::Message() << pwszCase);
+        CPatches patches;
+        if (bHeld) // longer than a writer waits
+            patches.Patch(
+                ::GetModuleHandleW(nullptr), "KERNEL32.dll", "WaitForSingleObject",
+                +[](HANDLE, DWORD) -> DWORD { return WAIT_TIMEOUT; });
+        ::SetLastError(0xBEEF);
+        pRowTrace->TraceMessage(TRACE_ERROR, L"F", pwszCase);
+        EXPECT_EQ(0xBEEFu, ::GetLastError());
+        patches.Clear();
+        EXPECT_EQ(bWritten,
+                  HasText(ReadLogLines(pRowTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
+    }
+    ::RemoveDirectoryW(L"R:\\Blocked\\UNIT2_trace.log");
+}
