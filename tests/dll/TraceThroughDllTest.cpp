@@ -1,10 +1,8 @@
-// KEFL_trace.log as support staff read it: several writers at once, and a trace mutex that
-// cannot be had.
+// KEFL_trace.log as the loaded library writes it: a fresh log and one previous generation per
+// load, and threads and processes writing at once without losing or splitting a line.
 #include "dll/KeflFixture.h"
-#include "support/IatPatch.h"
 
-#include <cstdlib>
-#include <set>
+#include <map>
 #include <thread>
 
 using namespace kefltest;
@@ -13,91 +11,32 @@ namespace
 {
 
 constexpr int kCallsEach = 100;
-const wchar_t kHardLinkText[] = L"KEFL::HasCapability : Does backup hard-links separately";
 const wchar_t kChildReadyEvent[] = L"KeflTestChildReady";
 const wchar_t kChildGoEvent[] = L"KeflTestChildGo";
 
-int CountText(const std::vector<std::wstring>& vLines, const std::wstring& sText)
+void WriteLines(morvane::VESK& client)
 {
-    int iCount = 0;
-    for (const auto& sLine : vLines)
-    {
-        const auto line = ParseTraceLine(sLine);
-        EXPECT_TRUE(line) << "a split or damaged line: " << testing::PrintToString(sLine);
-        if (line && line->sText == sText)
-            ++iCount;
-    }
-    return iCount;
-}
-
-std::set<uint32_t> ThreadsWriting(const std::vector<std::wstring>& vLines, const std::wstring& sText)
-{
-    std::set<uint32_t> threads;
-    for (const auto& sLine : vLines)
-        if (const auto line = ParseTraceLine(sLine); line && line->sText == sText)
-            threads.insert(line->uiThreadId);
-    return threads;
-}
-
-// Another writer (any process) that holds the trace mutex for longer than the 60-second wait.
-DWORD WINAPI WaitTimesOut(HANDLE, DWORD)
-{
-    return WAIT_TIMEOUT;
-}
-int g_iReleases = 0;
-BOOL(WINAPI* g_pfnRealReleaseMutex)(HANDLE) = nullptr;
-BOOL WINAPI CountingReleaseMutex(HANDLE hMutex)
-{
-    ++g_iReleases;
-    return g_pfnRealReleaseMutex(hMutex);
+    for (int i = 0; i < kCallsEach; ++i)
+        client.HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
 }
 
 } // namespace
 
-TEST_F(KeflFixture, DropsLinesSilentlyWhileTheTraceMutexCannotBeHad)
+TEST_F(KeflFixture, EachLoadStartsANewLogAndKeepsOnePreviousGeneration)
 {
-    Load(Verbose());
-    auto pClient = m_pLibrary->Factory();
+    const std::wstring sOldPath = LogDir() + L"\\KEFL_trace.old";
+    RemoveFile(sOldPath);
+    for (auto enCapability : {morvane::CAP_TAPE_BACKUPS, morvane::CAP_BACKUP_SETS})
     {
-        CIatPatch wait(m_pLibrary->Module(), "KERNEL32.dll", "WaitForSingleObject",
-                       reinterpret_cast<const void*>(&WaitTimesOut));
-        CIatPatch release(m_pLibrary->Module(), "KERNEL32.dll", "ReleaseMutex",
-                          reinterpret_cast<const void*>(&CountingReleaseMutex));
-        ASSERT_TRUE(wait.IsApplied() && release.IsApplied());
-        g_pfnRealReleaseMutex = reinterpret_cast<BOOL(WINAPI*)(HANDLE)>(release.Original());
-        g_iReleases = 0;
-
-        ::SetLastError(0xBEEF);
-        EXPECT_TRUE(pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS));
-        EXPECT_EQ(0xBEEFu, ::GetLastError()) << "a dropped line leaves the caller's last error alone";
-        EXPECT_EQ(4, g_iReleases) << "each of the four lines gives the mutex back after the failed wait";
+        Load().Factory()->HasCapability(enCapability); // written at the default level
+        m_pLibrary->Unload();
     }
-    EXPECT_FALSE(pClient->HasCapability(morvane::CAP_TAPE_BACKUPS));
-
-    const auto vLines = KeflLog();
-    EXPECT_EQ(0, CountText(vLines, kHardLinkText));
-    EXPECT_EQ(1, CountText(vLines, L"KEFL::HasCapability : Does not support tape backups"));
-}
-
-TEST_F(KeflFixture, ThreadsCallingAtOnceLoseOrSplitNoLine)
-{
-    Load(Verbose());
-    auto pClient = m_pLibrary->Factory();
-    std::vector<std::thread> vThreads;
-    for (int t = 0; t < 3; ++t)
-        vThreads.emplace_back(
-            [&]
-            {
-                for (int i = 0; i < kCallsEach; ++i)
-                    pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
-            });
-    for (auto& thread : vThreads)
-        thread.join();
-
-    const auto vLines = KeflLog();
-    EXPECT_EQ(3 * kCallsEach, CountText(vLines, kHardLinkText));
-    EXPECT_EQ(3 * kCallsEach, CountText(vLines, L"KEFL::HasCapability : starting ..."));
-    EXPECT_EQ(3u, ThreadsWriting(vLines, kHardLinkText).size());
+    Load();
+    EXPECT_TRUE(ReadLogLines(KeflLogPath()).empty()) << "the new log starts empty";
+    const auto vOld = ReadLogLines(sOldPath);
+    EXPECT_TRUE(HasText(vOld, L"KEFL::HasCapability : Does not support backupsets"));
+    EXPECT_FALSE(HasText(vOld, L"KEFL::HasCapability : Does not support tape backups"))
+        << "only one previous generation is kept";
 }
 
 // The second process of the test below: loads the library, says it is ready, and writes on the
@@ -107,21 +46,16 @@ TEST_F(KeflFixture, DISABLED_ChildProcessWriter)
     morvane::CUniqueHandle hReady(::OpenEventW(EVENT_MODIFY_STATE, FALSE, kChildReadyEvent));
     morvane::CUniqueHandle hGo(::OpenEventW(SYNCHRONIZE, FALSE, kChildGoEvent));
     ASSERT_TRUE(hReady && hGo);
-    Load();
-    auto pClient = m_pLibrary->Factory();
+    auto pClient = Load().Factory(); // at the default level: no verbose lines
     ::SetEvent(hReady.get());
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hGo.get(), 60000));
-    for (int i = 0; i < kCallsEach; ++i)
-        pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+    WriteLines(*pClient);
 }
 
-TEST_F(KeflFixture, TwoProcessesWritingAtOnceLoseOrSplitNoLine)
+TEST_F(KeflFixture, ThreadsAndProcessesWritingAtOnceLoseOrSplitNoLine)
 {
-    WriteTraceIni(Verbose());
     morvane::CUniqueHandle hReady(::CreateEventW(nullptr, TRUE, FALSE, kChildReadyEvent));
     morvane::CUniqueHandle hGo(::CreateEventW(nullptr, TRUE, FALSE, kChildGoEvent));
-    ASSERT_TRUE(hReady && hGo);
-
     wchar_t wszExe[MAX_PATH];
     ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
     std::wstring sCommand =
@@ -134,23 +68,31 @@ TEST_F(KeflFixture, TwoProcessesWritingAtOnceLoseOrSplitNoLine)
         ::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
         << "error " << ::GetLastError();
     morvane::CUniqueHandle hProcess(pi.hProcess);
-    morvane::CUniqueHandle hThread(pi.hThread);
-    HANDLE ahReadyOrExit[] = {hReady.get(), hProcess.get()};
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForMultipleObjects(2, ahReadyOrExit, FALSE, 60000))
-        << "the child did not start";
+    ::CloseHandle(pi.hThread);
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hReady.get(), 60000)) << "the child did not start";
 
-    // Loaded after the child, so that this load's fresh log is the one both write.
-    Load(Verbose());
-    auto pClient = m_pLibrary->Factory();
+    // Loaded after the child, so that this load's fresh log is the one all write; verbose here only.
+    auto pClient = Load(Verbose()).Factory();
     ::SetEvent(hGo.get());
-    for (int i = 0; i < kCallsEach; ++i)
-        pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+    std::thread other([&] { WriteLines(*pClient); });
+    WriteLines(*pClient);
+    other.join();
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hProcess.get(), 60000));
-    DWORD dwExit = 1;
-    ::GetExitCodeProcess(hProcess.get(), &dwExit);
-    EXPECT_EQ(0u, dwExit) << "the child's own test failed";
 
-    const auto vLines = KeflLog();
-    EXPECT_EQ(2 * kCallsEach, CountText(vLines, kHardLinkText));
-    EXPECT_EQ(2u, ThreadsWriting(vLines, kHardLinkText).size());
+    std::map<uint32_t, int> linesByThread;
+    int iVerbose = 0;
+    for (const auto& sLine : KeflLog())
+    {
+        const auto line = ParseTraceLine(sLine);
+        if (!line)
+            ADD_FAILURE() << "a split or damaged line: " << testing::PrintToString(sLine);
+        else if (line->sText == L"KEFL::HasCapability : Does backup hard-links separately")
+            ++linesByThread[line->uiThreadId];
+        else
+            iVerbose += line->sText == L"KEFL::HasCapability : starting ...";
+    }
+    EXPECT_EQ(3u, linesByThread.size()) << "two threads here, one in the child";
+    for (const auto& [uiThread, iLines] : linesByThread)
+        EXPECT_EQ(kCallsEach, iLines) << "thread " << uiThread;
+    EXPECT_EQ(2 * kCallsEach, iVerbose) << "the verbose level that trace.ini sets here";
 }
