@@ -1,230 +1,88 @@
 // Credentials as the host makes them: from CredentialsFactory, read from and written to the
-// recovery answer file, compared with the exported operators.
+// recovery answer file, compared and copied with the operations that the library exports.
 #include "dll/KeflFixture.h"
-
-#include <cstring>
 
 using namespace kefltest;
 using morvane::KeflCredentials;
 
-namespace
+TEST_F(KeflFixture, AnswerFilesRoundTripOrTellWhyTheirPointInTimeIsRefused)
 {
-
-const wchar_t kAnswerDir[] = L"R:\\Answers";
-
-std::wstring AnswerFile(const wchar_t* pwszName)
-{
-    ::CreateDirectoryW(kAnswerDir, nullptr);
-    return std::wstring(kAnswerDir) + L"\\" + pwszName;
-}
-
-std::wstring ReadKey(const std::wstring& sPath, const wchar_t* pwszKey)
-{
-    wchar_t wsz[300] = {};
-    ::GetPrivateProfileStringW(L"ZovaBackupLocation", pwszKey, L"<absent>", wsz, 300, sPath.c_str());
-    return wsz;
-}
-
-SYSTEMTIME Pit(WORD wDay, WORD wMonth, WORD wYear, WORD wHour, WORD wMinute, WORD wSecond)
-{
-    SYSTEMTIME st = {};
-    st.wDay = wDay;
-    st.wMonth = wMonth;
-    st.wYear = wYear;
-    st.wHour = wHour;
-    st.wMinute = wMinute;
-    st.wSecond = wSecond;
-    return st;
-}
-
-void ExpectPit(const SYSTEMTIME& expected, const SYSTEMTIME& actual, int iLine)
-{
-    EXPECT_EQ(0, std::memcmp(&expected, &actual, sizeof(SYSTEMTIME)))
-        << "line " << iLine << ": expected " << expected.wDay << "/" << expected.wMonth << "/"
-        << expected.wYear << " " << expected.wHour << ":" << expected.wMinute << ":" << expected.wSecond
-        << ", got " << actual.wDay << "/" << actual.wMonth << "/" << actual.wYear << " " << actual.wHour
-        << ":" << actual.wMinute << ":" << actual.wSecond << " (day of week " << actual.wDayOfWeek << ", ms "
-        << actual.wMilliseconds << ")";
-}
-
-class CredentialsFixture : public KeflFixture
-{
-protected:
-    void SetUp() override
+    auto& library = Load();
+    const std::wstring sIn = L"R:\\answer in.ini", sOut = L"R:\\answer out.ini";
+    // A point in time in an ANSI or UTF-16 answer file and what is written back (day first), or the field
+    // out of range (the latest backup is then written: no value), or "" for garbage (no field that it
+    // never reaches may pass).
+    // clang-format off
+    const std::tuple<bool, const wchar_t*, std::wstring> kRows[] = {
+        {false, L"05/11/2015 14:03:09", L"05/11/2015 14:03:09"}, {true, L"6-7-2016  1.2.3", L"06/07/2016 01:02:03"},
+        // Leap years: every fourth, but not the centuries that 400 does not divide.
+        {false, L"29/02/1900 10:00:00", L"Day"}, {true, L"29/02/2000 10:00:00", L"29/02/2000 10:00:00"},
+        {false, L"29/02/2024 10:00:00", L"29/02/2024 10:00:00"}, {true, L"29/02/2100 10:00:00", L"Day"},
+        {false, L"31/04/2016 00:00:00", L"Day"}, {true, L"31/12/2016 00:00:00", L"31/12/2016 00:00:00"},
+        {false, L"00/01/2016 00:00:00", L"Day"}, {false, L"01/00/2016 00:00:00", L"Month"},
+        // The month first, whatever else is wrong too; then year, hour, minute, second and day.
+        {false, L"32/13/1000 25:61:61", L"Month"}, {false, L"32/12/1600 25:61:61", L"Year"},
+        {true, L"1/1/1601 0:0:0", L"01/01/1601 00:00:00"}, {false, L"28/2/2100 23:59:59", L"28/02/2100 23:59:59"},
+        {false, L"1/1/30828 0:0:0", L"Year"}, {false, L"32/12/2016 24:61:61", L"Hour"},
+        {false, L"32/12/2016 23:60:61", L"Minute"}, {false, L"32/12/2016 23:59:60", L"Second"},
+        {false, L"32/12/2016 23:59:59", L"Day"}, {true, L"", L""},
+        {false, L"yesterday", L""}, {false, L"05/11/2015 14:03", L""}, {true, L"5/11/2015 1:2:3 and", L""},
+        {true, L"\x0665/11/2015 1:2:3", L""}, {false, L"99999/11/2015 1:2:3", L""}, {false, L"-5/11/2015 1:2:3", L""}};
+    // clang-format on
+    for (const auto& [bUtf16, pwszPit, sExpected] : kRows)
     {
-        KeflFixture::SetUp();
-        Load(Verbose());
-        m_pClient = m_pLibrary->Factory(); // reads the trace levels
+        SCOPED_TRACE(testing::PrintToString(pwszPit));
+        const std::wstring sLocation = bUtf16 ? L"R:\\Sicherung\\B\x00fcro" : L"\\\\nas\\backups\\pc 01";
+        const std::wstring sText = L"[Other]\r\nLocation=wrong\r\n[ZovaBackupLocation]\r\nLocation=" +
+                                   sLocation + L"\r\nPointInTime=" + pwszPit + L"\r\n";
+        bUtf16 ? WriteUtf16File(sIn, sText) : WriteTextFile(sIn, std::string(sText.begin(), sText.end()));
+        RemoveFile(sOut);
+        const size_t cLogLines = KeflLog().size();
+        auto pCreds = library.CredentialsFactory();
+        ASSERT_TRUE(pCreds->GetCredentialsFromAnsFile(sIn));
+        ASSERT_TRUE(pCreds->SetAnsFileFromCredentials(sOut));
+        wchar_t wszLocation[300] = {}, wszPit[40] = {};
+        ::GetPrivateProfileStringW(L"ZovaBackupLocation", L"Location", L"", wszLocation, 300, sOut.c_str());
+        ::GetPrivateProfileStringW(L"ZovaBackupLocation", L"PointInTime", L"-", wszPit, 40, sOut.c_str());
+        const bool bRefused = std::iswalpha(sExpected[0]); // a field's name
+        EXPECT_EQ(sLocation, wszLocation);
+        EXPECT_EQ(bRefused ? L"" : sExpected, wszPit);
+        const auto vLog = KeflLog();
+        const std::wstring sWhy = L"VeskCredentials::ParsePit : ... ending(" + sExpected + L" out of range)";
+        EXPECT_TRUE(!bRefused || HasText({vLog.begin() + cLogLines, vLog.end()}, sWhy)) << sWhy;
     }
-    void TearDown() override
-    {
-        m_pClient.reset();
-        KeflFixture::TearDown();
-    }
-    std::unique_ptr<morvane::VeskCredentials> New() const { return m_pLibrary->CredentialsFactory(); }
-    static KeflCredentials& Kefl(const std::unique_ptr<morvane::VeskCredentials>& p)
-    {
-        return *static_cast<KeflCredentials*>(p.get());
-    }
-    // The library's exported operators, looked up by the names a host links against.
-    template <typename Fn> Fn Export(const char* pszName) const
-    {
-        auto pfn =
-            reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(m_pLibrary->Module(), pszName)));
-        EXPECT_NE(nullptr, pfn) << pszName << " is not exported";
-        return pfn;
-    }
-
-    CVeskPtr m_pClient;
-};
-
-} // namespace
-
-TEST_F(CredentialsFixture, ReadsLocationAndPointInTimeFromAnswerFiles)
-{
-    const std::wstring sAnsi = AnswerFile(L"ansi.ini");
-    WriteTextFile(sAnsi, "[Other]\r\nLocation=wrong\r\n[ZovaBackupLocation]\r\nLocation=\\\\nas\\backups\\"
-                         "pc01\r\nPointInTime=05/11/2015 14:03:09\r\n");
-    auto pCreds = New();
-    ASSERT_TRUE(pCreds->GetCredentialsFromAnsFile(sAnsi));
-    EXPECT_EQ(L"\\\\nas\\backups\\pc01", Kefl(pCreds).m_sTargetPath);
-    ExpectPit(Pit(5, 11, 2015, 14, 3, 9), pCreds->m_Pit, __LINE__);
-
-    const std::wstring sUtf16 = AnswerFile(L"utf16.ini");
-    WriteUtf16File(sUtf16,
-                   L"[ZovaBackupLocation]\r\nLocation=R:\\Sicherung\\B\x00fcro\r\nPointInTime=29/02/2024 "
-                   L"23:59:59\r\n");
-    pCreds = New();
-    ASSERT_TRUE(pCreds->GetCredentialsFromAnsFile(sUtf16));
-    EXPECT_EQ(L"R:\\Sicherung\\B\x00fcro", Kefl(pCreds).m_sTargetPath);
-    ExpectPit(Pit(29, 2, 2024, 23, 59, 59), pCreds->m_Pit, __LINE__);
-    EXPECT_TRUE(pCreds->Check());
 }
 
-TEST_F(CredentialsFixture, MissingOrUnusablePointInTimeMeansTheLatestBackup)
+TEST_F(KeflFixture, ExportedOperationsCompareEveryFieldAndCopy)
 {
-    const std::wstring sPath = AnswerFile(L"nopit.ini");
-    WriteTextFile(sPath, "[ZovaBackupLocation]\r\nLocation=R:\\Backup\r\n");
-    auto pCreds = New();
-    ASSERT_TRUE(pCreds->GetCredentialsFromAnsFile(sPath));
-    ExpectPit(SYSTEMTIME{}, pCreds->m_Pit, __LINE__);
-
-    WriteTextFile(sPath,
-                  "[ZovaBackupLocation]\r\nLocation=R:\\Backup\r\nPointInTime=31/04/2016 00:00:00\r\n");
-    pCreds->m_Pit = Pit(1, 1, 2020, 0, 0, 0);
-    EXPECT_TRUE(pCreds->GetCredentialsFromAnsFile(sPath)) << "an invalid point in time is only a warning";
-    ExpectPit(SYSTEMTIME{}, pCreds->m_Pit, __LINE__);
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(vLines, L"VeskCredentials::ParsePit : ... ending(Day out of range)"));
-    EXPECT_TRUE(HasText(vLines, L"VeskCredentials::GetPitFromAnsFile : ... ending(PointInTime not valid)"));
-    EXPECT_TRUE(
-        HasText(vLines, L"KeflCredentials::GetCredentialsFromAnsFile : ... ending(No valid Point-in-Time)"));
-}
-
-TEST_F(CredentialsFixture, RefusesAnswerFilesWithoutLocation)
-{
-    auto pCreds = New();
-    EXPECT_FALSE(pCreds->GetCredentialsFromAnsFile(L""));
-    EXPECT_FALSE(pCreds->GetCredentialsFromAnsFile(AnswerFile(L"no such file.ini")));
-    const std::wstring sPath = AnswerFile(L"nolocation.ini");
-    WriteTextFile(sPath, "[ZovaBackupLocation]\r\nPointInTime=05/11/2015 14:03:09\r\n");
-    EXPECT_FALSE(pCreds->GetCredentialsFromAnsFile(sPath));
-    EXPECT_EQ(L"", Kefl(pCreds).m_sTargetPath);
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(
-        vLines, L"KeflCredentials::GetCredentialsFromAnsFile : ... ending(Invalid answer file path)"));
-    EXPECT_TRUE(
-        HasText(vLines, L"KeflCredentials::GetCredentialsFromAnsFile : ... ending(Location not found)"));
-}
-
-TEST_F(CredentialsFixture, WritesWhatItReadsBack)
-{
-    const std::wstring sPath = AnswerFile(L"roundtrip.ini");
-    RemoveFile(sPath);
-    auto pCreds = New();
-    Kefl(pCreds).m_sTargetPath = L"\\\\nas\\backups\\pc 01";
-    pCreds->m_Pit = Pit(5, 11, 2015, 14, 3, 9);
-    ASSERT_TRUE(pCreds->SetAnsFileFromCredentials(sPath));
-    EXPECT_EQ(L"05/11/2015 14:03:09", ReadKey(sPath, L"PointInTime"));
-
-    auto pRead = New();
-    ASSERT_TRUE(pRead->GetCredentialsFromAnsFile(sPath));
-    EXPECT_EQ(Kefl(pCreds).m_sTargetPath, Kefl(pRead).m_sTargetPath);
-    ExpectPit(pCreds->m_Pit, pRead->m_Pit, __LINE__);
-
-    // No point in time: an empty value, read back as none.
-    pCreds->m_Pit = SYSTEMTIME{};
-    ASSERT_TRUE(pCreds->SetAnsFileFromCredentials(sPath));
-    EXPECT_EQ(L"", ReadKey(sPath, L"PointInTime"));
-    ASSERT_TRUE(pRead->GetCredentialsFromAnsFile(sPath));
-    EXPECT_EQ(5, pRead->m_Pit.wDay) << "an empty value leaves the point in time as it was";
-}
-
-TEST_F(CredentialsFixture, RefusesToWriteWithoutPathOrLocation)
-{
-    const std::wstring sPath = AnswerFile(L"refused.ini");
-    RemoveFile(sPath);
-    auto pCreds = New();
-    EXPECT_FALSE(pCreds->SetAnsFileFromCredentials(sPath)) << "no location";
-    EXPECT_FALSE(FileExists(sPath));
-    Kefl(pCreds).m_sTargetPath = L"R:\\Backup";
-    EXPECT_FALSE(pCreds->SetAnsFileFromCredentials(L""));
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(
-        vLines, L"KeflCredentials::SetAnsFileFromCredentials : ... ending(Location not in Credentials)"));
-    EXPECT_TRUE(HasText(
-        vLines, L"KeflCredentials::SetAnsFileFromCredentials : ... ending(Invalid answer file path)"));
-}
-
-TEST_F(CredentialsFixture, ClearEmptiesLocationAndPointInTime)
-{
-    auto pCreds = New();
-    Kefl(pCreds).m_sTargetPath = L"R:\\Backup";
-    pCreds->m_Pit = Pit(5, 11, 2015, 14, 3, 9);
-    pCreds->Clear();
-    EXPECT_EQ(L"", Kefl(pCreds).m_sTargetPath);
-    ExpectPit(SYSTEMTIME{}, pCreds->m_Pit, __LINE__);
-}
-
-TEST_F(CredentialsFixture, ExportedOperatorsCompareEveryFieldAndCopy)
-{
+    auto exported = [hKefl = Load().Module()](const char* pszName)
+    { return reinterpret_cast<void*>(::GetProcAddress(hKefl, pszName)); };
+    for (const char* pszName :
+         {"_ZN7morvane8VESKImplC1ERKS0_", "_ZN7morvane8VESKImplC2ERKS0_", "_ZN7morvane8VESKImplaSERKS0_",
+          "_ZTVN7morvane8VESKImplE", "_ZN7morvane15KeflCredentialsaSERKS0_",
+          "_ZNK7morvane15KeflCredentialseqERKS0_", "_ZNK7morvane15KeflCredentialsneERKS0_"})
+        ASSERT_NE(nullptr, exported(pszName)) << pszName << " is not exported";
     using Compare = bool (*)(const KeflCredentials*, const KeflCredentials*);
-    using Assign = KeflCredentials* (*)(KeflCredentials*, const KeflCredentials*);
-    const auto pfnEqual = Export<Compare>("_ZNK7morvane15KeflCredentialseqERKS0_");
-    const auto pfnNotEqual = Export<Compare>("_ZNK7morvane15KeflCredentialsneERKS0_");
-    const auto pfnAssign = Export<Assign>("_ZN7morvane15KeflCredentialsaSERKS0_");
-    ASSERT_TRUE(pfnEqual && pfnNotEqual && pfnAssign);
-
-    auto pA = New();
-    auto pB = New();
-    KeflCredentials& a = Kefl(pA);
-    KeflCredentials& b = Kefl(pB);
+    const auto pfnEqual = reinterpret_cast<Compare>(exported("_ZNK7morvane15KeflCredentialseqERKS0_"));
+    const auto pfnNotEqual = reinterpret_cast<Compare>(exported("_ZNK7morvane15KeflCredentialsneERKS0_"));
+    const auto pfnAssign = reinterpret_cast<KeflCredentials* (*)(KeflCredentials*, const KeflCredentials*)>(
+        exported("_ZN7morvane15KeflCredentialsaSERKS0_"));
+    auto pA = m_pLibrary->CredentialsFactory(), pB = m_pLibrary->CredentialsFactory();
+    auto &a = static_cast<KeflCredentials&>(*pA), &b = static_cast<KeflCredentials&>(*pB);
     a.m_sTargetPath = L"R:\\Backup";
-    a.m_Pit = Pit(5, 11, 2015, 14, 3, 9);
-    a.m_sProduct = L"copied product";
+    a.m_Pit = SYSTEMTIME{2015, 11, 0, 5, 14, 3, 9, 0};
     EXPECT_EQ(&b, pfnAssign(&b, &a));
-    EXPECT_EQ(L"R:\\Backup", b.m_sTargetPath);
-    EXPECT_EQ(L"copied product", b.m_sProduct);
     EXPECT_TRUE(pfnEqual(&a, &b));
     EXPECT_FALSE(pfnNotEqual(&a, &b));
-
-    b.m_Pit.wMilliseconds = 1;
-    EXPECT_FALSE(pfnEqual(&a, &b)) << "milliseconds";
-    EXPECT_TRUE(pfnNotEqual(&a, &b));
-    b.m_Pit = a.m_Pit;
-    b.m_Pit.wDayOfWeek = 4;
-    EXPECT_FALSE(pfnEqual(&a, &b)) << "day of week";
+    // Every field of the point in time counts, in both of its halves, and the location's case.
+    for (auto pwField : {&SYSTEMTIME::wYear, &SYSTEMTIME::wDayOfWeek, &SYSTEMTIME::wMilliseconds})
+    {
+        pfnAssign(&b, &a);
+        ++(b.m_Pit.*pwField);
+        EXPECT_FALSE(pfnEqual(&a, &b));
+        EXPECT_TRUE(pfnNotEqual(&a, &b));
+    }
     b.m_Pit = a.m_Pit;
     b.m_sTargetPath = L"r:\\backup";
     EXPECT_FALSE(pfnEqual(&a, &b)) << "the location's case";
-    EXPECT_TRUE(pfnNotEqual(&a, &b));
-}
-
-TEST_F(KeflFixture, ExportsTheBaseServicesCopyOperations)
-{
-    Load();
-    for (const char* pszName : {"_ZN7morvane8VESKImplC1ERKS0_", "_ZN7morvane8VESKImplC2ERKS0_",
-                                "_ZN7morvane8VESKImplaSERKS0_", "_ZTVN7morvane8VESKImplE"})
-        EXPECT_NE(nullptr, reinterpret_cast<void*>(::GetProcAddress(m_pLibrary->Module(), pszName)))
-            << pszName;
 }

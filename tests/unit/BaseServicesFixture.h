@@ -1,6 +1,5 @@
 #pragma once
-// A VESKImpl of the tests' own, with KEFL.dll's string table as its message module and its
-// protected state in reach.
+// A VESKImpl with KEFL.dll's string table as its message module and its protected state in reach.
 #include "client/VESKImpl.h"
 #include "platform/UniqueHandle.h"
 #include "support/RecoveryEnvironment.h"
@@ -12,9 +11,6 @@ class CTestVESKImpl : public morvane::VESKImpl
 {
 public:
     using VESKImpl::m_hModule;
-    using VESKImpl::m_pfnLogMsg;
-    using VESKImpl::m_pLogMsgCtx;
-    using VESKImpl::m_pProgMsgCtx;
     using VESKImpl::m_uiOSVersion;
 };
 
@@ -24,24 +20,25 @@ protected:
     void SetUp() override
     {
         kefltest::ResetHostConfiguration();
+        kefltest::g_vMessages.clear();
+        s_vCalls.clear();
         m_hKefl.reset(::LoadLibraryW(L"KEFL.dll"));
         ASSERT_TRUE(m_hKefl) << "error " << ::GetLastError();
         m_impl.m_hModule = m_hKefl.get();
-        s_vCalls.clear();
     }
     void TearDown() override { kefltest::ResetHostConfiguration(); }
 
+    // Only for the command runner's tests, until they record with kefltest::RecordMessage.
     struct CLogCall
     {
         uint32_t uiSeverity;
         std::wstring sMessage;
-        uint64_t ullContext;
     };
     static inline std::vector<CLogCall> s_vCalls;
-    static int32_t RecordingLogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullContext)
+    static int32_t RecordingLogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t)
     {
-        s_vCalls.push_back({uiSeverity, sMessage, ullContext});
-        return 42;
+        s_vCalls.push_back({uiSeverity, sMessage});
+        return 0;
     }
 
     std::wstring ErrorText()
