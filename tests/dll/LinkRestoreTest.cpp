@@ -1,7 +1,6 @@
 // Re-creating the backup's links after the drives are restored: junctions, symbolic links and
 // hard links from the link-point files, on the restore-target drives E: and F:, with progress.
 #include "dll/SessionFixture.h"
-#include "support/Patches.h"
 
 using namespace kefltest;
 
@@ -9,10 +8,9 @@ namespace
 {
 
 // One section of an INI-form link-point file (JPoint.dat, SPoint.dat).
-std::wstring Ini(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr = 0)
+std::wstring Ini(const std::wstring& sLink, const std::wstring& sTarget)
 {
-    return L"[" + sLink + L"]\r\nTarget=" + sTarget + L"\r\nBackupTarget=R:\\x\r\nAttr=" +
-           std::to_wstring(dwAttr) + L"\r\n";
+    return L"[" + sLink + L"]\r\nTarget=" + sTarget + L"\r\nBackupTarget=R:\\x\r\n";
 }
 
 // The progress states of the three passes (junctions, symbolic links, hard links), in order.
@@ -21,20 +19,20 @@ PassStates States()
 {
     PassStates v(3);
     for (const morvane::ProgMsg& msg : g_vProgress)
-        v[msg.sTitle.starts_with(L"Junction") ? 0
-          : msg.sTitle == L"Symbolic Links"   ? 1
-                                              : 2]
-            .push_back(msg.uiState);
+        v.at(std::wstring(L"JSR").find(msg.sTitle.at(0)))
+            .push_back(msg.uiState); // Junction, Symbolic, Restoring
     return v;
 }
 
-// Wine 8 refuses FSCTL_SET_REPARSE_POINT (error 50); the stand-in keeps what it gets and succeeds.
+// Wine 8 refuses FSCTL_SET_REPARSE_POINT (error 50); the stand-in keeps what it gets and, as
+// Windows does, succeeds, but for a target named "Refused".
 std::vector<std::pair<DWORD, std::wstring>> g_vIoCalls;
 BOOL WINAPI SetReparsePointAsWindows(HANDLE, DWORD dwCode, LPVOID pIn, DWORD cbIn, LPVOID, DWORD, LPDWORD,
                                      LPOVERLAPPED)
 {
     g_vIoCalls.emplace_back(dwCode, std::wstring(static_cast<const wchar_t*>(pIn), cbIn / 2));
-    return TRUE;
+    ::SetLastError(ERROR_NOT_SUPPORTED);
+    return g_vIoCalls.back().second.find(L"Refused") == std::wstring::npos;
 }
 
 // A junction's reparse data: tag, data length, reserved, substitute name offset and length, print
@@ -68,47 +66,51 @@ FARPROC WINAPI GetProcAddressForLinks(HMODULE hModule, LPCSTR pszName)
     return g_pfnRealGetProcAddress(hModule, pszName);
 }
 
-// GetVolumeInformationW on a drive formatted FAT32 (every Wine drive says NTFS).
-BOOL WINAPI FatVolumeInformation(LPCWSTR, LPWSTR, DWORD, LPDWORD, LPDWORD, LPDWORD, LPWSTR pwszFs,
-                                 DWORD cchFs)
+// Every Wine drive says NTFS; G: here says FAT32 (and needs no folder behind it).
+BOOL(WINAPI* g_pfnRealVolumeInformation)
+(LPCWSTR, LPWSTR, DWORD, LPDWORD, LPDWORD, LPDWORD, LPWSTR, DWORD) = nullptr;
+BOOL WINAPI VolumeInformation(LPCWSTR pwszRoot, LPWSTR pwszName, DWORD cchName, LPDWORD pdwSerial,
+                              LPDWORD pcchMax, LPDWORD pdwFlags, LPWSTR pwszFs, DWORD cchFs)
 {
-    return wcscpy_s(pwszFs, cchFs, L"FAT32") == 0;
+    if (pwszRoot[0] == L'G')
+        return wcscpy_s(pwszFs, cchFs, L"FAT32") == 0;
+    return g_pfnRealVolumeInformation(pwszRoot, pwszName, cchName, pdwSerial, pcchMax, pdwFlags, pwszFs,
+                                      cchFs);
 }
 
 class LinkRestoreTest : public SessionFixture
 {
 protected:
-    void TearDown() override
+    void SetUp() override
     {
-        m_patches.Clear();
-        SessionFixture::TearDown();
+        SessionFixture::SetUp();
+        if (HasFatalFailure())
+            return;
         RemoveTree(L"E:", true);
         RemoveTree(L"F:", true);
-    }
-
-    // Empty target drives and a fresh client, its link entry points from GetProcAddressForLinks.
-    void Restart(bool bNoEntryPoints, bool bRecordReparse)
-    {
-        if (m_pClient)
-            m_pClient->Fini();
-        m_pClient.reset();
-        m_patches.Clear();
-        RemoveTree(L"E:", true);
-        RemoveTree(L"F:", true);
-        ::DeleteFileW(KeflLogPath().c_str());
         g_vProgress.clear();
         g_vIoCalls.clear();
         g_vSymbolicCalls.clear();
-        g_bNoLinkEntryPoints = bNoEntryPoints;
+        g_bNoLinkEntryPoints = false;
         g_pfnRealGetProcAddress = Patch("GetProcAddress", &GetProcAddressForLinks);
-        if (bRecordReparse)
-            Patch("DeviceIoControl", &SetReparsePointAsWindows);
+        g_pfnRealVolumeInformation = Patch("GetVolumeInformationW", &VolumeInformation);
+        Patch("DeviceIoControl", &SetReparsePointAsWindows);
+        MakeClient();
+    }
+    // The link entry points are looked up when the client is made.
+    void MakeClient()
+    {
+        m_pClient.reset();
         m_pClient = m_pLibrary->Factory();
         m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
     }
+    // Stands pfnStandIn in for KERNEL32's function in KEFL.dll until the test ends; returns the function.
     template <class Fn> Fn Patch(const char* pszFunction, Fn pfnStandIn)
     {
-        return m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", pszFunction, pfnStandIn);
+        m_vPatches.push_back(std::make_unique<CIatPatch>(m_pLibrary->Module(), "KERNEL32.dll", pszFunction,
+                                                         reinterpret_cast<const void*>(pfnStandIn)));
+        EXPECT_TRUE(m_vPatches.back()->IsApplied()) << pszFunction;
+        return reinterpret_cast<Fn>(m_vPatches.back()->Original());
     }
     // Writes the backup's link-point files (MPoint.dat stays empty) and starts the session.
     void Init(const std::wstring& sJunctions, const std::wstring& sSymbolic, const std::string& sHPoint)
@@ -118,107 +120,71 @@ protected:
         WriteTextFile(std::wstring(kBackup) + L"\\#\\HPoint.dat", sHPoint);
         ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << testing::PrintToString(ErrorText());
     }
-
-    CPatches m_patches;
 };
 
 } // namespace
 
-TEST_F(LinkRestoreTest, LinksAreMadeAsTheBackupRecordedThem)
+TEST_F(LinkRestoreTest, LinksAreMadeAsRecordedAndAFailureFailsTheLaterPassesToo)
 {
-    Restart(false, true);
     MakeFolders(L"F:\\T");
-    MakeFolders(L"E:\\Data");
     WriteTextFile(L"F:\\file.txt", "content");
-    WriteTextFile(L"E:\\Data\\file.txt", "content");
-    WriteTextFile(L"E:\\Data\\copy.txt", "copy"); // a restored copy, read-only, where a link goes
-    ::SetFileAttributesW(L"E:\\Data\\copy.txt", FILE_ATTRIBUTE_READONLY);
+    WriteTextFile(L"E:\\file.txt", "content");
+    WriteTextFile(L"E:\\copy.txt", "copy"); // a restored copy, read-only, where a link goes
+    ::SetFileAttributesW(L"E:\\copy.txt", FILE_ATTRIBUTE_READONLY);
     // The first name of this file was not restored: the copy under its other name is all there is.
-    WriteTextFile(L"E:\\Data\\only.txt", "the only copy");
-    const std::wstring sTarget =
-        L"F:\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9"; // made by its own drive's restore
-    Init(Ini(L"E:\\Neue Ordner\\\u65E5\u672C", sTarget),
+    WriteTextFile(L"E:\\only.txt", "the only copy");
+    const std::wstring sTarget = L"F:\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9"; // comes with its drive
+    Init(Ini(L"E:\\Neue Ordner\\\u65E5\u672C", sTarget) + Ini(L"E:\\J", L"F:\\Refused") +
+             Ini(L"G:\\J", L"F:\\T"),
          Ini(L"E:\\Sym\\dir", L"F:\\T") + Ini(L"E:\\Sym\\file", L"F:\\file.txt") +
              Ini(L"E:\\Sym\\missing", L"F:\\Missing"),
-         "[1]\r\nH1=E:\\Data\\file.txt\r\nH2=E:\\New\\Deep\\link.txt\r\nH3=E:\\Data\\copy.txt\r\n"
-         "[2]\r\nH1=E:\\Missing\\first.txt\r\nH2=E:\\Data\\only.txt\r\n");
+         "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\New\\Deep\\link.txt\r\nH3=E:\\copy.txt\r\nH4=G:\\H\r\n"
+         "[2]\r\nH1=E:\\Missing\\first.txt\r\nH2=E:\\only.txt\r\n");
     EXPECT_TRUE(m_pClient->RestoreLinks());
 
-    ASSERT_EQ(1u, g_vIoCalls.size());
+    ASSERT_EQ(2u, g_vIoCalls.size());
     EXPECT_EQ(0x900A4u, g_vIoCalls[0].first);
     EXPECT_EQ(ExpectedReparseData(sTarget), g_vIoCalls[0].second);
+    EXPECT_FALSE(FileExists(L"E:\\J")) << "a failed junction is removed";
     // A folder target asks for a directory link, a file or a missing target for none.
     EXPECT_EQ((std::vector<std::wstring>{L"\\\\?\\E:\\Sym\\dir -> \\\\?\\F:\\T 1",
                                          L"\\\\?\\E:\\Sym\\file -> \\\\?\\F:\\file.txt 0",
                                          L"\\\\?\\E:\\Sym\\missing -> \\\\?\\F:\\Missing 0"}),
               g_vSymbolicCalls);
-    const CFileIdentity file = FileIdentity(L"E:\\Data\\file.txt");
+    const CFileIdentity file = FileIdentity(L"E:\\file.txt");
     EXPECT_EQ(3u, file.dwLinks);
-    for (const wchar_t* pwszLink : {L"E:\\New\\Deep\\link.txt", L"E:\\Data\\copy.txt"})
+    for (const wchar_t* pwszLink : {L"E:\\New\\Deep\\link.txt", L"E:\\copy.txt"})
         EXPECT_EQ(file.ullIndex, FileIdentity(pwszLink).ullIndex) << testing::PrintToString(pwszLink);
-    EXPECT_EQ("the only copy", ReadBytes(L"E:\\Data\\only.txt"));
+    EXPECT_EQ("the only copy", ReadBytes(L"E:\\only.txt"));
 
-    EXPECT_EQ((PassStates{{1, 7, 2, 4}, {1, 2, 2, 2, 4}, {1, 2, 2, 2, 3}}), States());
+    // The junction refused (error 50) and no link on the FAT drive G:.
+    const auto vLines = KeflLog();
+    for (const wchar_t* pwszText :
+         {L"CreateJunction : ... ending(DeviceIoControl(FSCTL_SET_REPARSE_POINT) failed)",
+          L"CreateJunction : dwLastError = 50",
+          L"CreateJunction : ... ending(Link is not on an NTFS filesystem)",
+          L"CreateHardLinkW : ... ending(Link is not on an NTFS filesystem)"})
+        EXPECT_TRUE(HasText(vLines, L"KEFLImpl::" + std::wstring(pwszText)))
+            << testing::PrintToString(pwszText);
+    // The symbolic links were all made, yet their pass ends failed, as the junction pass did.
+    EXPECT_FALSE(HasText(vLines, L"KEFLImpl::RestoreLinks : Restored symbolic links successfully"));
+    EXPECT_EQ((PassStates{{1, 7, 2, 2, 2, 3}, {1, 2, 2, 2, 3}, {1, 2, 2, 2, 2, 3}}), States());
     EXPECT_EQ(L"Restoring hard-links ...", g_vProgress.at(1).sText) << "message 133 with state 7";
 }
 
-TEST_F(LinkRestoreTest, ALinkThatCannotBeMadeFailsItsPassAndTheLaterOnes)
+TEST_F(LinkRestoreTest, WithoutTheEntryPointsOnlyJunctionsAreMade)
 {
-    enum Setup
-    {
-        WineReparse, // Wine's own DeviceIoControl refuses FSCTL_SET_REPARSE_POINT with error 50
-        FatVolume,
-        NoEntryPoints
-    };
-    const struct
-    {
-        const char* pszName;
-        Setup setup;
-        std::vector<std::wstring> vTexts; // lines the trace must hold, after "KEFLImpl::"
-        PassStates states;
-    } rows[] = {
-        {"the reparse data refused",
-         WineReparse,
-         {L"CreateJunction : ... ending(DeviceIoControl(FSCTL_SET_REPARSE_POINT) failed)",
-          L"CreateJunction : dwLastError = 50"},
-         {{1, 7, 2, 3}, {1, 2, 3}, {1, 2, 3}}},
-        {"a FAT volume",
-         FatVolume,
-         {L"CreateJunction : ... ending(Link is not on an NTFS filesystem)",
-          L"CreateSymbolicLink : ... ending(Link is not on an NTFS filesystem)",
-          L"CreateHardLinkW : ... ending(Link is not on an NTFS filesystem)"},
-         {{1, 7, 2, 3}, {1, 2, 3}, {1, 2, 3}}},
-        {"no CreateSymbolicLinkW and CreateHardLinkW",
-         NoEntryPoints,
-         {L"CreateSymbolicLink : ... ending(CreateSymbolicLink is not available)",
-          L"CreateHardLinkW : ... ending(CreateHardLink is not available)"},
-         {{1, 7, 2, 4}, {1, 2, 3}, {1, 2, 3}}},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.pszName);
-        Restart(row.setup == NoEntryPoints, row.setup != WineReparse);
-        MakeFolders(L"F:\\T");
-        WriteTextFile(L"E:\\file.txt", "content");
-        Init(Ini(L"E:\\J", L"F:\\T"), Ini(L"E:\\S", L"F:\\T"),
-             "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\F\\hard.txt\r\n");
-        if (row.setup == FatVolume)
-            Patch("GetVolumeInformationW", &FatVolumeInformation);
-        EXPECT_TRUE(m_pClient->RestoreLinks());
+    g_bNoLinkEntryPoints = true;
+    MakeClient();
+    WriteTextFile(L"E:\\file.txt", "content");
+    Init(Ini(L"E:\\J", L"F:\\T"), Ini(L"E:\\S", L"F:\\T"), "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\hard.txt\r\n");
+    EXPECT_TRUE(m_pClient->RestoreLinks());
 
-        const auto vLines = KeflLog();
-        for (const std::wstring& sText : row.vTexts)
-            EXPECT_TRUE(HasText(vLines, L"KEFLImpl::" + sText)) << testing::PrintToString(sText);
-        EXPECT_EQ(row.states, States());
-        // A pass traces its success where it ends in 4 only.
-        const wchar_t* const passes[] = {L"junctions", L"symbolic links", L"hard links"};
-        for (size_t i = 0; i < 3; ++i)
-            EXPECT_EQ(row.states[i].back() == 4,
-                      HasText(vLines, L"KEFLImpl::RestoreLinks : Restored " + std::wstring(passes[i]) +
-                                          L" successfully"))
-                << testing::PrintToString(passes[i]);
-        EXPECT_EQ(row.setup == NoEntryPoints, IsFolder(L"E:\\J")) << "a failed junction is removed";
-        EXPECT_EQ(row.setup == WineReparse ? "content" : "<missing>", ReadBytes(L"E:\\F\\hard.txt"))
-            << "later passes still make their links";
-    }
+    const auto vLines = KeflLog();
+    EXPECT_TRUE(
+        HasText(vLines, L"KEFLImpl::CreateSymbolicLink : ... ending(CreateSymbolicLink is not available)"));
+    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::CreateHardLinkW : ... ending(CreateHardLink is not available)"));
+    EXPECT_EQ(1u, FileIdentity(L"E:\\file.txt").dwLinks);
+    EXPECT_EQ((PassStates{{1, 7, 2, 4}, {1, 2, 3}, {1, 2, 3}}), States());
+    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::RestoreLinks : Restored junctions successfully"));
 }
