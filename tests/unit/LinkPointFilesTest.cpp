@@ -1,5 +1,4 @@
-// Reading the link-point files of a backup: JPoint.dat, MPoint.dat and SPoint.dat through the
-// profile functions, HPoint.dat line by line. The files are real files on the backup drive.
+// Reading a backup's link-point files: the INI-form JPoint/MPoint/SPoint.dat, and HPoint.dat.
 #include "links/LinkPointFiles.h"
 #include "support/RecoveryEnvironment.h"
 #include "support/TraceLog.h"
@@ -7,27 +6,26 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <new>
 
-// While not zero, allocations larger than this many bytes fail on this thread: memory running
-// out in the middle of a reader.
+// While not zero, larger allocations fail on this thread: memory running out inside a reader.
 thread_local size_t t_cbAllocationLimit = 0;
 void* operator new(std::size_t cb)
 {
     if (t_cbAllocationLimit != 0 && cb > t_cbAllocationLimit)
         throw std::bad_alloc();
-    if (void* p = std::malloc(cb != 0 ? cb : 1))
+    if (void* p = ::HeapAlloc(::GetProcessHeap(), 0, cb != 0 ? cb : 1))
         return p;
     throw std::bad_alloc();
 }
 void operator delete(void* p) noexcept
 {
-    std::free(p);
+    if (p)
+        ::HeapFree(::GetProcessHeap(), 0, p);
 }
 void operator delete(void* p, std::size_t) noexcept
 {
-    std::free(p);
+    operator delete(p);
 }
 
 using namespace morvane;
@@ -58,66 +56,56 @@ protected:
         g_KeflTrace.SetTraceLevel(3);
         g_KeflTrace.ResetTraceFile();
     }
-    static std::vector<std::wstring> Texts(const wchar_t* pwszMarker)
-    {
-        return TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), pwszMarker);
-    }
 };
 
 TEST_F(LinkPointFiles, ReadsAnsiAndUtf16IniFilesAndSkipsIncompleteSections)
 {
-    const std::wstring sLong(5000, L'x');
-    const std::string sAnsi =
-        "[C:\\Data\\Junction]\r\nTarget=D:\\Real\r\nBackupTarget=R:\\B\\D\\Real\r\nAttr=16\r\n"
-        "[C:\\Long]\r\nAttr=abc\r\nBackupTarget=R:\\B\r\nTarget=" +
-        std::string(sLong.begin(), sLong.end()) +
-        "\r\n[C:\\NoKeys]\r\n[C:\\NoTarget]\r\nBackupTarget=R:\\B2\r\nTarget=\r\n";
-    WriteTextFile(kDir + L"JPoint.dat", sAnsi);
+    WriteTextFile(kDir + L"JPoint.dat",
+                  "[C:\\J]\r\nTarget=D:\\T\r\nBackupTarget=R:\\B\r\nAttr=16\r\n[C:\\Long]\r\n"
+                  "Attr=abc\r\nBackupTarget=R:\\B\r\nTarget=" +
+                      std::string(5000, 'x') +
+                      "\r\n[C:\\NoKeys]\r\n[C:\\NoTarget]\r\nBackupTarget=R:\\B\r\nTarget=\r\n");
     WriteUtf16File(kDir + L"MPoint.dat",
-                   L"[C:\\Mount\\\u00DCbung \u6570\u636E]\r\nTarget=\\\\?\\Volume{5}\\\r\n"
-                   L"BackupTarget=R:\\B\\\u00DCbung\r\nAttr=1040\r\n");
-
-    PointList list{{L"C:\\Earlier", L"C:\\Kept", L"R:\\Kept", 0}};
+                   L"[C:\\\u00DCbung "
+                   L"\u6570\u636E]\r\nTarget=\\\\?\\Volume{5}\\\r\nBackupTarget=R:\\\u00DC\r\nAttr=1040\r\n");
+    PointList list{{L"E", L"K", L"R", 0}};
     EXPECT_TRUE(ParsePoint(kDir + L"JPoint.dat", list));
     EXPECT_TRUE(ParsePoint(kDir + L"MPoint.dat", list));
 
-    EXPECT_EQ(L"C:\\Earlier|C:\\Kept|R:\\Kept|0;C:\\Data\\Junction|D:\\Real|R:\\B\\D\\Real|16;C:\\Long|" +
-                  sLong.substr(0, 4095) + L"|R:\\B|0;" +
-                  L"C:\\Mount\\\u00DCbung \u6570\u636E|\\\\?\\Volume{5}\\|R:\\B\\\u00DCbung|1040;",
+    EXPECT_EQ(L"E|K|R|0;C:\\J|D:\\T|R:\\B|16;C:\\Long|" + std::wstring(4095, L'x') +
+                  L"|R:\\B|0;C:\\\u00DCbung \u6570\u636E|\\\\?\\Volume{5}\\|R:\\\u00DC|1040;",
               Text(list));
     EXPECT_EQ((std::vector<std::wstring>{L"KEFLImpl::ParsePoint : No BackupTarget found ... skipping section",
                                          L"KEFLImpl::ParsePoint : No Target found ... skipping section"}),
-              Texts(L":[W]: "));
+              TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[W]: "));
 }
 
 TEST_F(LinkPointFiles, FailuresLeaveTheListAsItWas)
 {
-    PointList list{{L"C:\\Earlier", L"C:\\Kept", L"R:\\Kept", 0}};
+    PointList list{{L"E", L"K", L"R", 0}};
     RemoveFile(kDir + L"Missing.dat");
     EXPECT_TRUE(ParsePoint(kDir + L"Missing.dat", list)) << "a backup without junctions has no JPoint.dat";
     EXPECT_FALSE(ParseHPoint(kDir + L"Missing.dat", list)) << "but every backup has an HPoint.dat";
-    // Over 10,000 characters of section names; with buffers of at most 16 KB the list of them
-    // cannot grow whole.
+    // Over 10,000 characters of section names: not one buffer of at most 16 KB holds them.
     std::string sText;
     for (int i = 0; i < 100; ++i)
-        sText += "[C:\\" + std::string(100, 'n') + std::to_string(i) +
-                 "]\r\nBackupTarget=R:\\B\r\nTarget=C:\\T\r\n";
+        sText += "[C:\\" + std::string(100, 'n') + std::to_string(i) + "]\r\nBackupTarget=B\r\nTarget=T\r\n";
     WriteTextFile(kDir + L"BigJPoint.dat", sText);
     t_cbAllocationLimit = 16 * 1024;
     const bool bResult = ParsePoint(kDir + L"BigJPoint.dat", list);
     t_cbAllocationLimit = 0;
     EXPECT_FALSE(bResult);
-    EXPECT_EQ(L"C:\\Earlier|C:\\Kept|R:\\Kept|0;", Text(list));
+    EXPECT_EQ(L"E|K|R|0;", Text(list));
     EXPECT_EQ(
         (std::vector<std::wstring>{L"KEFLImpl::ParseHPoint : dwLastError = 2",
                                    L"KEFLImpl::ParseHPoint : ... ending(Couldn't open file for reading)",
                                    L"KEFLImpl::ParsePoint : .. ending(Memory allocation error)"}),
-        Texts(L":[E]: "));
+        TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[E]: "));
 }
 
 TEST_F(LinkPointFiles, HardLinkLinesGiveOnePointPerFurtherName)
 {
-    const std::string sLongest = "H2=C:\\" + std::string(4095 - 6, 'p'); // 4095 characters: read
+    const std::string sLongest = "H2=" + std::string(4095 - 3, 'p'); // 4095 characters: read
     struct CRow
     {
         const char* pszName;
@@ -126,19 +114,15 @@ TEST_F(LinkPointFiles, HardLinkLinesGiveOnePointPerFurtherName)
     };
     const CRow rows[] = {
         {"groups, B without =, bytes as characters, no last line end",
-         "[1]\nB=D:\\B\\n.exe\nH1=C:\\n.exe\nH2=C:\\S\\n.exe\nH3=C:\\W\\n.exe\n[2]\nBare\nH1=A\xC3\xA9\nH2=B="
-         "C",
-         L"C:\\S\\n.exe|C:\\n.exe|D:\\B\\n.exe|0;C:\\W\\n.exe|C:\\n.exe|D:\\B\\n.exe|0;B=C|A\u00C3\u00A9|"
-         L"Bare|0;"},
+         "[1]\nB=R:\\B1\nH1=T1\nH2=L1\nH3=L2\n[2]\nBare\nH1=T\xC3\xA9\nH2=L=3",
+         L"L1|T1|R:\\B1|0;L2|T1|R:\\B1|0;L=3|T\u00C3\u00A9|Bare|0;"},
         {"late H1, H01, numbers with text",
-         "H2=C:\\BeforeAnyGroup\n[1]\nH1=C:\\First\nH2=C:\\ToFirst\nH1=C:\\Second\nH3=C:\\ToSecond\n"
-         "[2]\nH01=C:\\Zero1\nH2=C:\\ToZero1\nH1x=C:\\OneX\nH11=C:\\Eleven\nH=C:\\NoNumber\n"
-         "[3]\n\n; comment\nh2=C:\\Lower\n H2=C:\\Indented\nH2 C:\\NoEquals\n",
-         L"C:\\BeforeAnyGroup|||0;C:\\ToFirst|C:\\First||0;C:\\ToSecond|C:\\Second||0;"
-         L"C:\\ToZero1|C:\\Zero1||0;C:\\Eleven|C:\\OneX||0;C:\\NoNumber|C:\\OneX||0;"},
+         "H2=L0\n[1]\nH1=T1\nH2=L1\nH1=T2\nH3=L2\n[2]\nH01=T3\nH2=L3\nH1x=T4\nH11=L4\nH=L5\n"
+         "[3]\n\n; comment\nh2=a\n H2=b\nH2 c\n",
+         L"L0|||0;L1|T1||0;L2|T2||0;L3|T3||0;L4|T4||0;L5|T4||0;"},
         {"CRLF and LF, a line over 4095 characters ends the read",
-         "[1]\r\nH1=C:\\T\r\n" + sLongest + "\r\nH3=C:\\Before\n" + sLongest + "q\nH4=C:\\After\n",
-         std::wstring(sLongest.begin() + 3, sLongest.end()) + L"|C:\\T||0;C:\\Before|C:\\T||0;"},
+         "[1]\r\nH1=T\r\n" + sLongest + "\r\nH3=L\n" + sLongest + "q\nH4=After\n",
+         std::wstring(sLongest.begin() + 3, sLongest.end()) + L"|T||0;L|T||0;"},
     };
     for (const CRow& row : rows)
     {
@@ -148,7 +132,7 @@ TEST_F(LinkPointFiles, HardLinkLinesGiveOnePointPerFurtherName)
         EXPECT_TRUE(ParseHPoint(kDir + L"HPoint.dat", list));
         EXPECT_EQ(row.sExpected, Text(list));
     }
-    EXPECT_TRUE(Texts(L":[E]: ").empty());
+    EXPECT_TRUE(TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[E]: ").empty());
 }
 
 } // namespace
