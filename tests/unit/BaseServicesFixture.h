@@ -21,25 +21,11 @@ protected:
     {
         kefltest::ResetHostConfiguration();
         kefltest::g_vMessages.clear();
-        s_vCalls.clear();
         m_hKefl.reset(::LoadLibraryW(L"KEFL.dll"));
         ASSERT_TRUE(m_hKefl) << "error " << ::GetLastError();
         m_impl.m_hModule = m_hKefl.get();
     }
     void TearDown() override { kefltest::ResetHostConfiguration(); }
-
-    // Only for the command runner's tests, until they record with kefltest::RecordMessage.
-    struct CLogCall
-    {
-        uint32_t uiSeverity;
-        std::wstring sMessage;
-    };
-    static inline std::vector<CLogCall> s_vCalls;
-    static int32_t RecordingLogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t)
-    {
-        s_vCalls.push_back({uiSeverity, sMessage});
-        return 0;
-    }
 
     std::wstring ErrorText()
     {
