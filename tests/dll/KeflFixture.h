@@ -7,39 +7,30 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-
 class KeflFixture : public testing::Test
 {
 protected:
+    using CIni = std::map<std::wstring, std::wstring>;
+    using CLines = std::vector<std::wstring>;
+
     void SetUp() override { kefltest::ResetHostConfiguration(); }
     void TearDown() override
     {
         m_pLibrary.reset();
         kefltest::ResetHostConfiguration();
     }
-
     // Every level of both logs, verbose included.
-    static std::map<std::wstring, std::wstring> Verbose()
-    {
-        return {{L"KEFL_TraceLevel", L"4"}, {L"VESK_TraceLevel", L"4"}};
-    }
-
-    kefltest::CKeflLibrary& Load(const std::map<std::wstring, std::wstring>& traceIni = {})
+    static CIni Verbose() { return {{L"KEFL_TraceLevel", L"4"}, {L"VESK_TraceLevel", L"4"}}; }
+    kefltest::CKeflLibrary& Load(const CIni& traceIni = {})
     {
         if (!traceIni.empty())
             kefltest::WriteTraceIni(traceIni);
         m_pLibrary = std::make_unique<kefltest::CKeflLibrary>();
         return *m_pLibrary;
     }
-
     static std::wstring KeflLogPath() { return kefltest::LogDir() + L"\\KEFL_trace.log"; }
-    static std::vector<std::wstring> KeflLog() { return kefltest::ReadLogLines(KeflLogPath()); }
-    static std::vector<std::wstring> VeskLog()
-    {
-        return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log");
-    }
+    static CLines KeflLog() { return kefltest::ReadLogLines(KeflLogPath()); }
+    static CLines VeskLog() { return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log"); }
 
     std::unique_ptr<kefltest::CKeflLibrary> m_pLibrary;
 };

@@ -1,93 +1,72 @@
-// Starting a restore session: the credentials, the backup location, the console, the link points.
+// Starting a restore session: the credentials, the backup location, the link-point files.
 #include "dll/SessionFixture.h"
 
+#include "support/Patches.h"
+
 #include <algorithm>
+#include <shlwapi.h>
 
 using namespace kefltest;
 
 namespace
 {
 
-bool HasLineStartingWith(const std::vector<std::wstring>& vLines, const std::wstring& sStart)
+// A drive whose root folder cannot be looked at (access denied).
+decltype(&::PathIsDirectoryW) g_pfnRealPathIsDirectory = nullptr;
+BOOL WINAPI PathIsDirectoryDeniedAtRootF(LPCWSTR pwszPath)
 {
-    for (const auto& sLine : vLines)
-        if (const auto line = ParseTraceLine(sLine); line && line->sText.rfind(sStart, 0) == 0)
-            return true;
-    return false;
+    if (_wcsicmp(pwszPath, L"F:\\") != 0)
+        return g_pfnRealPathIsDirectory(pwszPath);
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
 }
 
 } // namespace
 
-TEST_F(SessionFixture, InitTakesABackupFolderWithItsDataFolder)
+TEST_F(SessionFixture, InitTakesABackupFolderOrADriveRootAndStartsOverWhenCalledAgain)
 {
-    auto pCredentials = Credentials(kBackup);
-    ASSERT_TRUE(m_pClient->Init(pCredentials.get())) << testing::PrintToString(ErrorText());
-    EXPECT_EQ(L"No error", ErrorText());
-    EXPECT_TRUE(HasMessage(1, L"Parsing Junctions, Mount-Points, Hard-Links and Symbolic-Links ..."));
-    // Wine's console has no window: a warning, and the session goes on.
-    EXPECT_TRUE(g_vMessages.empty() || g_vMessages.front().uiSeverity != 3);
-
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : pPsfCreds->m_sTargetPath = \"R:\\Backup\""));
-    EXPECT_TRUE(HasLineStartingWith(vLines, L"KEFLImpl::Init : m_sTargetLocation = \"\\\\?\\Volume{"));
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::CheckIfWebDAV : Is Microsoft share"));
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::ParseHPoint : PointList.size() = 1"));
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : ... ending"));
-
-    // Init again: the session starts over.
-    ASSERT_TRUE(m_pClient->Init(pCredentials.get()));
-    EXPECT_TRUE(m_pClient->Fini());
+    MakeBackup(L"F:");
+    CPatches patches; // a root is taken without looking at it as a folder
+    g_pfnRealPathIsDirectory =
+        patches.Patch(m_pLibrary->Module(), "SHLWAPI.dll", "PathIsDirectoryW", &PathIsDirectoryDeniedAtRootF);
+    for (const wchar_t* pwszLocation : {kBackup, L"F:\\", kBackup})
+    {
+        RemoveFile(KeflLogPath());
+        EXPECT_TRUE(m_pClient->Init(Credentials(pwszLocation).get()))
+            << testing::PrintToString(std::wstring(pwszLocation)) << ": "
+            << testing::PrintToString(ErrorText());
+        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::ParseHPoint : PointList.size() = 1"))
+            << "link points loaded";
+    }
+    RemoveTree(L"F:", true);
 }
 
-TEST_F(SessionFixture, InitRefusesCredentialsOfAnotherKindWithoutAMessage)
+TEST_F(SessionFixture, InitRefusesWhatIsNoBackup)
 {
-    EXPECT_FALSE(m_pClient->Init(nullptr));
-    EXPECT_TRUE(g_vMessages.empty());
-    EXPECT_EQ(L"No error", ErrorText());
-    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::Init : ... ending(Not an PSF credential)"));
-}
-
-TEST_F(SessionFixture, InitRefusesLocationsThatAreNoBackup)
-{
-    EXPECT_FALSE(m_pClient->Init(Credentials(L"R:\\No such backup").get()));
-    EXPECT_EQ(L"Failed to initialize KEFL", ErrorText());
-    EXPECT_TRUE(HasMessage(3, L"Failed to initialize KEFL"));
-
-    RemoveTree(std::wstring(kBackup) + L"\\#");
-    EXPECT_FALSE(m_pClient->Init(Credentials(kBackup).get()));
-    EXPECT_EQ(L"No ZOVA configuration found at target location", ErrorText());
-
-    EXPECT_FALSE(m_pClient->Init(Credentials(L"Q:\\Backup").get())) << "no such drive";
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : ... ending(PathIsDirectory failed)"));
-}
-
-TEST_F(SessionFixture, InitTakesADriveRootWithoutTestingItAsAFolder)
-{
-    ::CreateDirectoryW(L"F:\\#", nullptr);
-    WriteTextFile(L"F:\\#\\HPoint.dat", "");
-    EXPECT_TRUE(m_pClient->Init(Credentials(L"F:\\").get())) << testing::PrintToString(ErrorText());
-    RemoveTree(L"F:\\#");
-}
-
-TEST_F(SessionFixture, InitStopsAtTheFirstLinkPointFileThatCannotBeRead)
-{
-    ::DeleteFileW((std::wstring(kBackup) + L"\\#\\JPoint.dat").c_str());
-    ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << "a missing JPoint.dat is no failure";
-
-    ::DeleteFileW((std::wstring(kBackup) + L"\\#\\HPoint.dat").c_str());
-    g_vMessages.clear();
-    EXPECT_FALSE(m_pClient->Init(Credentials(kBackup).get()));
-    const auto vLines = KeflLog();
-    EXPECT_TRUE(HasText(vLines, L"KEFLImpl::Init : ... ending(Couldn't parse HPoint.dat)"));
-    EXPECT_EQ(1, std::count_if(
-                     vLines.begin(), vLines.end(),
-                     [](const std::wstring& sLine)
-                     {
-                         return sLine.find(L"KEFLImpl::ParsePoint : sPath = \"R:\\Backup\\#\\SPoint.dat\"") !=
-                                std::wstring::npos;
-                     }))
-        << "read by the first Init only: SPoint.dat comes after HPoint.dat";
-    for (const CMessage& message : g_vMessages)
-        EXPECT_NE(3u, message.uiSeverity) << "no user message for link-point files";
+    const struct
+    {
+        const wchar_t* pwszLocation; // nullptr: credentials of another kind
+        const wchar_t* pwszRemoved;  // from the backup, first
+        const wchar_t* pwszError;    // the error message, also the last error text
+        const wchar_t* pwszEnding;
+    } cases[] = {
+        {nullptr, nullptr, L"No error", L"Not an PSF credential"},
+        {kBackup, L"R:\\Backup\\#\\HPoint.dat", L"No error", L"Couldn't parse HPoint.dat"},
+        {L"R:\\No such backup", nullptr, L"Failed to initialize KEFL", L"PathIsDirectory failed"},
+        {kBackup, L"R:\\Backup\\#", L"No ZOVA configuration found at target location",
+         L"PathIsDirectory failed"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(c.pwszEnding)));
+        RemoveTree(c.pwszRemoved ? c.pwszRemoved : L"R:\\Nothing");
+        RemoveFile(KeflLogPath());
+        g_vMessages.clear();
+        EXPECT_FALSE(m_pClient->Init(c.pwszLocation ? Credentials(c.pwszLocation).get() : nullptr));
+        EXPECT_EQ(c.pwszError, ErrorText());
+        EXPECT_EQ(ErrorText() == L"No error" ? 0 : 1,
+                  std::ranges::count(g_vMessages, 3u, &CMessage::uiSeverity));
+        EXPECT_TRUE(ErrorText() == L"No error" || HasMessage(3, c.pwszError));
+        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::Init : ... ending(" + std::wstring(c.pwszEnding) + L")"));
+    }
 }
