@@ -6,6 +6,7 @@
 #include "support/Patches.h"
 
 #include <algorithm>
+#include <tuple>
 
 using namespace kefltest;
 
@@ -72,13 +73,11 @@ protected:
     }
     void TearDown() override
     {
-        m_patches.Clear();
         m_pStreams.reset();
         RemoveTree(L"E:", true);
         SessionFixture::TearDown();
     }
 
-    CPatches m_patches;
     std::unique_ptr<CBackupStreamPatches> m_pStreams;
 };
 
@@ -199,4 +198,27 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
     EXPECT_EQ(L"Couldn't count objects to be restored", ErrorText());
     EXPECT_EQ(3u, g_vProgress.back().uiState);
+}
+
+TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShows)
+{
+    morvane::Filespace unknownMount{}, badLetter{}, noVolume{}, drive{};
+    unknownMount.sFsMountDir = L"E:\\Other";
+    unknownMount.dwFsFlags = 0x8;
+    badLetter.wcFsDriveLetter = L'1';
+    noVolume.wcFsDriveLetter = L'Q';
+    drive.wcFsDriveLetter = L'E';
+    const kefltest::CVeskPtr pNoSession = m_pLibrary->Factory();
+    pNoSession->SetLogMsgCallbackFn(&RecordMessage, 0);
+    const std::tuple<morvane::VESK*, morvane::Filespace*, const wchar_t*> kCases[] = {
+        {m_pClient.get(), &unknownMount, L"The supplied mount point 'E:\\Other' is unknown"},
+        {m_pClient.get(), &badLetter, L"The supplied drive letter '1:' is invalid"},
+        {m_pClient.get(), &noVolume, L"Failed to restore drive letter from target location"},
+        {pNoSession.get(), &drive, L"No target location has been set"}};
+    for (const auto& [pClient, pFs, pwszMessage] : kCases)
+    {
+        g_vMessages.clear();
+        EXPECT_FALSE(pClient->RestoreFilespace(*pFs)) << testing::PrintToString(std::wstring(pwszMessage));
+        EXPECT_TRUE(HasMessage(3, pwszMessage)) << testing::PrintToString(std::wstring(pwszMessage));
+    }
 }

@@ -90,10 +90,7 @@ protected:
     }
     template <class Fn> Fn Patch(const char* pszFunction, Fn pfnStandIn)
     {
-        m_vPatches.push_back(std::make_unique<CIatPatch>(m_pLibrary->Module(), "KERNEL32.dll", pszFunction,
-                                                         reinterpret_cast<const void*>(pfnStandIn)));
-        EXPECT_TRUE(m_vPatches.back()->IsApplied()) << pszFunction;
-        return reinterpret_cast<Fn>(m_vPatches.back()->Original());
+        return m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", pszFunction, pfnStandIn);
     }
     void Restore(const std::wstring& sJunctions, const std::wstring& sSymbolic, const std::string& sHPoint)
     {

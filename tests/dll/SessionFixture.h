@@ -3,7 +3,7 @@
 // the host drives it, with the Wine gaps that the session meets stood in for at KEFL.dll's
 // import table (Wine 8 cannot resolve a volume-name path to its volume and has no network provider).
 #include "dll/KeflFixture.h"
-#include "support/IatPatch.h"
+#include "support/Patches.h"
 #include "winecompat/LocationStandIns.h"
 
 class SessionFixture : public KeflFixture
@@ -27,7 +27,7 @@ protected:
         if (m_pClient)
             m_pClient->Fini();
         m_pClient.reset();
-        m_vPatches.clear();
+        m_patches.Clear();
         m_pLocation.reset();
         kefltest::RemoveTree(kBackup);
         KeflFixture::TearDown();
@@ -58,6 +58,6 @@ protected:
 
     kefltest::CVeskPtr m_pClient;
     std::unique_ptr<winecompat::CLocationPatches> m_pLocation;
-    // Further substitutions of a test, undone at its end (new tests use kefltest::CPatches).
-    std::vector<std::unique_ptr<kefltest::CIatPatch>> m_vPatches;
+    // A test's own substitutions in KEFL.dll's imports, undone at its end.
+    kefltest::CPatches m_patches;
 };

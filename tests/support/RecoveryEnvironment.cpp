@@ -39,28 +39,20 @@ std::wstring TraceIniPath()
 
 void WriteTextFile(const std::wstring& sPath, const std::string& sText)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                             FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(hFile) << "cannot create " << testing::PrintToString(sPath) << ", error " << ::GetLastError();
-    DWORD cbWritten = 0;
-    ASSERT_TRUE(
-        ::WriteFile(hFile.get(), sText.data(), static_cast<DWORD>(sText.size()), &cbWritten, nullptr));
-
+    WriteBytes(sPath, sText);
     // A time of its own for every write: Wine answers profile reads from a cache while a file's
     // name and modification time stay the same. In the past, a day back and a second apart: Wine
     // reads a file dated in the future or changed in the last seconds afresh on every call, which
     // makes large files slow.
-    static LONGLONG s_llTick = 0;
+    static ULONGLONG s_ullTick = 0;
     FILETIME ft;
     ::GetSystemTimeAsFileTime(&ft);
-    ULARGE_INTEGER t;
-    t.LowPart = ft.dwLowDateTime;
-    t.HighPart = ft.dwHighDateTime;
-    t.QuadPart -= 86400ULL * 10000000ULL;
-    t.QuadPart += static_cast<ULONGLONG>(++s_llTick) * 10000000ULL;
-    ft.dwLowDateTime = t.LowPart;
-    ft.dwHighDateTime = t.HighPart;
-    ::SetFileTime(hFile.get(), nullptr, nullptr, &ft);
+    const ULONGLONG ullTime = ((ULONGLONG(ft.dwHighDateTime) << 32) | ft.dwLowDateTime) -
+                              86400ULL * 10000000ULL + ++s_ullTick * 10000000ULL;
+    ft = {static_cast<DWORD>(ullTime), static_cast<DWORD>(ullTime >> 32)};
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ,
+                                             nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    EXPECT_TRUE(hFile && ::SetFileTime(hFile.get(), nullptr, nullptr, &ft)) << ::GetLastError();
 }
 
 void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys)
@@ -152,16 +144,18 @@ void MakeFolders(const std::wstring& sPath)
 
 void WriteBytes(const std::wstring& sPath, const std::string& sBytes)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                             FILE_ATTRIBUTE_NORMAL, nullptr));
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_WRITE, 0, nullptr,
+                                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(hFile) << "cannot create " << testing::PrintToString(sPath) << ", error " << ::GetLastError();
     DWORD cbWritten = 0;
-    ASSERT_TRUE(::WriteFile(hFile.get(), sBytes.data(), static_cast<DWORD>(sBytes.size()), &cbWritten, nullptr));
+    ASSERT_TRUE(
+        ::WriteFile(hFile.get(), sBytes.data(), static_cast<DWORD>(sBytes.size()), &cbWritten, nullptr));
 }
 
 std::string ReadBytes(const std::wstring& sPath)
 {
-    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+    morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!hFile)
         return "<missing>";

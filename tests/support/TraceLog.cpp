@@ -1,6 +1,6 @@
 #include "support/TraceLog.h"
 
-#include "platform/UniqueHandle.h"
+#include "support/RecoveryEnvironment.h"
 
 #include <windows.h>
 
@@ -9,24 +9,9 @@
 namespace kefltest
 {
 
-std::string ReadFileBytes(const std::wstring& sPath)
-{
-    morvane::CUniqueFile hFile(::CreateFileW(sPath.c_str(), GENERIC_READ,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    std::string sBytes;
-    if (!hFile)
-        return sBytes;
-    char buf[65536];
-    DWORD cbRead = 0;
-    while (::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0)
-        sBytes.append(buf, cbRead);
-    return sBytes;
-}
-
 std::vector<std::wstring> ReadLogLines(const std::wstring& sPath)
 {
-    const std::string sBytes = ReadFileBytes(sPath);
+    const std::string sBytes = FileExists(sPath) ? ReadBytes(sPath) : std::string();
     std::wstring sText;
     if (!sBytes.empty())
     {

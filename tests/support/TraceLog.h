@@ -10,8 +10,6 @@ namespace kefltest
 
 // The lines of a UTF-8 trace log, without their line ends; empty when the file is missing.
 std::vector<std::wstring> ReadLogLines(const std::wstring& sPath);
-// The raw bytes of a file.
-std::string ReadFileBytes(const std::wstring& sPath);
 
 struct CTraceLine
 {

@@ -14,6 +14,8 @@ namespace
 
 decltype(&::Sleep) s_pfnSleep = nullptr;        // the real one; the monitor's pauses of 1 s take 1 ms
 std::vector<std::pair<DWORD, DWORD>> s_vBreaks; // console event, process group
+decltype(&::TerminateProcess) s_pfnTerminate = nullptr;
+int s_cTerminated = 0;
 
 class CommandRunnerTest : public BaseServicesFixture
 {
@@ -127,9 +129,14 @@ TEST_F(CommandRunnerTest, CommandThatCannotStartTracesWhy)
         m_hExe, "KERNEL32.dll", "CreateThread",
         +[](LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE, LPVOID, DWORD, LPDWORD) -> HANDLE
         { return ::SetLastError(ERROR_NOT_ENOUGH_MEMORY), nullptr; });
+    s_cTerminated = 0;
+    s_pfnTerminate = m_patches.Patch(
+        m_hExe, "KERNEL32.dll", "TerminateProcess",
+        +[](HANDLE hProcess, UINT uiCode) { return ++s_cTerminated, s_pfnTerminate(hProcess, uiCode); });
     const bool bStarted = m_runner.RunCommand(L"\"" + HostDir() + L"\\kefl_test_child.exe\" --sleep 4000");
     m_patches.Clear(); // before any check: a failing one starts a thread of the test framework
     EXPECT_FALSE(bStarted);
+    EXPECT_EQ(1, s_cTerminated) << "the unwatched child stopped";
     for (const std::wstring sText : {L"... ending(CreateProcess failed)", L"dwLastError = 2",
                                      L"... ending(Failed to create monitoring thread)", L"dwLastError = 8"})
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RunCommand : " + sText)) << "not traced: " << sText;
