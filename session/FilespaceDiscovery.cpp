@@ -154,6 +154,10 @@ bool KEFLImpl::GetBOOTandSYSTEM()
 {
     const wchar_t* const kFn = kGetBOOTandSYSTEM;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    // Each listing reads the letters afresh: a GPT disk names no SYSTEM letter, and an earlier
+    // listing's must not stand for it.
+    m_wcWinBOOT = L'-';
+    m_wcWinSYSTEM = L'-';
     const std::wstring sIniPath = m_sConfigDir + L"\\disrec.ini";
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sIniPath", sIniPath);
     const wchar_t* const pwszIni = sIniPath.c_str();

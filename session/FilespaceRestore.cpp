@@ -31,6 +31,14 @@ constexpr DWORD kOpenRetryMs = 30000;
 
 const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
+// What a restored file or folder takes over from its copy in the backup, beside its times.
+constexpr DWORD kRestoredAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+                                      FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
+                                      FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
+// Attributes that keep an existing file from being replaced (CREATE_ALWAYS is refused).
+constexpr DWORD kReplaceRefusingAttributes =
+    FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+
 // The "\\?\" form of a full path, so that paths of more than MAX_PATH characters work.
 std::wstring LongPath(const std::wstring& sPath)
 {
@@ -59,6 +67,73 @@ bool IsSkippedFile(const std::wstring& sDst)
     return Contains(sDst, L":\\RECYCLER\\") || Contains(sDst, L":\\$Recycle.Bin\\") ||
            Contains(sDst, L":\\System Volume Information\\") || Contains(sDst, L":\\hiberfil.sys") ||
            Contains(sDst, L":\\pagefile.sys");
+}
+
+// A copy whose times or attributes could not be set still holds its data: the failure is traced
+// and the filespace does not fail for it.
+void TraceMetadataFailure(const wchar_t* pwszFunction, const std::wstring& sPath, DWORD dwLastError,
+                          const wchar_t* pwszWhat)
+{
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sDst", sPath);
+    TraceLastError(pwszFunction, dwLastError);
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
+}
+
+bool IsFolder(const std::wstring& sPath)
+{
+    const DWORD dwAttributes = ::GetFileAttributesW(sPath.c_str());
+    return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool SetTimes(HANDLE hFile, const CWalkEntry& entry)
+{
+    return ::SetFileTime(hFile, &entry.ftCreation, &entry.ftLastAccess, &entry.ftLastWrite) != FALSE;
+}
+
+// The attributes go last: a read-only file or folder accepts nothing after them.
+void RestoreAttributes(const wchar_t* pwszFunction, const std::wstring& sLongDst, const CWalkEntry& entry)
+{
+    const DWORD dwAttributes = entry.dwAttributes & kRestoredAttributes;
+    if (!::SetFileAttributesW(sLongDst.c_str(), dwAttributes != 0 ? dwAttributes : FILE_ATTRIBUTE_NORMAL))
+        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set attributes");
+}
+
+// A folder's times and attributes, once everything inside it is restored.
+void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLongDst, const CWalkEntry& entry)
+{
+    CUniqueFile hFolder(::CreateFileW(sLongDst.c_str(), FILE_WRITE_ATTRIBUTES,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!hFolder || !SetTimes(hFolder.get(), entry))
+        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set times");
+    hFolder.reset();
+    RestoreAttributes(pwszFunction, sLongDst, entry);
+}
+
+// The destination of a copy, replacing what an earlier restore left there.
+CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError)
+{
+    auto open = [&sDst]
+    {
+        return CUniqueFile(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                         FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    };
+    CUniqueFile hDst = open();
+    dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
+    if (dwLastError != ERROR_ACCESS_DENIED)
+        return hDst;
+    // A read-only, hidden or system file from an earlier restore refuses to be replaced until it
+    // loses those attributes (they come back with the copy's own).
+    const DWORD dwOld = ::GetFileAttributesW(sDst.c_str());
+    if (dwOld == INVALID_FILE_ATTRIBUTES || (dwOld & FILE_ATTRIBUTE_DIRECTORY) ||
+        (dwOld & kReplaceRefusingAttributes) == 0 ||
+        !::SetFileAttributesW(sDst.c_str(), (dwOld & ~kReplaceRefusingAttributes) != 0
+                                                ? dwOld & ~kReplaceRefusingAttributes
+                                                : FILE_ATTRIBUTE_NORMAL))
+        return hDst;
+    hDst = open();
+    dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
+    return hDst;
 }
 
 bool EndRestore(const wchar_t* pwszReason)
@@ -175,6 +250,14 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             m_pfnProgMsg(&progress, m_pProgMsgCtx);
     }
 
+    // With these two enabled, backup semantics read files and list folders whose access lists
+    // would refuse this account; without them the restore goes on with what it can read.
+    for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
+    {
+        if (!SetPrivilege(pwszPrivilege, true))
+            g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Privilege not enabled", std::wstring(pwszPrivilege));
+    }
+
     CWalkList walk;
     if (!CountFiles(sSrcFolder, walk, progress))
     {
@@ -213,16 +296,30 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         }
         else if (!IsSkippedFile(sDst))
         {
-            if (!CopyFileWithProgress(LongPath(entry.sPath), LongPath(sDst), progress))
+            if (!CopyFileWithProgress(LongPath(entry.sPath), LongPath(sDst), entry, progress))
             {
                 g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
                 g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
                 bFailed = true;
             }
+            else
+            {
+                RestoreAttributes(kFn, LongPath(sDst), entry);
+            }
         }
         ++progress.ullDone;
         if (m_pfnProgMsg)
             m_pfnProgMsg(&progress, m_pProgMsgCtx);
+    }
+
+    // Folders last, deepest first: restoring a folder's content changes its times.
+    for (auto it = walk.vEntries.rbegin(); it != walk.vEntries.rend(); ++it)
+    {
+        if (!it->bDirectory)
+            continue;
+        const std::wstring sDst = sDstFolder + it->sPath.substr(sSrcFolder.size());
+        if (!IsSkippedDirectory(sDst) && IsFolder(LongPath(sDst)))
+            RestoreFolderMetadata(kFn, LongPath(sDst), *it);
     }
 
     if (bFailed)
@@ -257,8 +354,17 @@ bool KEFLImpl::CountFiles(const std::wstring& sFolder, CWalkList& walkList, Prog
         if (std::wcscmp(fd.cFileName, L".") == 0 || std::wcscmp(fd.cFileName, L"..") == 0)
             continue;
         const std::wstring sPath = sFolder + L"\\" + fd.cFileName;
+        // A junction or symbolic link (file or folder) is made again from the link-point files,
+        // neither created as a plain folder nor copied through: its target is in the backup in its
+        // own place, and a link may lead back up the tree. Other reparse points hold data.
+        if ((fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && IsReparseTagNameSurrogate(fd.dwReserved0))
+        {
+            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Reparse point not followed", sPath);
+            continue;
+        }
         const bool bDirectory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        walkList.vEntries.push_back({sPath, bDirectory});
+        walkList.vEntries.push_back({sPath, bDirectory, fd.dwFileAttributes, fd.ftCreationTime,
+                                     fd.ftLastAccessTime, fd.ftLastWriteTime});
         if (!bDirectory)
         {
             ++walkList.ullFiles;
@@ -266,13 +372,6 @@ bool KEFLImpl::CountFiles(const std::wstring& sFolder, CWalkList& walkList, Prog
             continue;
         }
         ++walkList.ullDirectories;
-        // A junction or directory link is restored from the link-point files, not followed: its
-        // target is in the backup in its own place, and a link may lead back up the tree.
-        if (fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
-        {
-            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Reparse point not followed", sPath);
-            continue;
-        }
         if (!CountFiles(sPath, walkList, progress))
         {
             g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(KEFLImpl::CountFiles failed)");
@@ -292,7 +391,8 @@ bool KEFLImpl::CountFiles(const std::wstring& sFolder, CWalkList& walkList, Prog
     return true;
 }
 
-bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, ProgMsg& progress)
+bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst,
+                                    const CWalkEntry& entry, ProgMsg& progress)
 {
     const wchar_t* const kFn = kCopyFile;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
@@ -307,6 +407,9 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         if (hSrc)
             break;
         dwLastError = ::GetLastError();
+        // Only a file that another process holds becomes readable by waiting.
+        if (dwLastError != ERROR_SHARING_VIOLATION && dwLastError != ERROR_LOCK_VIOLATION)
+            break;
         if (iAttempt < kOpenAttempts)
             ::Sleep(kOpenRetryMs);
     }
@@ -317,11 +420,9 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         return false;
     }
 
-    CUniqueFile hDst(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                   FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    CUniqueFile hDst = OpenDestination(sDst, dwLastError);
     if (!hDst)
     {
-        dwLastError = ::GetLastError();
         TraceLastError(kFn, dwLastError);
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Failed to open destination file for writing)");
         return false;
@@ -401,6 +502,9 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         ::BackupRead(hSrc.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pReadContext);
     if (pWriteContext)
         ::BackupWrite(hDst.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pWriteContext);
+    // The times through the open handle, after the last write, so that closing it keeps them.
+    if (bResult && !SetTimes(hDst.get(), entry))
+        TraceMetadataFailure(kFn, sDst, ::GetLastError(), L"Failed to set times");
 
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(ullTotalBytesRead));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten",

@@ -66,7 +66,9 @@ public:
 
     // Filespace restore.
     bool CountFiles(const std::wstring& sFolder, CWalkList& walkList, ProgMsg& progress);
-    bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, ProgMsg& progress);
+    // Copies one file as backup streams and gives the copy the source's times (entry's find data).
+    bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
+                              ProgMsg& progress);
 
 private:
     // Re-reads trace.ini and traces the two levels.

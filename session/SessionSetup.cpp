@@ -41,6 +41,15 @@ void KEFLImpl::Reset()
     m_MountPoints.clear();
     m_HardLinks.clear();
     m_SymbolicLinks.clear();
+    // Nothing of an earlier backup may reach this one: its location, and what its configuration
+    // said of BOOT and SYSTEM and where it was copied to.
+    m_sTargetLocation.clear();
+    m_bIsWebDAV = false;
+    m_sLocalPath.clear();
+    m_wcWinBOOT = L'-';
+    m_wcWinSYSTEM = L'-';
+    m_sWinDir.clear();
+    m_sConfigDir.clear();
     // A console from an earlier Init: detaching frees it (its window goes with it).
     if (::GetConsoleWindow())
         ::FreeConsole();

@@ -1,6 +1,8 @@
 #pragma once
 // What the count of a filespace's source tree found: every folder and file in walk order, with
 // the totals that the progress shows.
+#include <windows.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -12,6 +14,11 @@ struct CWalkEntry
 {
     std::wstring sPath; // full source path
     bool bDirectory = false;
+    // As the find data gave them: what the restored copy gets back.
+    DWORD dwAttributes = 0;
+    FILETIME ftCreation = {};
+    FILETIME ftLastAccess = {};
+    FILETIME ftLastWrite = {};
 };
 
 struct CWalkList

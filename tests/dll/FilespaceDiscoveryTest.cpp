@@ -78,6 +78,12 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
                     L"KEFLImpl::GetConfig : sCmd = \"XCOPY /e /h /r /y \"R:\\Backup\\#\\*\" \"R:\\Cfg\"\""))
             << "hidden files too (Wine's XCOPY may copy them without /h)";
     }
+    // Another backup, without a configuration drive: nothing of the last one's BOOT and SYSTEM.
+    MakeBackup(L"F:");
+    ASSERT_TRUE(m_pClient->Init(Credentials(L"F:\\").get())) << testing::PrintToString(ErrorText());
+    std::vector<Filespace> vOther;
+    EXPECT_EQ(L" C:0 D:0", List(vOther));
+    RemoveTree(L"F:", true);
 }
 
 TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)

@@ -4,6 +4,7 @@
 
 #include "support/BackupStreams.h"
 #include "support/Patches.h"
+#include "winecompat/LinkStandIns.h"
 
 #include <algorithm>
 #include <tuple>
@@ -23,11 +24,25 @@ HANDLE WINAPI CreateFileOfALockedFile(LPCWSTR pwszPath, DWORD dwAccess, DWORD dw
                                       LPSECURITY_ATTRIBUTES pSa, DWORD dwDisposition, DWORD dwFlags,
                                       HANDLE hTemplate)
 {
+    // And one whose access list refuses this account: waiting does not help.
+    if (std::wstring(pwszPath).ends_with(L"R:\\Backup\\E\\denied.bin"))
+        return ::SetLastError(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
     if (!std::wstring(pwszPath).ends_with(L"R:\\Backup\\E\\locked.bin"))
         return g_pfnRealCreateFile(pwszPath, dwAccess, dwShare, pSa, dwDisposition, dwFlags, hTemplate);
     ++g_iLockedOpens;
     ::SetLastError(ERROR_SHARING_VIOLATION);
     return INVALID_HANDLE_VALUE;
+}
+
+// Windows refuses CREATE_ALWAYS on a read-only, hidden or system file; Wine run as root does not.
+HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES pSa,
+                                  DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate)
+{
+    const DWORD dwAttributes = ::GetFileAttributesW(pwszPath);
+    if (dwDisposition == CREATE_ALWAYS && dwAttributes != INVALID_FILE_ATTRIBUTES &&
+        (dwAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM)))
+        return ::SetLastError(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
+    return g_pfnRealCreateFile(pwszPath, dwAccess, dwShare, pSa, dwDisposition, dwFlags, hTemplate);
 }
 
 // The waits of 30 s between open attempts return at once and are counted.
@@ -40,16 +55,30 @@ VOID WINAPI SleepCounted(DWORD dwMs)
     ++g_iRetryWaits;
 }
 
-// Windows answers GetVolumeInformationW on a mount folder for the volume mounted there; Wine has
-// no mount points in folders, so the test's mount folder answers as the volume E:.
-decltype(&::GetVolumeInformationW) g_pfnRealGetVolumeInformation = nullptr;
-BOOL WINAPI GetVolumeInformationOfAMountPoint(LPCWSTR pwszRoot, LPWSTR pwszName, DWORD cchName,
-                                              LPDWORD pdwSerial, LPDWORD pcchComponent, LPDWORD pdwFlags,
-                                              LPWSTR pwszFs, DWORD cchFs)
+// Windows reports a junction or symbolic link in the find data: the reparse-point attribute and
+// its tag in dwReserved0. Wine makes neither; these names in the backup stand for them.
+decltype(&::FindFirstFileW) g_pfnRealFindFirst = nullptr;
+decltype(&::FindNextFileW) g_pfnRealFindNext = nullptr;
+void AsReparsePoint(WIN32_FIND_DATAW* pfd)
 {
-    const bool bMountFolder = _wcsicmp(pwszRoot, L"E:\\Mount\\Data\\") == 0;
-    return g_pfnRealGetVolumeInformation(bMountFolder ? L"E:\\" : pwszRoot, pwszName, cchName, pdwSerial,
-                                         pcchComponent, pdwFlags, pwszFs, cchFs);
+    static const std::map<std::wstring, DWORD> kTags = {{L"Junction", IO_REPARSE_TAG_MOUNT_POINT},
+                                                        {L"DirLink", IO_REPARSE_TAG_SYMLINK},
+                                                        {L"FileLink.txt", IO_REPARSE_TAG_SYMLINK},
+                                                        {L"Deduplicated.bin", 0x80000013}}; // data, no link
+    if (const auto it = kTags.find(pfd->cFileName); it != kTags.end())
+    {
+        pfd->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        pfd->dwReserved0 = it->second;
+    }
+}
+HANDLE WINAPI FindFirstAsWindows(LPCWSTR pwszPattern, LPWIN32_FIND_DATAW pfd)
+{
+    const HANDLE hFind = g_pfnRealFindFirst(pwszPattern, pfd);
+    return hFind != INVALID_HANDLE_VALUE ? AsReparsePoint(pfd), hFind : hFind;
+}
+BOOL WINAPI FindNextAsWindows(HANDLE hFind, LPWIN32_FIND_DATAW pfd)
+{
+    return g_pfnRealFindNext(hFind, pfd) ? AsReparsePoint(pfd), TRUE : FALSE;
 }
 
 // A session on the fixture backup, its progress recorded, E: emptied, backup streams stood in.
@@ -60,6 +89,11 @@ protected:
     {
         SessionFixture::SetUp();
         ASSERT_FALSE(HasFatalFailure());
+        // Links recorded and mount folders answered for as their volumes (Wine has neither); the
+        // client made anew, as it looks its link entry points up when it is made.
+        m_pLinks = std::make_unique<winecompat::CLinkPatches>(m_pLibrary->Module());
+        m_pClient = m_pLibrary->Factory();
+        m_pClient->SetLogMsgCallbackFn(&RecordMessage, 0);
         RemoveTree(L"E:", true);
         MakeFolders(kSourceE);
         g_vProgress.clear();
@@ -68,16 +102,22 @@ protected:
         ASSERT_TRUE(m_pStreams->IsApplied());
         WriteTextFile(L"R:\\Backup\\#\\MPoint.dat",
                       "[E:\\Mount\\Data]\r\nTarget=\\\\?\\Volume{1}\\\r\nBackupTarget=R:\\x\r\n");
+        WriteTextFile(L"R:\\Backup\\#\\JPoint.dat",
+                      "[E:\\Junction]\r\nTarget=E:\\Data\r\nBackupTarget=R:\\x\r\n");
+        WriteTextFile(L"R:\\Backup\\#\\SPoint.dat",
+                      "[E:\\DirLink]\r\nTarget=E:\\Data\r\nBackupTarget=R:\\x\r\n");
         ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << testing::PrintToString(ErrorText());
         g_vMessages.clear();
     }
     void TearDown() override
     {
         m_pStreams.reset();
+        m_pLinks.reset();
         RemoveTree(L"E:", true);
         SessionFixture::TearDown();
     }
 
+    std::unique_ptr<winecompat::CLinkPatches> m_pLinks;
     std::unique_ptr<CBackupStreamPatches> m_pStreams;
 };
 
@@ -96,7 +136,8 @@ TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAM
         {sDeep, Pattern(70000, 3)},
         {L"\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9\u20AC.txt", "non-ASCII"},
         {L"\\Old\\pagefile.sys", "p"},
-        {L"\\Mount\\Data\\Sub\\file.bin", Pattern(100000, 8)}};
+        {L"\\Mount\\Data\\Sub\\file.bin", Pattern(100000, 8)},
+        {L"\\Deduplicated.bin", "a reparse point, but not a link: copied as data"}};
     const std::map<std::wstring, std::string> skipped = {{L"\\pagefile.sys", Pattern(1000, 4)},
                                                          {L"\\hiberfil.sys", "h"},
                                                          {L"\\$Recycle.Bin\\deleted.txt", "d"},
@@ -111,6 +152,36 @@ TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAM
             ullRead += pFiles == &restored ? sBytes.size() + 20 : 0;
         }
     MakeFolders(kSourceE + L"\\RECYCLER2");
+    // A junction and links to a folder and to a file, left to the link pass: not walked into.
+    MakeFolders(kSourceE + L"\\Junction");
+    MakeFolders(kSourceE + L"\\DirLink");
+    for (const wchar_t* pwszBehindLink : {L"\\Junction\\in.txt", L"\\DirLink\\in.txt", L"\\FileLink.txt"})
+        WriteBytes(kSourceE + pwszBehindLink, "behind a link");
+    // Times and attributes of their own for every file and folder; compared where the file system
+    // keeps them as written (Wine keeps no creation time and not every attribute).
+    std::map<std::wstring, CMetadata> written;
+    const DWORD kAttributes[] = {FILE_ATTRIBUTE_READONLY,
+                                 FILE_ATTRIBUTE_HIDDEN,
+                                 FILE_ATTRIBUTE_SYSTEM,
+                                 0,
+                                 FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED,
+                                 FILE_ATTRIBUTE_OFFLINE};
+    for (const auto& [sRel, metadata] : ReadMetadata(kSourceE))
+    {
+        const uint64_t ullTime = 130915281890000000ULL + written.size() * 36000000000ULL; // from 5 Nov 2015
+        written[sRel] = {metadata.dwAttributes | kAttributes[written.size() % 6], ullTime, ullTime + 1,
+                         ullTime + 2};
+        WriteMetadata(kSourceE + sRel, written[sRel]);
+    }
+    DWORD dwKept[2] = {~DWORD(0), ~DWORD(0)}; // of files, of folders
+    bool bCreationKept = true;
+    for (const auto& [sRel, metadata] : ReadMetadata(kSourceE))
+    {
+        dwKept[metadata.dwAttributes >> 4 & 1] &= ~(metadata.dwAttributes ^ written[sRel].dwAttributes);
+        bCreationKept = bCreationKept && metadata.ullCreation == written[sRel].ullCreation;
+    }
+    const auto Kept = [&](CMetadata m)
+    { return m.dwAttributes &= dwKept[m.dwAttributes >> 4 & 1], m.ullCreation *= bCreationKept, m; };
     // What an interrupted earlier restore left: a longer old file, a cut one, a file of its own.
     MakeFolders(L"E:\\Data");
     WriteBytes(L"E:\\empty.txt", Pattern(200000, 7));
@@ -120,15 +191,31 @@ TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAM
     morvane::Filespace fs{};
     fs.sFsPath = L"E:\\";
     fs.wcFsDriveLetter = L'E';
+    g_pfnRealCreateFile =
+        m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CreateFileW", &CreateFileAsWindows);
+    g_pfnRealFindFirst =
+        m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "FindFirstFileW", &FindFirstAsWindows);
+    g_pfnRealFindNext =
+        m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "FindNextFileW", &FindNextAsWindows);
     for (int iRun = 1; iRun <= 2; ++iRun)
     {
         SCOPED_TRACE("restore " + std::to_string(iRun));
         g_vProgress.clear();
+        const auto source = ReadMetadata(kSourceE); // as the walk sees it: a read may move last access
         ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
+        const auto target = ReadMetadata(L"E:");
+        for (const auto& [sRel, metadata] : source)
+        {
+            if (target.count(sRel) || restored.count(sRel))
+            {
+                EXPECT_TRUE(Kept(metadata) == Kept(target.at(sRel))) << testing::PrintToString(sRel);
+            }
+        }
         for (const auto& [sRel, sBytes] : restored)
             EXPECT_TRUE(ReadBytes(L"E:" + sRel) == sBytes) << testing::PrintToString(sRel);
-        for (const wchar_t* pwszSkipped : {L"E:\\pagefile.sys", L"E:\\hiberfil.sys", L"E:\\RECYCLER2",
-                                           L"E:\\$Recycle.Bin", L"E:\\System Volume Information"})
+        for (const wchar_t* pwszSkipped :
+             {L"E:\\pagefile.sys", L"E:\\hiberfil.sys", L"E:\\RECYCLER2", L"E:\\$Recycle.Bin",
+              L"E:\\System Volume Information", L"E:\\Junction", L"E:\\DirLink", L"E:\\FileLink.txt"})
             EXPECT_FALSE(FileExists(pwszSkipped)) << testing::PrintToString(std::wstring(pwszSkipped));
         EXPECT_EQ("not in the backup", ReadBytes(L"E:\\Data\\mine.txt"));
         EXPECT_EQ(0, LiveBackupContexts());
@@ -148,11 +235,15 @@ TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAM
         EXPECT_EQ(ullRead, g_vProgress.back().ullBytesDone);
     }
 
+    ASSERT_TRUE(m_pClient->RestoreLinks());
+    std::wstring sLinks; // the tree's junction and folder link come from the link pass
+    for (const auto& link : winecompat::CLinkPatches::RecordedLinks())
+        sLinks += link.sKind + L" " + link.sLink + L";";
+    EXPECT_EQ(L"junction E:\\Junction;symbolic link E:\\DirLink;", sLinks);
+
     // The mount point E:\Mount\Data (in MPoint.dat), restored alone from the same drive folder.
     RemoveTree(L"E:", true);
     MakeFolders(L"E:\\Mount\\Data");
-    g_pfnRealGetVolumeInformation = m_patches.Patch(
-        m_pLibrary->Module(), "KERNEL32.dll", "GetVolumeInformationW", &GetVolumeInformationOfAMountPoint);
     fs.sFsPath = L"E:\\Mount\\Data";
     fs.sFsMountDir = L"e:\\mount\\data"; // matched without regard to case
     fs.dwFsFlags = 0x8;
@@ -166,12 +257,17 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     MakeFolders(kSourceE + L"\\z");
     uint32_t uiSeed = 0;
     for (const wchar_t* pwszName : {L"good.txt", L"locked.bin", L"blocked.txt", L"unreadable.bin",
-                                    L"unwritable.bin", L"short.bin", L"z\\after.txt"})
+                                    L"unwritable.bin", L"short.bin", L"z\\after.txt", L"denied.bin"})
         WriteBytes(kSourceE + L"\\" + pwszName, Pattern(200000, ++uiSeed));
     MakeFolders(L"E:\\blocked.txt");
     g_pfnRealCreateFile =
         m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CreateFileW", &CreateFileOfALockedFile);
     g_pfnRealSleep = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "Sleep", &SleepCounted);
+    // A token that holds neither backup nor restore privilege: the restore goes on without them.
+    m_patches.Patch(
+        m_pLibrary->Module(), "ADVAPI32.dll", "AdjustTokenPrivileges",
+        +[](HANDLE, BOOL, PTOKEN_PRIVILEGES, DWORD, PTOKEN_PRIVILEGES, PDWORD) -> BOOL
+        { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
     g_iLockedOpens = g_iRetryWaits = 0;
     BackupStreamFaults().sReadFailFile = L"unreadable.bin";
     BackupStreamFaults().sWriteFailFile = L"unwritable.bin";
@@ -191,8 +287,11 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     const auto Count = [&](const wchar_t* pwszText) { return std::ranges::count(vErrors, pwszText); };
     EXPECT_NE(0, Count(L"KEFLImpl::CopyFileWithProgress : dwLastError = 32"));
     EXPECT_EQ(1, Count(L"KEFLImpl::RestoreFilespace : sDst = \"E:\\blocked.txt\""));
-    EXPECT_EQ(5, Count(L"KEFLImpl::RestoreFilespace : Failed to copy file"))
-        << "locked, blocked, unreadable, unwritable, short";
+    EXPECT_EQ(6, Count(L"KEFLImpl::RestoreFilespace : Failed to copy file"))
+        << "locked, blocked, unreadable, unwritable, short, denied";
+    for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
+        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
+                                           std::wstring(pwszPrivilege) + L"\""));
 
     fs.wcFsDriveLetter = L'F'; // no folder F in the backup: the count fails
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));

@@ -58,6 +58,16 @@ struct CFileIdentity
     uint64_t ullIndex = 0;
 };
 CFileIdentity FileIdentity(const std::wstring& sPath);
+// What a restore gives back of a file or folder beside its bytes: the attributes it restores and
+// the creation, last-access and last-write times, by path below the listed folder.
+struct CMetadata
+{
+    DWORD dwAttributes = 0;
+    uint64_t ullCreation = 0, ullLastAccess = 0, ullLastWrite = 0;
+    bool operator==(const CMetadata&) const = default;
+};
+std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot);
+void WriteMetadata(const std::wstring& sPath, const CMetadata& metadata);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
 void ResetHostConfiguration();
