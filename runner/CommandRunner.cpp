@@ -33,14 +33,12 @@ bool InitNullDacl(SECURITY_DESCRIPTOR& sd, const wchar_t* pwszFunction)
     return true;
 }
 
-// The command line for CreateProcessA: in the current code page, writable, null-terminated.
-std::vector<char> NarrowCommandLine(const std::wstring& sCmd)
+// The command line for CreateProcessW, which may write to it: a null-terminated copy. Wide, so
+// that a folder name outside the ANSI code page reaches the child as it is.
+std::vector<wchar_t> WritableCommandLine(const std::wstring& sCmd)
 {
-    const int cch = static_cast<int>(sCmd.size());
-    const int cb = ::WideCharToMultiByte(CP_ACP, 0, sCmd.data(), cch, nullptr, 0, nullptr, nullptr);
-    std::vector<char> vCmd(static_cast<size_t>(cb > 0 ? cb : 0) + 1, '\0');
-    if (cb > 0)
-        ::WideCharToMultiByte(CP_ACP, 0, sCmd.data(), cch, vCmd.data(), cb, nullptr, nullptr);
+    std::vector<wchar_t> vCmd(sCmd.begin(), sCmd.end());
+    vCmd.push_back(L'\0');
     return vCmd;
 }
 
@@ -113,7 +111,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
 
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sCmd", sCmd);
 
-    STARTUPINFOA si = {};
+    STARTUPINFOW si = {};
     si.cb = sizeof(si);
     si.dwFlags = STARTF_USESHOWWINDOW | STARTF_USESTDHANDLES;
     si.wShowWindow = SW_HIDE;
@@ -121,9 +119,9 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     si.hStdOutput = hPipeWrite.get();
     si.hStdError = hPipeWrite.get();
     PROCESS_INFORMATION pi = {};
-    std::vector<char> vCmdLine = NarrowCommandLine(sCmd);
+    std::vector<wchar_t> vCmdLine = WritableCommandLine(sCmd);
     // A process group of its own, so that a console break reaches the child and not us.
-    if (!::CreateProcessA(nullptr, vCmdLine.data(), &sa, &sa, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
+    if (!::CreateProcessW(nullptr, vCmdLine.data(), &sa, &sa, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
                           nullptr, &si, &pi))
     {
         const DWORD dwLastError = ::GetLastError();

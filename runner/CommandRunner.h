@@ -111,8 +111,8 @@ private:
     CUniqueFile m_hPipeWrite;      // the child's end, inherited as its standard output and error
     CUniqueHandle m_hProcess;      // closed by the monitor
     CUniqueHandle m_hThread;       // closed by the monitor
-    DWORD m_dwProcessId = 0;       // from CreateProcessA
-    DWORD m_dwThreadId = 0;        // from CreateProcessA
+    DWORD m_dwProcessId = 0;       // from CreateProcessW
+    DWORD m_dwThreadId = 0;        // from CreateProcessW
     CUniqueHandle m_hCommandMutex; // made by the monitor, owned by it while the child runs
     CMonitorParams m_monitorParams;
 

@@ -78,11 +78,23 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
                     L"KEFLImpl::GetConfig : sCmd = \"XCOPY /e /h /r /y \"R:\\Backup\\#\\*\" \"R:\\Cfg\"\""))
             << "hidden files too (Wine's XCOPY may copy them without /h)";
     }
+    // A backup folder named with characters outside the ANSI code page reaches XCOPY as it is.
+    const std::wstring sBackup = L"R:\\Sicherung-Gr\u00f6\u00dfe-\u65e5\u672c";
+    RemoveTree(sBackup);
+    MakeBackup(sBackup);
+    MakeFolders(sBackup + L"\\D\\ZOVACFG");
+    WriteTextFile(sBackup + L"\\#\\disrec.ini", cases[1].first);
+    RemoveTree(kConfigDir);
+    ASSERT_TRUE(m_pClient->Init(Credentials(sBackup).get())) << testing::PrintToString(ErrorText());
+    std::vector<Filespace> vFilespaces;
+    EXPECT_EQ(L" C:3 D:7", List(vFilespaces));
+    EXPECT_TRUE(FileExists(kConfigDir + L"\\HPoint.dat"));
+    RemoveTree(sBackup);
     // Another backup, without a configuration drive: nothing of the last one's BOOT and SYSTEM.
     MakeBackup(L"F:");
     ASSERT_TRUE(m_pClient->Init(Credentials(L"F:\\").get())) << testing::PrintToString(ErrorText());
-    std::vector<Filespace> vOther;
-    EXPECT_EQ(L" C:0 D:0", List(vOther));
+    vFilespaces.clear();
+    EXPECT_EQ(L" C:0 D:0", List(vFilespaces));
     RemoveTree(L"F:", true);
 }
 
