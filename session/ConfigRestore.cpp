@@ -52,6 +52,30 @@ bool EnsureConfigDirectory(const std::wstring& sDir)
     }
 }
 
+// Removes the disrec.ini that an earlier listing copied into the configuration folder: when this
+// backup's copy brings none, the BOOT/SYSTEM lookup must find none, not another backup's drives.
+// None there is fine. XCOPY /r /h keeps the backup's attributes, so a read-only copy is made
+// writable and deleted again.
+bool RemoveEarlierDisrec(const std::wstring& sConfigDir)
+{
+    const wchar_t* const kFn = kGetConfig;
+    const std::wstring sIniPath = sConfigDir + L"\\disrec.ini";
+    if (::DeleteFileW(sIniPath.c_str()))
+        return true;
+    DWORD dwLastError = ::GetLastError();
+    if (dwLastError == ERROR_FILE_NOT_FOUND)
+        return true;
+    if (dwLastError == ERROR_ACCESS_DENIED)
+    {
+        if (::SetFileAttributesW(sIniPath.c_str(), FILE_ATTRIBUTE_NORMAL) && ::DeleteFileW(sIniPath.c_str()))
+            return true;
+        dwLastError = ::GetLastError();
+    }
+    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sIniPath", sIniPath);
+    TraceLastError(kFn, dwLastError, L"Couldn't delete the disrec.ini of an earlier listing");
+    return false;
+}
+
 } // namespace
 
 bool KEFLImpl::CheckIfConfigDL(wchar_t cDriveLetter)
@@ -87,6 +111,12 @@ bool KEFLImpl::GetConfig()
     // XCOPY asks whether its destination is a file or a folder unless the folder exists.
     if (!EnsureConfigDirectory(m_sConfigDir))
         return false;
+    // Reading an earlier backup's disrec.ini would give wrong BOOT/SYSTEM flags: no listing then.
+    if (!RemoveEarlierDisrec(m_sConfigDir))
+    {
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_BOOT_SYSTEM_LETTERS_FAILED);
+        return TraceFailed(kFn, L"... ending(Couldn't delete the earlier disrec.ini)");
+    }
 
     std::wstring sPath;
     if (!ConvertVOLtoDL(m_sTargetLocation, sPath))

@@ -117,7 +117,15 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
         SCOPED_TRACE(pszWinDir ? pszWinDir : "no disrec.ini");
         RemoveTree(kConfigDir);
         RemoveFile(kDisrec);
-        if (pszWinDir)
+        if (!pszWinDir) // an earlier listing's copy, read-only as XCOPY /r keeps it
+        {
+            MakeFolders(kConfigDir);
+            WriteTextFile(kConfigDir + L"\\disrec.ini", "[WinDir]\r\nDriveLetter=C\r\nPhysicalDrive=0\r\n"
+                                                        "Directory=\\W\r\nBootDriveLetter=D\r\n");
+            ASSERT_TRUE(
+                ::SetFileAttributesW((kConfigDir + L"\\disrec.ini").c_str(), FILE_ATTRIBUTE_READONLY));
+        }
+        else
             WriteTextFile(kDisrec, std::string("[WinDir]\r\n") + pszWinDir +
                                        "[PhysicalDrive0]\r\nPartitionStyle=0\r\n");
         g_vMessages.clear();
@@ -127,4 +135,13 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
         EXPECT_EQ(sMessage, std::to_wstring(g_vMessages[2].uiSeverity) + L" " + g_vMessages[2].sText);
         EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
     }
+    // One that cannot be deleted (a folder of that name) stops the listing before the copy.
+    RemoveTree(kConfigDir);
+    MakeFolders(kConfigDir + L"\\disrec.ini");
+    std::vector<Filespace> vFilespaces;
+    EXPECT_EQ(L"refused: C:0", List(vFilespaces));
+    EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
+    for (const wchar_t* pwszLine : {L"sIniPath = \"R:\\Cfg\\disrec.ini\"", L"dwLastError = 5",
+                                    L"... ending(Couldn't delete the earlier disrec.ini)"})
+        EXPECT_TRUE(HasText(KeflLog(), std::wstring(L"KEFLImpl::GetConfig : ") + pwszLine)) << pwszLine;
 }
