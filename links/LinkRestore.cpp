@@ -29,8 +29,14 @@ constexpr size_t kPathBufferChars = 4096;
 // Opened for writing the reparse data: the folder itself, not what it may point to.
 constexpr DWORD kJunctionOpenFlags = FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS;
 
+// The "\\?\" form of a full path, so that paths of more than MAX_PATH characters work: a share
+// "\\server\share\..." becomes "\\?\UNC\server\share\...", a path already in that form stays.
 std::wstring JumboPath(const std::wstring& sPath)
 {
+    if (sPath.rfind(L"\\\\?\\", 0) == 0)
+        return sPath;
+    if (sPath.rfind(L"\\\\", 0) == 0)
+        return L"\\\\?\\UNC\\" + sPath.substr(2);
     return L"\\\\?\\" + sPath;
 }
 

@@ -115,7 +115,8 @@ TEST_F(LinkRestoreTest, LinksAreMadeAsRecordedAndAFailureFailsTheLaterPassesToo)
     WriteTextFile(L"E:\\only.txt", "the only copy");
     const std::wstring sTarget = L"F:\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9"; // comes with its drive
     Restore(Ini(L"E:\\\u65E5\u672C", sTarget) + Ini(L"E:\\J", L"F:\\Refused") + Ini(L"G:\\J", L"F:\\T"),
-            Ini(L"E:\\S\\dir", L"F:\\T") + Ini(L"E:\\S\\file", L"F:\\f") + Ini(L"E:\\S\\none", L"F:\\None"),
+            Ini(L"E:\\S\\dir", L"F:\\T") + Ini(L"E:\\S\\file", L"F:\\f") + Ini(L"E:\\S\\none", L"F:\\None") +
+                Ini(L"E:\\S\\unc", L"\\\\srv\\share\\d") + Ini(L"E:\\S\\long", L"\\\\?\\F:\\f"),
             "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\New\\Deep\\link.txt\r\nH3=E:\\copy.txt\r\nH4=G:\\H\r\n"
             "[2]\r\nH1=E:\\Missing\\first.txt\r\nH2=E:\\only.txt\r\n");
 
@@ -130,7 +131,9 @@ TEST_F(LinkRestoreTest, LinksAreMadeAsRecordedAndAFailureFailsTheLaterPassesToo)
     // A folder target asks for a directory link, a file or a missing target for none.
     EXPECT_EQ((std::vector<std::wstring>{L"\\\\?\\E:\\S\\dir -> \\\\?\\F:\\T 1",
                                          L"\\\\?\\E:\\S\\file -> \\\\?\\F:\\f 0",
-                                         L"\\\\?\\E:\\S\\none -> \\\\?\\F:\\None 0"}),
+                                         L"\\\\?\\E:\\S\\none -> \\\\?\\F:\\None 0",
+                                         L"\\\\?\\E:\\S\\unc -> \\\\?\\UNC\\srv\\share\\d 0",
+                                         L"\\\\?\\E:\\S\\long -> \\\\?\\F:\\f 0"}),
               g_vSymbolicCalls);
     const CFileIdentity file = FileIdentity(L"E:\\file.txt");
     EXPECT_EQ(3u, file.dwLinks);
@@ -148,7 +151,7 @@ TEST_F(LinkRestoreTest, LinksAreMadeAsRecordedAndAFailureFailsTheLaterPassesToo)
             << testing::PrintToString(pwszText);
     // The symbolic links were all made, yet their pass ends failed, as the junction pass did.
     EXPECT_FALSE(HasText(vLines, L"KEFLImpl::RestoreLinks : Restored symbolic links successfully"));
-    EXPECT_EQ((PassStates{{1, 7, 2, 2, 2, 3}, {1, 2, 2, 2, 3}, {1, 2, 2, 2, 2, 3}}), States());
+    EXPECT_EQ((PassStates{{1, 7, 2, 2, 2, 3}, {1, 2, 2, 2, 2, 2, 3}, {1, 2, 2, 2, 2, 3}}), States());
     EXPECT_EQ(L"Restoring hard-links ...", g_vProgress.at(1).sText) << "message 133 with state 7";
 }
 
