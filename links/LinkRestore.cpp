@@ -101,6 +101,55 @@ std::vector<BYTE> JunctionReparseData(const std::wstring& sTarget, DWORD& cbInpu
     return vBuffer;
 }
 
+// A restored copy moved aside for a hard link gets its own name plus this suffix and a number,
+// in its own folder; a name left from an earlier run is never replaced, the next number is taken.
+constexpr wchar_t kAsideSuffix[] = L".kefl~";
+constexpr int kAsideNames = 100;
+
+// Moves the file that stands where a hard link goes to a free name beside it and answers that
+// name, or an empty one when nothing was moved: no file there, a folder there (left for the link
+// call to report) or the move refused (traced; the link call then finds the name taken).
+std::wstring MoveAside(const wchar_t* pwszFunction, const std::wstring& sJumboLink)
+{
+    const DWORD dwAttributes = ::GetFileAttributesW(sJumboLink.c_str());
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        if (dwLastError != ERROR_FILE_NOT_FOUND)
+            TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+        return {};
+    }
+    if (dwAttributes & FILE_ATTRIBUTE_DIRECTORY)
+        return {};
+    DWORD dwLastError = ERROR_SUCCESS;
+    for (int iName = 0; iName < kAsideNames; ++iName)
+    {
+        std::wstring sJumboAside = sJumboLink + kAsideSuffix + std::to_wstring(iName);
+        if (::MoveFileExW(sJumboLink.c_str(), sJumboAside.c_str(), 0))
+            return sJumboAside;
+        dwLastError = ::GetLastError();
+        if (dwLastError == ERROR_ALREADY_EXISTS || dwLastError == ERROR_FILE_EXISTS)
+            continue;
+        if (dwLastError != ERROR_FILE_NOT_FOUND)
+            TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+        return {};
+    }
+    // Every free name taken: the copy stays where it is.
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboLink", sJumboLink);
+    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+    return {};
+}
+
+// Gives a copy moved aside its own name back, after its link could not be made.
+void PutBack(const wchar_t* pwszFunction, const std::wstring& sJumboAside, const std::wstring& sJumboLink)
+{
+    if (sJumboAside.empty() || ::MoveFileExW(sJumboAside.c_str(), sJumboLink.c_str(), 0))
+        return;
+    const DWORD dwLastError = ::GetLastError();
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", sJumboAside);
+    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+}
+
 } // namespace
 
 CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
@@ -357,12 +406,18 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
     // Only when there is a file to link to: without one, the copy is all that is left of the file.
+    // The copy is moved aside, not deleted, until the link stands: should the link fail, the copy
+    // gets its name back and the file loses none of its names.
+    std::wstring sJumboAside;
     const DWORD dwTargetAttributes = ::GetFileAttributesW(sJumboTarget.c_str());
     if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !(dwTargetAttributes & FILE_ATTRIBUTE_DIRECTORY))
-        RemoveExistingFile(kFn, sJumboLink);
+        sJumboAside = MoveAside(kFn, sJumboLink);
 
     if (IsDirectory(sJumboTarget))
+    {
+        PutBack(kFn, sJumboAside, sJumboLink);
         return TraceFailed(kFn, L"... ending(Target is a directory)");
+    }
 
     if (!m_pfnCreateHardLinkW(sJumboLink.c_str(), sJumboTarget.c_str(), nullptr))
     {
@@ -373,10 +428,13 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
             TraceLastError(kFn, dwLastError, TRACE_ERROR);
+            PutBack(kFn, sJumboAside, sJumboLink);
             return false;
         }
     }
 
+    if (!sJumboAside.empty())
+        RemoveExistingFile(kFn, sJumboAside);
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }

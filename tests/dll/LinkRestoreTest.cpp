@@ -1,6 +1,8 @@
 // Re-creating the backup's junctions, symbolic and hard links on the restored drives E: and F:.
 #include "dll/SessionFixture.h"
 
+#include <set>
+
 using namespace kefltest;
 
 namespace
@@ -40,7 +42,16 @@ BOOLEAN WINAPI RecordSymbolicLink(LPCWSTR pwszLink, LPCWSTR pwszTarget, DWORD dw
     return TRUE;
 }
 
-// KEFL.dll's link entry points: the recording CreateSymbolicLinkW, or (a kernel32 before Vista) none.
+// Windows refuses another name for a file that has 1023 (ERROR_TOO_MANY_LINKS); Wine never does.
+// This stand-in answers so for a link whose name holds "Refused" and makes the others.
+BOOL WINAPI HardLinkAsWindows(LPCWSTR pwszLink, LPCWSTR pwszTarget, LPSECURITY_ATTRIBUTES pSecurity)
+{
+    if (std::wcsstr(pwszLink, L"Refused"))
+        return ::SetLastError(ERROR_TOO_MANY_LINKS), FALSE;
+    return ::CreateHardLinkW(pwszLink, pwszTarget, pSecurity);
+}
+
+// KEFL.dll's link entry points: the two stand-ins above, or (a kernel32 before Vista) none.
 decltype(&::GetProcAddress) g_pfnRealGetProcAddress = nullptr;
 bool g_bNoLinkEntryPoints = false;
 FARPROC WINAPI GetProcAddressForLinks(HMODULE hModule, LPCSTR pszName)
@@ -50,6 +61,8 @@ FARPROC WINAPI GetProcAddressForLinks(HMODULE hModule, LPCSTR pszName)
         return nullptr;
     if (sName == "CreateSymbolicLinkW")
         return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&RecordSymbolicLink));
+    if (sName == "CreateHardLinkW")
+        return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&HardLinkAsWindows));
     return g_pfnRealGetProcAddress(hModule, pszName);
 }
 
@@ -166,4 +179,24 @@ TEST_F(LinkRestoreTest, WithoutTheEntryPointsOnlyJunctionsAreMade)
         HasText(vLines, L"KEFLImpl::CreateSymbolicLink : ... ending(CreateSymbolicLink is not available)"));
     EXPECT_TRUE(HasText(vLines, L"KEFLImpl::CreateHardLinkW : ... ending(CreateHardLink is not available)"));
     EXPECT_EQ((PassStates{{1, 7, 2, 4}, {1, 2, 3}, {1, 2, 3}}), States());
+}
+
+TEST_F(LinkRestoreTest, ARefusedHardLinkLeavesTheRestoredCopyUnderItsName)
+{
+    WriteTextFile(L"E:\\file.txt", "content");
+    WriteTextFile(L"E:\\copy.txt", "copy");
+    ::SetFileAttributesW(L"E:\\copy.txt", FILE_ATTRIBUTE_READONLY);
+    WriteTextFile(L"E:\\Refused.txt", "refused copy");
+    Restore(L"", L"", "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\Refused.txt\r\nH3=E:\\copy.txt\r\n");
+
+    EXPECT_EQ("refused copy", ReadBytes(L"E:\\Refused.txt"));
+    EXPECT_EQ(2u, FileIdentity(L"E:\\file.txt").dwLinks);
+    EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
+    std::set<std::wstring> names; // no copy moved aside is left in the folder
+    WIN32_FIND_DATAW fd{};
+    morvane::CUniqueFind hFind(::FindFirstFileW(L"E:\\*", &fd));
+    for (bool bMore = bool(hFind); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
+        names.insert(fd.cFileName);
+    EXPECT_EQ((std::set<std::wstring>{L"Refused.txt", L"copy.txt", L"file.txt"}), names);
+    EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 3}}), States());
 }
