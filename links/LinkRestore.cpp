@@ -101,6 +101,41 @@ std::vector<BYTE> JunctionReparseData(const std::wstring& sTarget, DWORD& cbInpu
     return vBuffer;
 }
 
+// A link adds or replaces a name in its folder, which moves the folder's times; the folder was
+// restored with its times from the backup and keeps them. Unknown times (no folder yet) stay.
+class CFolderTimesKept
+{
+public:
+    CFolderTimesKept(const wchar_t* pwszFunction, const std::wstring& sJumboLink)
+        : m_pwszFunction(pwszFunction), m_sFolder(sJumboLink.substr(0, sJumboLink.find_last_of(L'\\')))
+    {
+        m_bKnown = ::GetFileAttributesExW(m_sFolder.c_str(), GetFileExInfoStandard, &m_data) != FALSE;
+    }
+    ~CFolderTimesKept()
+    {
+        if (!m_bKnown)
+            return;
+        CLastErrorGuard keepError;
+        CUniqueFile hFolder(::CreateFileW(m_sFolder.c_str(), FILE_WRITE_ATTRIBUTES,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        if (hFolder && ::SetFileTime(hFolder.get(), &m_data.ftCreationTime, &m_data.ftLastAccessTime,
+                                     &m_data.ftLastWriteTime))
+            return;
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceValue(TRACE_ERROR, m_pwszFunction, L"sFolder", m_sFolder);
+        TraceLastError(m_pwszFunction, dwLastError, TRACE_ERROR);
+    }
+    CFolderTimesKept(const CFolderTimesKept&) = delete;
+    CFolderTimesKept& operator=(const CFolderTimesKept&) = delete;
+
+private:
+    const wchar_t* m_pwszFunction;
+    std::wstring m_sFolder;
+    WIN32_FILE_ATTRIBUTE_DATA m_data = {};
+    bool m_bKnown = false;
+};
+
 // A restored copy moved aside for a hard link gets its own name plus this suffix and a number,
 // in its own folder; a name left from an earlier run is never replaced, the next number is taken.
 constexpr wchar_t kAsideSuffix[] = L".kefl~";
@@ -278,6 +313,7 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
     }
     if (!m_base.CreateParentDir(sJumboLink))
         return TraceFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(JCT) failed)");
+    const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
     // A folder that already stands where the junction goes is made the junction.
     if (!::CreateDirectoryW(sJumboLink.c_str(), nullptr))
@@ -340,6 +376,7 @@ bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wst
     if (!PrepareLink(kFn, m_pfnCreateSymbolicLinkW != nullptr,
                      L"... ending(CreateSymbolicLink is not available)", sLink, sTarget))
         return false;
+    const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
     if (!m_pfnCreateSymbolicLinkW(sJumboLink.c_str(), sJumboTarget.c_str(),
                                   bIsDirectory ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0))
@@ -403,6 +440,7 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         return false;
     const std::wstring sJumboLink = JumboPath(sLink);
     const std::wstring sJumboTarget = JumboPath(sTarget);
+    const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
     // Only when there is a file to link to: without one, the copy is all that is left of the file.

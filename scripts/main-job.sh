@@ -35,6 +35,13 @@ check "E: holds every file of the backup's E, byte for byte" \
         '$env/r/Sample/E' '$env/e' >/dev/null"
 check "F: holds every file of the backup's F, byte for byte" "diff -r '$env/r/Sample/F' '$env/f' >/dev/null"
 check "the page file and the recycle bin stayed out" "[ ! -e '$env/e/pagefile.sys' ] && [ ! -e '$env/e/\$Recycle.Bin' ]"
+# Each file and folder that the restore brings back, with its last-write time.
+stamps() {
+    (cd "$1" && find . -mindepth 1 \( -name '$Recycle.Bin' -o -name 'System Volume Information' -o \
+        -name pagefile.sys -o -name 'Documents and Settings' \) -prune -o -printf '%p %TY-%Tm-%Td %TT\n' | sort)
+}
+check "every file and folder has its time of the backup" \
+    "[ \"\$(stamps '$env/r/Sample/E')\" = \"\$(stamps '$env/e')\" ] && [ \"\$(stamps '$env/r/Sample/F')\" = \"\$(stamps '$env/f')\" ]"
 check "the mount point's files arrived in F:\\Mount\\Data" "[ -f '$env/f/Mount/Data/Archive/2015.txt' ]"
 check "notepad.exe's two names are one file (2 links)" \
     "[ \"\$(stat -c %h '$env/e/Windows/notepad.exe')\" = 2 ] && [ '$env/e/Windows/notepad.exe' -ef '$env/e/Windows/System32/notepad.exe' ]"

@@ -32,4 +32,7 @@ printf '[F:\\Mount\\Data]\r\nTarget=\\\\?\\Volume{5a3c0000-0000-0000-0000-100000
 printf '[F:\\Data\\latest]\r\nTarget=F:\\Data\\Photos\r\nBackupTarget=R:\\Sample\\F\\Data\\Photos\r\n' > "$root/#/SPoint.dat"
 printf '[1]\r\nB=R:\\Sample\\E\\Windows\\notepad.exe\r\nH1=E:\\Windows\\notepad.exe\r\nH2=E:\\Windows\\System32\\notepad.exe\r\n' \
     > "$root/#/HPoint.dat"
+# The backup's times, not today's: a restore must give them back.
+find "$root/E" "$root/F" -type f -exec touch -d '2015-11-05 21:04:08' {} +
+find "$root/E" "$root/F" -type d -exec touch -d '2015-11-04 08:30:00' {} +
 printf '[ZovaBackupLocation]\r\nLocation=R:\\Sample\r\nPointInTime=\r\n' > "$answers"
