@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <bit>
 #include <vector>
 
 namespace kefltest
@@ -198,20 +199,12 @@ void ResetHostConfiguration()
 
 namespace
 {
-constexpr DWORD kRestoredAttributes =
-    FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_DIRECTORY |
-    FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
-uint64_t Ticks(const FILETIME& ft)
-{
-    return (uint64_t(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
-}
-FILETIME Time(uint64_t ull)
-{
-    return {static_cast<DWORD>(ull), static_cast<DWORD>(ull >> 32)};
-}
 void ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel,
                   std::map<std::wstring, CMetadata>& tree)
 {
+    constexpr DWORD kRestored = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
+                                FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_ARCHIVE |
+                                FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW(LongPath(sRoot + sRel + L"\\*").c_str(), &fd));
     for (bool bMore = hFind.is_valid(); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
@@ -219,8 +212,8 @@ void ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel,
         const std::wstring sName = fd.cFileName, sPath = sRel + L"\\" + sName;
         if (sName == L"." || sName == L"..")
             continue;
-        tree[sPath] = {fd.dwFileAttributes & kRestoredAttributes, Ticks(fd.ftCreationTime),
-                       Ticks(fd.ftLastAccessTime), Ticks(fd.ftLastWriteTime)};
+        const FILETIME ft[] = {fd.ftCreationTime, fd.ftLastAccessTime, fd.ftLastWriteTime};
+        tree[sPath] = {fd.dwFileAttributes & kRestored, std::bit_cast<std::array<uint64_t, 3>>(ft)};
         if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
             ReadMetadata(sRoot, sPath, tree);
     }
@@ -236,17 +229,14 @@ std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot)
 
 void WriteMetadata(const std::wstring& sPath, const CMetadata& metadata)
 {
-    const FILETIME ftTimes[] = {Time(metadata.ullCreation), Time(metadata.ullLastAccess),
-                                Time(metadata.ullLastWrite)};
+    const auto ft = std::bit_cast<std::array<FILETIME, 3>>(metadata.times);
+    const DWORD dwAttributes = metadata.dwAttributes & ~FILE_ATTRIBUTE_DIRECTORY;
     morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ,
                                              nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    EXPECT_TRUE(hFile && ::SetFileTime(hFile.get(), &ftTimes[0], &ftTimes[1], &ftTimes[2]))
-        << ::GetLastError();
+    EXPECT_TRUE(hFile && ::SetFileTime(hFile.get(), &ft[0], &ft[1], &ft[2])) << ::GetLastError();
     hFile.reset();
     EXPECT_TRUE(
-        ::SetFileAttributesW(LongPath(sPath).c_str(), metadata.dwAttributes & ~FILE_ATTRIBUTE_DIRECTORY
-                                                          ? metadata.dwAttributes & ~FILE_ATTRIBUTE_DIRECTORY
-                                                          : FILE_ATTRIBUTE_NORMAL))
+        ::SetFileAttributesW(LongPath(sPath).c_str(), dwAttributes ? dwAttributes : FILE_ATTRIBUTE_NORMAL))
         << ::GetLastError();
 }
 

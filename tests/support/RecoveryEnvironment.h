@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <map>
 #include <vector>
 #include <string>
@@ -63,7 +64,7 @@ CFileIdentity FileIdentity(const std::wstring& sPath);
 struct CMetadata
 {
     DWORD dwAttributes = 0;
-    uint64_t ullCreation = 0, ullLastAccess = 0, ullLastWrite = 0;
+    std::array<uint64_t, 3> times = {}; // creation, last access, last write
     bool operator==(const CMetadata&) const = default;
 };
 std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot);
