@@ -78,6 +78,9 @@ TEST_F(KeflFixture, HostRunsTheWholeSequenceTwiceOverOneTree)
         EXPECT_TRUE(ReadBytes(L"F:\\Data\\copy.bin") == Pattern(200000, 12)) << "run " << iRun;
         EXPECT_EQ(2u, FileIdentity(L"F:\\Data\\copy.bin").dwLinks)
             << "run " << iRun << ": one file, two names";
+        EXPECT_EQ(ReadMetadata(L"R:\\HostSample\\F").at(L"\\Data").times[2],
+                  ReadMetadata(L"F:").at(L"\\Data").times[2])
+            << "run " << iRun << ": the folder's time kept through the link pass";
     }
     RemoveTree(L"R:\\HostSample");
     RemoveTree(L"F:\\Data");
