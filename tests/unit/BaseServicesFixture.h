@@ -1,11 +1,16 @@
 #pragma once
-// A VESKImpl with KEFL.dll's string table as its message module and its protected state in reach.
+// A VESKImpl with KEFL.dll's string table as its message module and its protected state in reach; the
+// module's trace at its default level from an empty log, and an emptied folder for a test's files.
 #include "client/VESKImpl.h"
 #include "platform/UniqueHandle.h"
+#include "support/Patches.h"
 #include "support/RecoveryEnvironment.h"
 #include "support/TraceLog.h"
+#include "trace/TraceObjects.h"
 
 #include <gtest/gtest.h>
+
+inline constexpr wchar_t kWorkDir[] = L"E:\\UnitWork";
 
 class CTestVESKImpl : public morvane::VESKImpl
 {
@@ -21,6 +26,10 @@ protected:
     {
         kefltest::ResetHostConfiguration();
         kefltest::g_vMessages.clear();
+        kefltest::RemoveTree(kWorkDir);
+        kefltest::MakeFolders(kWorkDir);
+        morvane::g_KeflTrace.SetTraceLevel(3);
+        morvane::g_KeflTrace.ResetTraceFile();
         m_hKefl.reset(::LoadLibraryW(L"KEFL.dll"));
         ASSERT_TRUE(m_hKefl) << "error " << ::GetLastError();
         m_impl.m_hModule = m_hKefl.get();
@@ -33,11 +42,14 @@ protected:
         m_impl.GetLastErrorMsg(sText);
         return sText;
     }
-    static std::vector<std::wstring> VeskLog()
+    // The lines of the module's trace log of the given name: Log(L"KEFL"), Log(L"VESK").
+    static std::vector<std::wstring> Log(const std::wstring& sName)
     {
-        return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log");
+        return kefltest::ReadLogLines(kefltest::LogDir() + L"\\" + sName + L"_trace.log");
     }
 
     morvane::CUniqueLibrary m_hKefl;
     CTestVESKImpl m_impl;
+    const HMODULE m_hExe = ::GetModuleHandleW(nullptr);
+    kefltest::CPatches m_patches;
 };

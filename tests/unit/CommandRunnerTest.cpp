@@ -1,8 +1,6 @@
 // The command runner with our test child (tests/child) as the command; no test leaves a handle open.
 // (x64 has one calling convention: the replacements of system functions may be lambdas.)
 #include "runner/CommandRunner.h"
-#include "support/Patches.h"
-#include "trace/TraceObjects.h"
 #include "unit/BaseServicesFixture.h"
 
 #include <map>
@@ -23,8 +21,6 @@ protected:
     void SetUp() override
     {
         BaseServicesFixture::SetUp();
-        morvane::g_KeflTrace.SetTraceLevel(3); // errors, warnings and values, as by default
-        morvane::g_KeflTrace.ResetTraceFile();
         // Under Wine "CONIN$" opens only in a console of our own, as the session makes one.
         ::FreeConsole();
         ASSERT_TRUE(::AllocConsole()) << "error " << ::GetLastError();
@@ -48,7 +44,6 @@ protected:
         m_runner.WaitForMonitor();
         return vLines;
     }
-    static std::vector<std::wstring> KeflLog() { return ReadLogLines(LogDir() + L"\\KEFL_trace.log"); }
 
     // Our handles in the system's extended handle list (class 64; GetProcessHandleCount answers 0 under
     // Wine): a count and a reserved word, then entries of five words, the second the owner's process id.
@@ -69,8 +64,6 @@ protected:
         return cHandles;
     }
 
-    const HMODULE m_hExe = ::GetModuleHandleW(nullptr);
-    CPatches m_patches;
     size_t m_cHandles = 0;
     morvane::CCommandRunner m_runner{m_impl};
 };
@@ -95,15 +88,15 @@ TEST_F(CommandRunnerTest, ExitStatusesAreTracedAsXcopyDefinesThem)
         {2, L"XCOPY exited - The user pressed CTRL+C to terminate XCOPY"},
         {4, L"XCOPY exited - Initialization error occurred"},
         {6, L"Unknown XCOPY exit status"}};
+    const std::wstring sFn = L"KEFLImpl::ThreadEndCommand : ";
     for (int iStatus = 0; iStatus <= 6; ++iStatus)
     {
         morvane::g_KeflTrace.ResetTraceFile();
         RunChild(L"--exit " + std::to_wstring(iStatus));
-        const std::wstring sFn = L"KEFLImpl::ThreadEndCommand : ";
         std::vector<std::wstring> vExpected;
         if (mapTexts.count(iStatus))
             vExpected = {sFn + mapTexts.at(iStatus), sFn + L"dwExitStatus = " + std::to_wstring(iStatus)};
-        EXPECT_EQ(vExpected, TextsWithMarker(KeflLog(), L":[W]: ")) << "exit status " << iStatus;
+        EXPECT_EQ(vExpected, TextsWithMarker(Log(L"KEFL"), L":[W]: ")) << "exit status " << iStatus;
     }
 }
 
@@ -139,5 +132,5 @@ TEST_F(CommandRunnerTest, CommandThatCannotStartTracesWhy)
     EXPECT_EQ(1, s_cTerminated) << "the unwatched child stopped";
     for (const std::wstring sText : {L"... ending(CreateProcess failed)", L"dwLastError = 2",
                                      L"... ending(Failed to create monitoring thread)", L"dwLastError = 8"})
-        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RunCommand : " + sText)) << "not traced: " << sText;
+        EXPECT_TRUE(HasText(Log(L"KEFL"), L"KEFLImpl::RunCommand : " + sText)) << "not traced: " << sText;
 }

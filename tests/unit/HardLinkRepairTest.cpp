@@ -1,5 +1,4 @@
 // Mending a group of hard links, taking ownership of a target whose plain link is refused.
-#include "support/Patches.h"
 #include "unit/BaseServicesFixture.h"
 
 #include <aclapi.h>
@@ -12,34 +11,24 @@ namespace
 
 std::wstring PathOf(const wchar_t* pwszName)
 {
-    return std::wstring(L"E:\\HardLinks\\") + pwszName;
+    return std::wstring(kWorkDir) + L"\\" + pwszName;
 }
 
-// The names of one section under E:\HardLinks.
+// The names of one section in the work folder.
 struct CSection
 {
-    explicit CSection(std::initializer_list<const wchar_t*> names) : vEntries(names.size())
+    explicit CSection(std::initializer_list<const wchar_t*> names)
+        : vNames(names.size()), vEntries(names.size())
     {
-        for (const wchar_t* pwszName : names)
-            vNames.push_back(PathOf(pwszName));
         for (size_t i = 0; i < vNames.size(); ++i)
-            list.push_back(&(vEntries[i] = {vNames[i].c_str()}));
+            list.push_back(&(vEntries[i] = {(vNames[i] = PathOf(names.begin()[i])).c_str()}));
     }
     std::vector<std::wstring> vNames;
     std::vector<morvane::HardLinkEntry> vEntries;
     morvane::HardLinkList list;
 };
 
-class HardLinkRepair : public BaseServicesFixture
-{
-protected:
-    void SetUp() override
-    {
-        BaseServicesFixture::SetUp();
-        RemoveTree(L"E:\\HardLinks");
-        MakeFolders(L"E:\\HardLinks");
-    }
-};
+using HardLinkRepair = BaseServicesFixture;
 
 // A client of its own, which mends through the base class but records that it was asked.
 class CRecordingClient : public CTestVESKImpl
@@ -81,10 +70,9 @@ decltype(&::CreateHardLinkW) g_pfnRealCreateHardLink = nullptr;
 std::wstring SidText(PSID pSid)
 {
     LPWSTR pwszSid = nullptr;
-    if (!::ConvertSidToStringSidW(pSid, &pwszSid))
-        return L"<none>";
+    ::ConvertSidToStringSidW(pSid, &pwszSid);
     morvane::CUniqueLocalMem hText(pwszSid);
-    return pwszSid;
+    return pwszSid ? pwszSid : L"<none>";
 }
 BOOL WINAPI RefusingCreateHardLink(LPCWSTR pwszLink, LPCWSTR pwszTarget, LPSECURITY_ATTRIBUTES pSa)
 {
@@ -104,7 +92,6 @@ DWORD WINAPI RecordingSetSecurity(LPWSTR, SE_OBJECT_TYPE, SECURITY_INFORMATION s
 TEST_F(HardLinkRepair, ARefusedLinkIsMadeAsOwnerAndTheSecurityPutBack)
 {
     WriteTextFile(PathOf(L"target.txt"), "target");
-    const HMODULE hExe = ::GetModuleHandleW(nullptr);
     PSID pOwner = nullptr;
     PACL pDacl = nullptr;
     PSECURITY_DESCRIPTOR pSd = nullptr;
@@ -115,9 +102,9 @@ TEST_F(HardLinkRepair, ARefusedLinkIsMadeAsOwnerAndTheSecurityPutBack)
     morvane::CUniqueLocalMem hSd(pSd);
     g_vSecurityCalls.clear();
     g_vDacls.clear();
-    CPatches patches;
-    g_pfnRealCreateHardLink = patches.Patch(hExe, "KERNEL32.dll", "CreateHardLinkW", &RefusingCreateHardLink);
-    patches.Patch(hExe, "ADVAPI32.dll", "SetNamedSecurityInfoW", &RecordingSetSecurity);
+    g_pfnRealCreateHardLink =
+        m_patches.Patch(m_hExe, "KERNEL32.dll", "CreateHardLinkW", &RefusingCreateHardLink);
+    m_patches.Patch(m_hExe, "ADVAPI32.dll", "SetNamedSecurityInfoW", &RecordingSetSecurity);
     CSection section({L"target.txt", L"link.txt"});
     EXPECT_TRUE(m_impl.ProcessSection(L"Files", section.list));
 
@@ -125,9 +112,9 @@ TEST_F(HardLinkRepair, ARefusedLinkIsMadeAsOwnerAndTheSecurityPutBack)
     EXPECT_EQ((std::vector<std::wstring>{L"CreateHardLink refused", L"owner S-1-5-32-544", L"DACL",
                                          L"CreateHardLink", L"DACL", L"owner " + SidText(pOwner)}),
               g_vSecurityCalls);
-    ASSERT_EQ(2u, g_vDacls.size());
-    EXPECT_NE(std::string::npos, g_vDacls[0].find(std::string("\xFF\xFF\x1F\x00", 4))) << "the widened DACL";
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(pDacl), pDacl->AclSize), g_vDacls[1]);
+    EXPECT_NE(std::string::npos, g_vDacls.at(0).find(std::string("\xFF\xFF\x1F\x00", 4)))
+        << "the widened DACL";
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(pDacl), pDacl->AclSize), g_vDacls.at(1));
     EXPECT_EQ(FileIdentity(PathOf(L"target.txt")).ullIndex, FileIdentity(PathOf(L"link.txt")).ullIndex);
 }
 

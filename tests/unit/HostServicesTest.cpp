@@ -1,6 +1,5 @@
 // The host's folders and the process's privileges.
 #include "platform/WindowsVersion.h"
-#include "support/Patches.h"
 #include "unit/BaseServicesFixture.h"
 
 using namespace kefltest;
@@ -30,15 +29,11 @@ TEST_F(BaseServicesFixture, RefusesPrivilegesThatTheTokenDoesNotHold)
 {
     EXPECT_TRUE(m_impl.SetPrivilege(L"SeBackupPrivilege", true));
     // A token without the privilege: the adjustment succeeds, and says so only in the last error.
-    CPatches patches;
-    patches.Patch(
-        ::GetModuleHandleW(nullptr), "ADVAPI32.dll", "AdjustTokenPrivileges",
+    m_patches.Patch(
+        m_hExe, "ADVAPI32.dll", "AdjustTokenPrivileges",
         +[](HANDLE, BOOL, PTOKEN_PRIVILEGES, DWORD, PTOKEN_PRIVILEGES, PDWORD) -> BOOL
-        {
-            ::SetLastError(ERROR_NOT_ALL_ASSIGNED);
-            return TRUE;
-        });
+        { return ::SetLastError(ERROR_NOT_ALL_ASSIGNED), TRUE; });
     EXPECT_FALSE(m_impl.SetPrivilege(L"SeRestorePrivilege", true));
-    EXPECT_TRUE(HasText(VeskLog(), L"VESKImpl::SetPrivilege : ... ending(AdjustTokenPrivileges failed - "
-                                   L"ERROR_NOT_ALL_ASSIGNED)"));
+    EXPECT_TRUE(HasText(Log(L"VESK"), L"VESKImpl::SetPrivilege : ... ending(AdjustTokenPrivileges failed - "
+                                      L"ERROR_NOT_ALL_ASSIGNED)"));
 }

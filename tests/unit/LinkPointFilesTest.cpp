@@ -1,31 +1,17 @@
 // Reading a backup's link-point files: the INI-form JPoint/MPoint/SPoint.dat, and HPoint.dat.
 #include "links/LinkPointFiles.h"
-#include "support/RecoveryEnvironment.h"
-#include "support/TraceLog.h"
-#include "trace/TraceObjects.h"
+#include "unit/BaseServicesFixture.h"
 
-#include <gtest/gtest.h>
-
+#include <cstdlib>
 #include <new>
 
 // While not zero, larger allocations fail on this thread: memory running out inside a reader.
 thread_local size_t t_cbAllocationLimit = 0;
-void* operator new(std::size_t cb)
+void* operator new(std::size_t cb) // freed by the library's operator delete, with free()
 {
-    if (t_cbAllocationLimit != 0 && cb > t_cbAllocationLimit)
-        throw std::bad_alloc();
-    if (void* p = ::HeapAlloc(::GetProcessHeap(), 0, cb != 0 ? cb : 1))
+    if (void* p = t_cbAllocationLimit == 0 || cb <= t_cbAllocationLimit ? std::malloc(cb) : nullptr)
         return p;
     throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept
-{
-    if (p)
-        ::HeapFree(::GetProcessHeap(), 0, p);
-}
-void operator delete(void* p, std::size_t) noexcept
-{
-    operator delete(p);
 }
 
 using namespace morvane;
@@ -34,7 +20,7 @@ using namespace kefltest;
 namespace
 {
 
-const std::wstring kDir = L"R:\\LinkPoints\\";
+const std::wstring kDir = std::wstring(kWorkDir) + L"\\";
 
 // A list as text, one "link|target|backup target|attributes;" per point.
 std::wstring Text(const PointList& list)
@@ -46,17 +32,7 @@ std::wstring Text(const PointList& list)
     return s;
 }
 
-class LinkPointFiles : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ResetHostConfiguration();
-        ::CreateDirectoryW(kDir.c_str(), nullptr);
-        g_KeflTrace.SetTraceLevel(3);
-        g_KeflTrace.ResetTraceFile();
-    }
-};
+using LinkPointFiles = BaseServicesFixture;
 
 TEST_F(LinkPointFiles, ReadsAnsiAndUtf16IniFilesAndSkipsIncompleteSections)
 {
@@ -77,7 +53,7 @@ TEST_F(LinkPointFiles, ReadsAnsiAndUtf16IniFilesAndSkipsIncompleteSections)
               Text(list));
     EXPECT_EQ((std::vector<std::wstring>{L"KEFLImpl::ParsePoint : No BackupTarget found ... skipping section",
                                          L"KEFLImpl::ParsePoint : No Target found ... skipping section"}),
-              TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[W]: "));
+              TextsWithMarker(Log(L"KEFL"), L":[W]: "));
 }
 
 TEST_F(LinkPointFiles, FailuresLeaveTheListAsItWas)
@@ -100,19 +76,14 @@ TEST_F(LinkPointFiles, FailuresLeaveTheListAsItWas)
         (std::vector<std::wstring>{L"KEFLImpl::ParseHPoint : dwLastError = 2",
                                    L"KEFLImpl::ParseHPoint : ... ending(Couldn't open file for reading)",
                                    L"KEFLImpl::ParsePoint : .. ending(Memory allocation error)"}),
-        TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[E]: "));
+        TextsWithMarker(Log(L"KEFL"), L":[E]: "));
 }
 
 TEST_F(LinkPointFiles, HardLinkLinesGiveOnePointPerFurtherName)
 {
     const std::string sLongest = "H2=" + std::string(4095 - 3, 'p'); // 4095 characters: read
-    struct CRow
-    {
-        const char* pszName;
-        std::string sFile;
-        std::wstring sExpected;
-    };
-    const CRow rows[] = {
+    // The case, the file, and the points read from it.
+    const std::tuple<const char*, std::string, std::wstring> aRows[] = {
         {"groups, B without =, bytes as characters, no last line end",
          "[1]\nB=R:\\B1\nH1=T1\nH2=L1\nH3=L2\n[2]\nBare\nH1=T\xC3\xA9\nH2=L=3",
          L"L1|T1|R:\\B1|0;L2|T1|R:\\B1|0;L=3|T\u00C3\u00A9|Bare|0;"},
@@ -124,15 +95,15 @@ TEST_F(LinkPointFiles, HardLinkLinesGiveOnePointPerFurtherName)
          "[1]\r\nH1=T\r\n" + sLongest + "\r\nH3=L\n" + sLongest + "q\nH4=After\n",
          std::wstring(sLongest.begin() + 3, sLongest.end()) + L"|T||0;L|T||0;"},
     };
-    for (const CRow& row : rows)
+    for (const auto& [pszCase, sFile, sExpected] : aRows)
     {
-        SCOPED_TRACE(row.pszName);
-        WriteTextFile(kDir + L"HPoint.dat", row.sFile);
+        SCOPED_TRACE(pszCase);
+        WriteTextFile(kDir + L"HPoint.dat", sFile);
         PointList list;
         EXPECT_TRUE(ParseHPoint(kDir + L"HPoint.dat", list));
-        EXPECT_EQ(row.sExpected, Text(list));
+        EXPECT_EQ(sExpected, Text(list));
     }
-    EXPECT_TRUE(TextsWithMarker(ReadLogLines(LogDir() + L"\\KEFL_trace.log"), L":[E]: ").empty());
+    EXPECT_TRUE(TextsWithMarker(Log(L"KEFL"), L":[E]: ").empty());
 }
 
 } // namespace

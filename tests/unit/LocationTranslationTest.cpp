@@ -1,9 +1,8 @@
 // Drive letters, volume names and shares: local drives are Wine's real volumes, shares and providers
 // are presented as Windows presents them. (x64 has one calling convention: replacements may be lambdas.)
-#include "support/Patches.h"
+#include "unit/BaseServicesFixture.h"
 #include "volumes/LocationTranslation.h"
 
-#include <gtest/gtest.h>
 #include <winnetwk.h>
 
 #include <map>
@@ -17,29 +16,28 @@ namespace
 std::map<wchar_t, std::wstring> s_mapShares; // mapped network drives: letter -> connection
 std::wstring s_sProvider;                    // the provider that serves a share
 
-class LocationTranslationTest : public testing::Test
+class LocationTranslationTest : public BaseServicesFixture
 {
 protected:
     // Windows answers "\\?\Volume{guid}\" for a volume-name path and "\\server\share\" for a UNC path;
     // Wine 8 fails both. Drive-letter paths go to the real call.
     static inline decltype(&::GetVolumePathNameW) s_pfnGetVolumePathName = nullptr;
-    static BOOL WINAPI GetVolumePathNameAsWindows(LPCWSTR pwszPath, LPWSTR pwszRoot, DWORD cchRoot)
-    {
-        const std::wstring sPath = std::wstring(pwszPath) + L"\\";
-        if (sPath.rfind(L"\\\\", 0) != 0)
-            return s_pfnGetVolumePathName(pwszPath, pwszRoot, cchRoot);
-        size_t cch = 0; // up to the fourth backslash
-        for (int i = 0; i < 4; ++i)
-            cch = sPath.find(L'\\', cch) + 1;
-        return wcsncpy_s(pwszRoot, cchRoot, sPath.c_str(), cch) == 0;
-    }
     void SetUp() override
     {
-        s_pfnGetVolumePathName =
-            m_patches.Patch(m_hExe, "KERNEL32.dll", "GetVolumePathNameW", &GetVolumePathNameAsWindows);
+        BaseServicesFixture::SetUp();
+        s_pfnGetVolumePathName = m_patches.Patch(
+            m_hExe, "KERNEL32.dll", "GetVolumePathNameW",
+            +[](LPCWSTR pwszPath, LPWSTR pwszRoot, DWORD cchRoot) -> BOOL
+            {
+                const std::wstring sPath = std::wstring(pwszPath) + L"\\";
+                if (sPath.rfind(L"\\\\", 0) != 0)
+                    return s_pfnGetVolumePathName(pwszPath, pwszRoot, cchRoot);
+                size_t cch = 0; // up to the fourth backslash
+                for (int i = 0; i < 4; ++i)
+                    cch = sPath.find(L'\\', cch) + 1;
+                return wcsncpy_s(pwszRoot, cchRoot, sPath.c_str(), cch) == 0;
+            });
     }
-    const HMODULE m_hExe = ::GetModuleHandleW(nullptr);
-    CPatches m_patches;
 };
 
 } // namespace
@@ -86,8 +84,7 @@ TEST_F(LocationTranslationTest, WebDavIsToldFromWindowsSharesByProvider)
     const auto Check = [](const wchar_t* pwszProvider, bool bIsWebDAV)
     {
         s_sProvider = pwszProvider;
-        const bool bKnown = CheckIfWebDAV(L"\\\\nas\\backups", bIsWebDAV);
-        return std::pair(bKnown, bIsWebDAV);
+        return std::pair(CheckIfWebDAV(L"\\\\nas\\backups", bIsWebDAV), bIsWebDAV);
     };
     EXPECT_EQ(std::pair(true, true), Check(L"web client NETWORK", false)) << "WebDAV, named in any case";
     EXPECT_EQ(std::pair(true, false), Check(L"Microsoft Windows Network", true));
