@@ -9,10 +9,7 @@ using namespace kefltest;
 namespace
 {
 
-std::wstring PathOf(const wchar_t* pwszName)
-{
-    return std::wstring(kWorkDir) + L"\\" + pwszName;
-}
+const std::wstring kDir = std::wstring(kWorkDir) + L"\\";
 
 // The names of one section in the work folder.
 struct CSection
@@ -21,7 +18,7 @@ struct CSection
         : vNames(names.size()), vEntries(names.size())
     {
         for (size_t i = 0; i < vNames.size(); ++i)
-            list.push_back(&(vEntries[i] = {(vNames[i] = PathOf(names.begin()[i])).c_str()}));
+            list.push_back(&(vEntries[i] = {(vNames[i] = kDir + names.begin()[i]).c_str()}));
     }
     std::vector<std::wstring> vNames;
     std::vector<morvane::HardLinkEntry> vEntries;
@@ -44,21 +41,20 @@ public:
 
 TEST_F(HardLinkRepair, MissingNamesAreLinkedToTheFirstExistingFileThroughTheVirtualTable)
 {
-    WriteTextFile(PathOf(L"first.txt"), "first");
-    WriteTextFile(PathOf(L"second.txt"), "second");
+    WriteTextFile(kDir + L"first.txt", "first");
+    WriteTextFile(kDir + L"second.txt", "second");
     const wchar_t kPending[] = L"Temp\\PendingDeletes\\$$DeleteMe.1234";
     CSection section({L"m1", kPending, L"first.txt", L"second.txt", L"new\\deep\\m2"});
     CRecordingClient client;
     EXPECT_TRUE(client.ProcessSection(L"Files", section.list));
 
     EXPECT_EQ(std::vector<std::wstring>{L"Files:5"}, client.vCalls) << "a derived client's FixHardLinks";
-    const CFileIdentity first = FileIdentity(PathOf(L"first.txt"));
+    const CFileIdentity first = FileIdentity(kDir + L"first.txt");
     EXPECT_EQ(3u, first.dwLinks);
     for (const wchar_t* pwszLink : {L"m1", L"new\\deep\\m2"})
-        EXPECT_EQ(first.ullIndex, FileIdentity(PathOf(pwszLink)).ullIndex)
-            << testing::PrintToString(pwszLink);
-    EXPECT_EQ(1u, FileIdentity(PathOf(L"second.txt")).dwLinks) << "another existing file is left alone";
-    EXPECT_FALSE(FileExists(PathOf(kPending))) << "names pending deletion are skipped";
+        EXPECT_EQ(first.ullIndex, FileIdentity(kDir + pwszLink).ullIndex) << testing::PrintToString(pwszLink);
+    EXPECT_EQ(1u, FileIdentity(kDir + L"second.txt").dwLinks) << "another existing file is left alone";
+    EXPECT_FALSE(FileExists(kDir + kPending)) << "names pending deletion are skipped";
 }
 
 // The ownership path: CreateHardLinkW refuses (as Windows does for a target the caller may not
@@ -91,12 +87,12 @@ DWORD WINAPI RecordingSetSecurity(LPWSTR, SE_OBJECT_TYPE, SECURITY_INFORMATION s
 
 TEST_F(HardLinkRepair, ARefusedLinkIsMadeAsOwnerAndTheSecurityPutBack)
 {
-    WriteTextFile(PathOf(L"target.txt"), "target");
+    WriteTextFile(kDir + L"target.txt", "target");
     PSID pOwner = nullptr;
     PACL pDacl = nullptr;
     PSECURITY_DESCRIPTOR pSd = nullptr;
     ASSERT_EQ(DWORD(ERROR_SUCCESS),
-              ::GetNamedSecurityInfoW(PathOf(L"target.txt").c_str(), SE_FILE_OBJECT,
+              ::GetNamedSecurityInfoW((kDir + L"target.txt").c_str(), SE_FILE_OBJECT,
                                       OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &pOwner,
                                       nullptr, &pDacl, nullptr, &pSd));
     morvane::CUniqueLocalMem hSd(pSd);
@@ -112,10 +108,9 @@ TEST_F(HardLinkRepair, ARefusedLinkIsMadeAsOwnerAndTheSecurityPutBack)
     EXPECT_EQ((std::vector<std::wstring>{L"CreateHardLink refused", L"owner S-1-5-32-544", L"DACL",
                                          L"CreateHardLink", L"DACL", L"owner " + SidText(pOwner)}),
               g_vSecurityCalls);
-    EXPECT_NE(std::string::npos, g_vDacls.at(0).find(std::string("\xFF\xFF\x1F\x00", 4)))
-        << "the widened DACL";
+    EXPECT_NE(std::string::npos, g_vDacls.at(0).find(std::string("\xFF\xFF\x1F\x00", 4)));
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(pDacl), pDacl->AclSize), g_vDacls.at(1));
-    EXPECT_EQ(FileIdentity(PathOf(L"target.txt")).ullIndex, FileIdentity(PathOf(L"link.txt")).ullIndex);
+    EXPECT_EQ(FileIdentity(kDir + L"target.txt").ullIndex, FileIdentity(kDir + L"link.txt").ullIndex);
 }
 
 } // namespace

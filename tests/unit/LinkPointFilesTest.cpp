@@ -59,7 +59,6 @@ TEST_F(LinkPointFiles, ReadsAnsiAndUtf16IniFilesAndSkipsIncompleteSections)
 TEST_F(LinkPointFiles, FailuresLeaveTheListAsItWas)
 {
     PointList list{{L"E", L"K", L"R", 0}};
-    RemoveFile(kDir + L"Missing.dat");
     EXPECT_TRUE(ParsePoint(kDir + L"Missing.dat", list)) << "a backup without junctions has no JPoint.dat";
     EXPECT_FALSE(ParseHPoint(kDir + L"Missing.dat", list)) << "but every backup has an HPoint.dat";
     // Over 10,000 characters of section names: not one buffer of at most 16 KB holds them.

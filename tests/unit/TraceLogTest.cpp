@@ -3,8 +3,6 @@
 #include "trace/KEFLTrace.h"
 #include "unit/BaseServicesFixture.h"
 
-#include <memory>
-
 using namespace morvane;
 using namespace kefltest;
 
@@ -62,8 +60,8 @@ TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
 {
     auto pTrace = NewTrace();
     auto pBlocked = NewTrace(L"UNIT2_trace.log");
-    MakeFolders(L"R:\\Blocked\\UNIT2_trace.log"); // a folder where the log should be
-    ASSERT_TRUE(pBlocked->SetLogDirectory(L"R:\\Blocked"));
+    MakeFolders(std::wstring(kWorkDir) + L"\\UNIT2_trace.log"); // a folder where the log should be
+    ASSERT_TRUE(pBlocked->SetLogDirectory(kWorkDir));
     // The case, its trace, whether another writer holds the log, whether the line is written.
     const std::tuple<const wchar_t*, CTrace*, bool, bool> aRows[] = {
         {L"an ordinary line", pTrace.get(), false, true},
@@ -83,5 +81,4 @@ TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
         EXPECT_EQ(bWritten,
                   HasText(ReadLogLines(pRowTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
     }
-    ::RemoveDirectoryW(L"R:\\Blocked\\UNIT2_trace.log");
 }

@@ -22,8 +22,7 @@ TEST_F(BaseServicesFixture, CallbackGetsMessagesFormattedTheWindowsWayWithItsCon
     m_impl.LogVarMsg(1, 130, L'E');                     // %c, a wide character
     m_impl.LogVarMsg(1, 121, L"1.0.0", L"(build dev)"); // %s, wide strings
     ASSERT_EQ(4u, g_vMessages.size());
-    EXPECT_EQ(3u, g_vMessages[0].uiSeverity);
-    EXPECT_EQ(7u, g_vMessages[0].ullContext);
+    EXPECT_EQ(std::pair(3u, 7ull), std::pair(g_vMessages[0].uiSeverity, g_vMessages[0].ullContext));
     EXPECT_EQ(L"No target location has been set", g_vMessages[0].sText);
     EXPECT_EQ(L"AllocConsole()( failed with error 4294967295", g_vMessages[1].sText);
     EXPECT_EQ(L"Successfully restored drive letter E: from target location", g_vMessages[2].sText);
