@@ -141,7 +141,5 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
     std::vector<Filespace> vFilespaces;
     EXPECT_EQ(L"refused: C:0", List(vFilespaces));
     EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
-    for (const wchar_t* pwszLine : {L"sIniPath = \"R:\\Cfg\\disrec.ini\"", L"dwLastError = 5",
-                                    L"... ending(Couldn't delete the earlier disrec.ini)"})
-        EXPECT_TRUE(HasText(KeflLog(), std::wstring(L"KEFLImpl::GetConfig : ") + pwszLine)) << pwszLine;
+    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::GetConfig : dwLastError = 5"));
 }

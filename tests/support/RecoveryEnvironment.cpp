@@ -67,13 +67,9 @@ void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys)
 
 void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText)
 {
-    std::string sBytes = "\xFF\xFE";
-    for (wchar_t wc : sText)
-    {
-        sBytes.push_back(static_cast<char>(wc & 0xFF));
-        sBytes.push_back(static_cast<char>((wc >> 8) & 0xFF));
-    }
-    WriteTextFile(sPath, sBytes);
+    // wchar_t is UTF-16LE on Windows: its bytes are the file's.
+    WriteTextFile(sPath,
+                  "\xFF\xFE" + std::string(reinterpret_cast<const char*>(sText.data()), sText.size() * 2));
 }
 
 void RemoveFile(const std::wstring& sPath)
@@ -84,34 +80,17 @@ void RemoveFile(const std::wstring& sPath)
 void RemoveTree(const std::wstring& sPath, bool bKeepRoot)
 {
     const std::wstring sDir = LongPath(sPath);
-    const DWORD dwAttributes = ::GetFileAttributesW(sDir.c_str());
-    if (dwAttributes != INVALID_FILE_ATTRIBUTES && !(dwAttributes & FILE_ATTRIBUTE_DIRECTORY))
-    {
+    const DWORD dwAttributes = ::GetFileAttributesW(sDir.c_str()); // none for "\\?\E:"
+    if (!bKeepRoot) // read-only goes first, or the removal is refused
         ::SetFileAttributesW(sDir.c_str(), FILE_ATTRIBUTE_NORMAL);
-        ::DeleteFileW(sDir.c_str());
-        return;
-    }
+    if (dwAttributes != INVALID_FILE_ATTRIBUTES && !(dwAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        return void(::DeleteFileW(sDir.c_str()));
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (hFind)
+    for (bool bMore = hFind.is_valid(); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
     {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            {
-                ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
-                RemoveTree(sPath);
-            }
-            else
-            {
-                ::SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
-                ::DeleteFileW(sPath.c_str());
-            }
-        } while (::FindNextFileW(hFind.get(), &fd));
+        if (std::wstring(fd.cFileName) != L"." && std::wstring(fd.cFileName) != L"..")
+            RemoveTree(sDir + L"\\" + fd.cFileName);
     }
     hFind.reset();
     if (!bKeepRoot)
