@@ -296,4 +296,13 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
         EXPECT_FALSE(pClient->RestoreFilespace(*pFs)) << testing::PrintToString(std::wstring(pwszMessage));
         EXPECT_TRUE(HasMessage(3, pwszMessage)) << testing::PrintToString(std::wstring(pwszMessage));
     }
+    // Times that cannot be set are traced; the data is there and the filespace restored.
+    WriteBytes(kSourceE + L"\\one.txt", "one");
+    m_patches.Patch(
+        m_pLibrary->Module(), "KERNEL32.dll", "SetFileTime",
+        +[](HANDLE, const FILETIME*, const FILETIME*, const FILETIME*) -> BOOL
+        { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
+    EXPECT_TRUE(m_pClient->RestoreFilespace(drive));
+    EXPECT_EQ("one", ReadBytes(L"E:\\one.txt"));
+    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CopyFileWithProgress : Failed to set times"));
 }
