@@ -1,6 +1,7 @@
 #include "links/LinkRestore.h"
 
 #include "client/MessageIds.h"
+#include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
 
@@ -28,17 +29,6 @@ constexpr size_t kReparseHeaderOnlyBytes = 8; // tag, data length, reserved: not
 constexpr size_t kPathBufferChars = 4096;
 // Opened for writing the reparse data: the folder itself, not what it may point to.
 constexpr DWORD kJunctionOpenFlags = FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS;
-
-// The "\\?\" form of a full path, so that paths of more than MAX_PATH characters work: a share
-// "\\server\share\..." becomes "\\?\UNC\server\share\...", a path already in that form stays.
-std::wstring JumboPath(const std::wstring& sPath)
-{
-    if (sPath.rfind(L"\\\\?\\", 0) == 0)
-        return sPath;
-    if (sPath.rfind(L"\\\\", 0) == 0)
-        return L"\\\\?\\UNC\\" + sPath.substr(2);
-    return L"\\\\?\\" + sPath;
-}
 
 bool IsDirectory(const std::wstring& sPath)
 {
@@ -116,11 +106,7 @@ public:
         if (!m_bKnown)
             return;
         CLastErrorGuard keepError;
-        CUniqueFile hFolder(::CreateFileW(m_sFolder.c_str(), FILE_WRITE_ATTRIBUTES,
-                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-        if (hFolder && ::SetFileTime(hFolder.get(), &m_data.ftCreationTime, &m_data.ftLastAccessTime,
-                                     &m_data.ftLastWriteTime))
+        if (SetTimesByPath(m_sFolder, m_data.ftCreationTime, m_data.ftLastAccessTime, m_data.ftLastWriteTime))
             return;
         const DWORD dwLastError = ::GetLastError();
         g_KeflTrace.TraceValue(TRACE_ERROR, m_pwszFunction, L"sFolder", m_sFolder);
@@ -297,8 +283,8 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
-    const std::wstring sJumboLink = JumboPath(sLink);
-    const std::wstring sJumboTarget = JumboPath(sTarget);
+    const std::wstring sJumboLink = LongPath(sLink);
+    const std::wstring sJumboTarget = LongPath(sTarget);
 
     if (!IsOnNtfs(sLink))
         return TraceFailed(kFn, L"... ending(Link is not on an NTFS filesystem)");
@@ -361,7 +347,7 @@ bool CLinkRestorer::PrepareLink(const wchar_t* pwszFunction, bool bAvailable, co
         return TraceFailed(pwszFunction, pwszUnavailable);
     if (!IsOnNtfs(sLink))
         return TraceFailed(pwszFunction, L"... ending(Link is not on an NTFS filesystem)");
-    if (!m_base.CreateParentDir(JumboPath(sLink)))
+    if (!m_base.CreateParentDir(LongPath(sLink)))
         return TraceFailed(pwszFunction, L"... ending(KEFLImpl::CreateParentDir failed)");
     return true;
 }
@@ -369,8 +355,8 @@ bool CLinkRestorer::PrepareLink(const wchar_t* pwszFunction, bool bAvailable, co
 bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
 {
     static const wchar_t kFn[] = L"KEFLImpl::CreateSymbolicLink";
-    const std::wstring sJumboLink = JumboPath(sLink);
-    const std::wstring sJumboTarget = JumboPath(sTarget);
+    const std::wstring sJumboLink = LongPath(sLink);
+    const std::wstring sJumboTarget = LongPath(sTarget);
     // Asked before anything is made: a missing target gives a link to a file.
     const bool bIsDirectory = IsDirectory(sJumboTarget);
     if (!PrepareLink(kFn, m_pfnCreateSymbolicLinkW != nullptr,
@@ -438,8 +424,8 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
     if (!PrepareLink(kFn, m_pfnCreateHardLinkW != nullptr, L"... ending(CreateHardLink is not available)",
                      sLink, sTarget))
         return false;
-    const std::wstring sJumboLink = JumboPath(sLink);
-    const std::wstring sJumboTarget = JumboPath(sTarget);
+    const std::wstring sJumboLink = LongPath(sLink);
+    const std::wstring sJumboTarget = LongPath(sTarget);
     const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.

@@ -2,6 +2,7 @@
 #include "session/KEFLImpl.h"
 
 #include "client/MessageIds.h"
+#include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
 
@@ -38,16 +39,6 @@ constexpr DWORD kRestoredAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_H
 // Attributes that keep an existing file from being replaced (CREATE_ALWAYS is refused).
 constexpr DWORD kReplaceRefusingAttributes =
     FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
-
-// The "\\?\" form of a full path, so that paths of more than MAX_PATH characters work.
-std::wstring LongPath(const std::wstring& sPath)
-{
-    if (sPath.rfind(L"\\\\?\\", 0) == 0)
-        return sPath;
-    if (sPath.rfind(L"\\\\", 0) == 0)
-        return L"\\\\?\\UNC\\" + sPath.substr(2);
-    return L"\\\\?\\" + sPath;
-}
 
 bool Contains(const std::wstring& sText, const wchar_t* pwszPart)
 {
@@ -101,12 +92,8 @@ void RestoreAttributes(const wchar_t* pwszFunction, const std::wstring& sLongDst
 // A folder's times and attributes, once everything inside it is restored.
 void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLongDst, const CWalkEntry& entry)
 {
-    CUniqueFile hFolder(::CreateFileW(sLongDst.c_str(), FILE_WRITE_ATTRIBUTES,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    if (!hFolder || !SetTimes(hFolder.get(), entry))
+    if (!SetTimesByPath(sLongDst, entry.ftCreation, entry.ftLastAccess, entry.ftLastWrite))
         TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set times");
-    hFolder.reset();
     RestoreAttributes(pwszFunction, sLongDst, entry);
 }
 
@@ -296,7 +283,8 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         }
         else if (!IsSkippedFile(sDst))
         {
-            if (!CopyFileWithProgress(LongPath(entry.sPath), LongPath(sDst), entry, progress))
+            const std::wstring sLongDst = LongPath(sDst);
+            if (!CopyFileWithProgress(LongPath(entry.sPath), sLongDst, entry, progress))
             {
                 g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
                 g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
@@ -304,7 +292,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             }
             else
             {
-                RestoreAttributes(kFn, LongPath(sDst), entry);
+                RestoreAttributes(kFn, sLongDst, entry);
             }
         }
         ++progress.ullDone;
