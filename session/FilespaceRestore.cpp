@@ -1,6 +1,8 @@
 // One filespace copied back onto the recovered machine, file by file as backup streams.
 #include "session/KEFLImpl.h"
 
+#include "session/FilespaceWalk.h"
+
 #include "client/MessageIds.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
@@ -16,7 +18,6 @@ namespace
 {
 
 const wchar_t kRestoreFilespace[] = L"KEFLImpl::RestoreFilespace";
-const wchar_t kCountFiles[] = L"KEFLImpl::CountFiles";
 const wchar_t kCopyFile[] = L"KEFLImpl::CopyFileWithProgress";
 
 // Filespace.dwFsFlags: the filespace is a mount point, not a drive.
@@ -246,7 +247,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     }
 
     CWalkList walk;
-    if (!CountFiles(sSrcFolder, walk, progress))
+    if (!WalkFilespace(sSrcFolder, walk))
     {
         progress.uiState = PROG_STATE_FAILED;
         if (m_pfnProgMsg)
@@ -261,13 +262,18 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
 
     // Parents come before their children in the walk, so each folder exists before its content.
-    // A failing entry is noted and the walk goes on: as much as possible is restored.
+    // A failing entry is noted and the walk goes on: as much as possible is restored. The paths
+    // are built into two buffers that keep their size from entry to entry.
     bool bFailed = false;
-    for (const CWalkEntry& entry : walk.vEntries)
+    std::wstring sSrc;
+    std::wstring sDst;
+    for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
     {
-        const std::wstring sDst = sDstFolder + entry.sPath.substr(sSrcFolder.size());
+        const CWalkEntry& entry = walk.Entry(uiEntry);
+        sDst.assign(sDstFolder);
+        walk.AppendPath(uiEntry, sDst);
         g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
-        if (entry.bDirectory)
+        if (entry.IsDirectory())
         {
             if (!IsSkippedDirectory(sDst) && !::CreateDirectoryW(LongPath(sDst).c_str(), nullptr))
             {
@@ -283,8 +289,10 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         }
         else if (!IsSkippedFile(sDst))
         {
+            sSrc.assign(sSrcFolder);
+            walk.AppendPath(uiEntry, sSrc);
             const std::wstring sLongDst = LongPath(sDst);
-            if (!CopyFileWithProgress(LongPath(entry.sPath), sLongDst, entry, progress))
+            if (!CopyFileWithProgress(LongPath(sSrc), sLongDst, entry, progress))
             {
                 g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
                 g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
@@ -301,13 +309,15 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     }
 
     // Folders last, deepest first: restoring a folder's content changes its times.
-    for (auto it = walk.vEntries.rbegin(); it != walk.vEntries.rend(); ++it)
+    for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)
     {
-        if (!it->bDirectory)
+        const CWalkEntry& entry = walk.Entry(uiEntry);
+        if (!entry.IsDirectory())
             continue;
-        const std::wstring sDst = sDstFolder + it->sPath.substr(sSrcFolder.size());
+        sDst.assign(sDstFolder);
+        walk.AppendPath(uiEntry, sDst);
         if (!IsSkippedDirectory(sDst) && IsFolder(LongPath(sDst)))
-            RestoreFolderMetadata(kFn, LongPath(sDst), *it);
+            RestoreFolderMetadata(kFn, LongPath(sDst), entry);
     }
 
     if (bFailed)
@@ -319,62 +329,6 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_MOUNT, fs.sFsMountDir.c_str());
     else
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_DRIVE, fs.wcFsDriveLetter);
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
-    return true;
-}
-
-bool KEFLImpl::CountFiles(const std::wstring& sFolder, CWalkList& walkList, ProgMsg& progress)
-{
-    const wchar_t* const kFn = kCountFiles;
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    WIN32_FIND_DATAW fd;
-    CUniqueFind hFind(::FindFirstFileW(LongPath(sFolder + L"\\*").c_str(), &fd));
-    if (!hFind)
-    {
-        const DWORD dwLastError = ::GetLastError();
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sFolder", sFolder);
-        TraceLastError(kFn, dwLastError);
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(FindFirstFile failed)");
-        return false;
-    }
-    do
-    {
-        if (std::wcscmp(fd.cFileName, L".") == 0 || std::wcscmp(fd.cFileName, L"..") == 0)
-            continue;
-        const std::wstring sPath = sFolder + L"\\" + fd.cFileName;
-        // A junction or symbolic link (file or folder) is made again from the link-point files,
-        // neither created as a plain folder nor copied through: its target is in the backup in its
-        // own place, and a link may lead back up the tree. Other reparse points hold data.
-        if ((fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && IsReparseTagNameSurrogate(fd.dwReserved0))
-        {
-            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Reparse point not followed", sPath);
-            continue;
-        }
-        const bool bDirectory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        walkList.vEntries.push_back({sPath, bDirectory, fd.dwFileAttributes, fd.ftCreationTime,
-                                     fd.ftLastAccessTime, fd.ftLastWriteTime});
-        if (!bDirectory)
-        {
-            ++walkList.ullFiles;
-            walkList.ullBytes += (static_cast<uint64_t>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
-            continue;
-        }
-        ++walkList.ullDirectories;
-        if (!CountFiles(sPath, walkList, progress))
-        {
-            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(KEFLImpl::CountFiles failed)");
-            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"KEFLImpl::CountFiles failed");
-            return false;
-        }
-    } while (::FindNextFileW(hFind.get(), &fd));
-    const DWORD dwLastError = ::GetLastError();
-    if (dwLastError != ERROR_NO_MORE_FILES)
-    {
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sFolder", sFolder);
-        TraceLastError(kFn, dwLastError);
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(FindNextFile failed)");
-        return false;
-    }
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }

@@ -4,7 +4,8 @@
 // One file a job: KEFLImpl.cpp (construction, properties, forwarding to volumes/, links/ and
 // runner/), SessionSetup.cpp (Init, Fini, the session's reset), FilespaceDiscovery.cpp
 // (GetFilespaceList, GetBOOTandSYSTEM, Convert_FILETIME), ConfigRestore.cpp (CheckIfConfigDL,
-// GetConfig), FilespaceRestore.cpp (RestoreFilespace, CountFiles, CopyFileWithProgress).
+// GetConfig), FilespaceRestore.cpp (RestoreFilespace, CopyFileWithProgress; the walk it restores from is
+// FilespaceWalk.cpp).
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/VESKImpl.h"
@@ -65,7 +66,6 @@ public:
     bool GetConfig();
 
     // Filespace restore.
-    bool CountFiles(const std::wstring& sFolder, CWalkList& walkList, ProgMsg& progress);
     // Copies one file as backup streams and gives the copy the source's times (entry's find data).
     bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
                               ProgMsg& progress);
