@@ -7,6 +7,7 @@
 #include <shlwapi.h>
 #include <winsock2.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cwchar>
 #include <vector>
@@ -22,6 +23,13 @@ constexpr DWORD kPathChars = 260;
 // Where the host is installed on the recovery system; used when the host's own path is unknown.
 constexpr wchar_t kDefaultModuleDir[] = L"X:\\Program Files\\Morvane\\DURN\\";
 constexpr wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
+
+constexpr uint64_t kMiB = 1024 * 1024;
+// The default size limit: a quarter of the log volume's free space, at most 256 MiB, at least
+// 1 MiB (a smaller log would not show even one restore).
+constexpr uint64_t kMaxDefaultLimitMiB = 256;
+constexpr uint32_t kLinesPerMeasure = 100;
+constexpr uint32_t kAllLevels = ~0u;
 
 const wchar_t* MarkerFor(uint32_t uiLevel)
 {
@@ -67,10 +75,26 @@ private:
     HANDLE m_hMutex;
 };
 
+uint64_t DefaultSizeLimit(const std::wstring& sLogDir)
+{
+    ULARGE_INTEGER uliFree;
+    if (!::GetDiskFreeSpaceExW(sLogDir.c_str(), &uliFree, nullptr, nullptr))
+        return kMaxDefaultLimitMiB * kMiB;
+    return std::clamp<uint64_t>(uliFree.QuadPart / 4 / kMiB, 1, kMaxDefaultLimitMiB) * kMiB;
+}
+
+// Appends sLine to the open file; answers the bytes written.
+uint64_t AppendToFile(HANDLE hFile, const std::string& sLine)
+{
+    DWORD cbWritten = 0;
+    ::WriteFile(hFile, sLine.data(), static_cast<DWORD>(sLine.size()), &cbWritten, nullptr);
+    return cbWritten;
+}
+
 } // namespace
 
-CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey)
-    : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey)
+CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey)
+    : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey), m_sMaxMBKey(pwszMaxMBKey ? pwszMaxMBKey : L"")
 {
     CLastErrorGuard keepError;
     m_hMutex.reset(::CreateMutexW(nullptr, FALSE, m_sFileName.c_str()));
@@ -88,6 +112,9 @@ CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey)
         ::CopyFileW(m_sFilePath.c_str(), sOldPath.c_str(), FALSE);
         ::DeleteFileW(m_sFilePath.c_str());
     }
+    // Measured once, after the previous generation took its space.
+    m_cbDefaultLimit = DefaultSizeLimit(sLogDir);
+    m_cbLimit.store(m_cbDefaultLimit, std::memory_order_relaxed);
 
     // Recorded only now: the log directory above is always resolved from the host's folder.
     m_uiOSCode = CWindowsVersion::Instance().GetCode();
@@ -134,8 +161,12 @@ bool CTrace::SetLogDirectory(const std::wstring& sLogDir)
     CLastErrorGuard keepError;
     if (!::PathIsDirectoryW(sLogDir.c_str()))
         return false;
+    // Held (if it can be) so that no line goes to the new file with the old file's size.
+    CMutexRelease release(m_hMutex.get());
+    ::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs);
     m_sLogDir = sLogDir;
     m_sFilePath = sLogDir + L"\\" + m_sFileName;
+    RestartSizeLimit();
     return true;
 }
 
@@ -165,6 +196,10 @@ void CTrace::ReadTraceLevel()
     CLastErrorGuard keepError;
     const std::wstring sIniPath = TraceIniPath();
     SetTraceLevel(::GetPrivateProfileIntW(L"Main", m_sLevelKey.c_str(), 5, sIniPath.c_str()));
+    // A missing key or 0 keeps the default limit.
+    const uint64_t uiMaxMB =
+        m_sMaxMBKey.empty() ? 0 : ::GetPrivateProfileIntW(L"Main", m_sMaxMBKey.c_str(), 0, sIniPath.c_str());
+    m_cbLimit.store(uiMaxMB != 0 ? uiMaxMB * kMiB : m_cbDefaultLimit, std::memory_order_relaxed);
 }
 
 void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
@@ -173,8 +208,11 @@ void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
         return;
     CLastErrorGuard keepError;
     SetTraceLevel(uiLevel);
+    CMutexRelease release(m_hMutex.get());
+    ::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs);
     m_sFilePath = sTraceDir + L"\\" + m_sFileName;
     ::DeleteFileW(m_sFilePath.c_str());
+    RestartSizeLimit();
 }
 
 bool CTrace::ResetTraceFile()
@@ -188,6 +226,7 @@ bool CTrace::ResetTraceFile()
     CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    RestartSizeLimit();
     return true;
 }
 
@@ -196,10 +235,69 @@ uint32_t CTrace::GetTraceMask()
     return m_uiMask.load(std::memory_order_relaxed);
 }
 
+void CTrace::RestartSizeLimit()
+{
+    m_cbFile = 0;
+    m_cLinesToMeasure = 0;
+    m_uiLimitMask.store(kAllLevels, std::memory_order_relaxed);
+}
+
+bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
+{
+    // Other processes append too: the file is asked for its size now and then, and in between
+    // this object adds what it wrote itself.
+    if (m_cLinesToMeasure == 0)
+    {
+        LARGE_INTEGER liSize;
+        if (::GetFileSizeEx(hFile, &liSize))
+            m_cbFile = static_cast<uint64_t>(liSize.QuadPart);
+        m_cLinesToMeasure = kLinesPerMeasure;
+    }
+    --m_cLinesToMeasure;
+
+    const uint64_t cbLimit = m_cbLimit.load(std::memory_order_relaxed);
+    if (m_cbFile >= 2 * cbLimit)
+    {
+        m_uiLimitMask.store(0, std::memory_order_relaxed);
+        return false;
+    }
+    if (m_cbFile >= cbLimit && m_uiLimitMask.load(std::memory_order_relaxed) == kAllLevels)
+    {
+        m_uiLimitMask.store(TRACE_ERROR | TRACE_WARNING, std::memory_order_relaxed);
+        if (!IsOn(TRACE_WARNING))
+            return (uiLimitLevel & (TRACE_ERROR | TRACE_WARNING)) != 0;
+        std::string sLine;
+        AppendPrefix(sLine, TRACE_WARNING);
+        std::wstring sText = L"CTrace::WriteLine : Trace file reached its size limit of " +
+                             std::to_wstring(cbLimit / kMiB) +
+                             L" MiB: information and verbose lines are no longer written";
+        sText += kTraceLineEnd;
+        sLine += ToUtf8(sText);
+        m_cbFile += AppendToFile(hFile, sLine);
+    }
+    return (m_uiLimitMask.load(std::memory_order_relaxed) & uiLimitLevel) != 0;
+}
+
+void CTrace::AppendPrefix(std::string& sLine, uint32_t uiLevel)
+{
+    // The prefix is ASCII: its characters are its UTF-8 bytes.
+    std::wstring sPrefix;
+    SYSTEMTIME st;
+    ::GetLocalTime(&st);
+    AppendTimestamp(sPrefix, st);
+    sPrefix.push_back(L':');
+    AppendHex(sPrefix, ::GetCurrentThreadId(), m_bUpperHex.load(std::memory_order_relaxed), 4);
+    sPrefix += MarkerFor(uiLevel);
+    for (wchar_t wc : sPrefix)
+        sLine.push_back(static_cast<char>(wc));
+}
+
 void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
 {
     CLastErrorGuard keepError;
-    if (!m_hMutex)
+    // A banner (level 0) stops with the information lines. Stopped levels cost no system call.
+    const uint32_t uiLimitLevel = uiLevel != 0 ? uiLevel : TRACE_INFO;
+    if (!m_hMutex || (m_uiLimitMask.load(std::memory_order_relaxed) & uiLimitLevel) == 0)
         return;
     // Everything but the prefix is ready before the lock: other writers wait only for the prefix
     // and the system calls.
@@ -213,27 +311,15 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hFile)
+    if (!hFile || !WithinSizeLimit(hFile.get(), uiLimitLevel))
         return;
 
     std::string sLine;
     sLine.reserve(48 + sBody.size());
     if (!bRaw)
-    {
-        // The prefix is ASCII: its characters are its UTF-8 bytes.
-        std::wstring sPrefix;
-        SYSTEMTIME st;
-        ::GetLocalTime(&st);
-        AppendTimestamp(sPrefix, st);
-        sPrefix.push_back(L':');
-        AppendHex(sPrefix, ::GetCurrentThreadId(), m_bUpperHex.load(std::memory_order_relaxed), 4);
-        sPrefix += MarkerFor(uiLevel);
-        for (wchar_t wc : sPrefix)
-            sLine.push_back(static_cast<char>(wc));
-    }
+        AppendPrefix(sLine, uiLevel);
     sLine += sBody;
-    DWORD cbWritten = 0;
-    ::WriteFile(hFile.get(), sLine.data(), static_cast<DWORD>(sLine.size()), &cbWritten, nullptr);
+    m_cbFile += AppendToFile(hFile.get(), sLine);
 }
 
 std::wstring CTrace::NameText(const wchar_t* pwszFunction, const wchar_t* pwszName)

@@ -3,6 +3,11 @@
 // after the file, with the file opened for append and closed again around the line, so that any
 // number of threads and processes can share one log without losing or splitting lines. Nothing
 // here ever reports an error: a line that cannot be written is dropped.
+//
+// Each file has a size limit, because the log folder may lie on a small RAM disk that the restore
+// needs too. At the limit one warning line says so and information and verbose lines stop; error
+// and warning lines go on up to twice the limit, and then nothing is written. The size is taken
+// from the file itself (other processes append to it too), measured on every 100th line.
 #include "platform/UniqueHandle.h"
 
 #include <windows.h>
@@ -35,7 +40,8 @@ struct CTraceBool32
 class CTrace
 {
 public:
-    CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey);
+    // pwszMaxMBKey names trace.ini's setting of the size limit in MiB; without it the default holds.
+    CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey = nullptr);
     virtual ~CTrace();
     CTrace(const CTrace&) = delete;
     CTrace& operator=(const CTrace&) = delete;
@@ -88,8 +94,13 @@ public:
     virtual void TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                            const SYSTEMTIME& st);
 
-    // The test that callers make before they build a function or value text.
-    bool IsOn(uint32_t uiLevel) const { return (m_uiMask.load(std::memory_order_relaxed) & uiLevel) != 0; }
+    // The test that callers make before they build a function or value text; it includes the levels
+    // that the size limit has stopped.
+    bool IsOn(uint32_t uiLevel) const
+    {
+        return (m_uiMask.load(std::memory_order_relaxed) & m_uiLimitMask.load(std::memory_order_relaxed) &
+                uiLevel) != 0;
+    }
 
     const std::wstring& GetFilePath() const { return m_sFilePath; }
 
@@ -102,6 +113,12 @@ private:
     static std::wstring NameText(const wchar_t* pwszFunction, const wchar_t* pwszName);
     // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).
     void WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw = false);
+    void AppendPrefix(std::string& sLine, uint32_t uiLevel);
+    // With the mutex held and the file open: whether a line of uiLimitLevel may still be written;
+    // writes the warning when the file has just reached its limit.
+    bool WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel);
+    // With the mutex held: the file starts again, so its size is measured on the next line.
+    void RestartSizeLimit();
     void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                     std::wstring_view sValue);
     void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
@@ -112,11 +129,22 @@ private:
     uint32_t m_uiOSCode = 0;
     std::wstring m_sFileName;
     std::wstring m_sLevelKey;
+    std::wstring m_sMaxMBKey;
     std::wstring m_sFilePath;
     std::wstring m_sLogDir;
     // Hexadecimal digits of later prefixes turn upper case once a hexadecimal value was written,
     // as they did when the log was a formatted stream; support tools match either case.
     std::atomic<bool> m_bUpperHex{false};
+
+    // The size limit in bytes: the default is set at construction, trace.ini may replace it.
+    uint64_t m_cbDefaultLimit = 0;
+    std::atomic<uint64_t> m_cbLimit{0};
+    // The levels the size limit lets through: all, then errors and warnings only, then none.
+    std::atomic<uint32_t> m_uiLimitMask{~0u};
+    // Under the mutex: the file's size as last measured plus what this object wrote since, and the
+    // lines to write before it is measured again.
+    uint64_t m_cbFile = 0;
+    uint32_t m_cLinesToMeasure = 0;
 };
 
 } // namespace morvane

@@ -3,8 +3,9 @@
 namespace morvane
 {
 
-KEFLTrace::KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey)
-    : CTrace(pwszFileName, pwszLevelKey), m_sPsfLevelKey(pwszPsfLevelKey)
+KEFLTrace::KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey,
+                     const wchar_t* pwszMaxMBKey)
+    : CTrace(pwszFileName, pwszLevelKey, pwszMaxMBKey), m_sPsfLevelKey(pwszPsfLevelKey)
 {
 }
 

@@ -9,7 +9,8 @@ namespace morvane
 class KEFLTrace : public CTrace
 {
 public:
-    KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey);
+    KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey,
+              const wchar_t* pwszMaxMBKey = nullptr);
 
     void ReadPsfTraceLevel();
     uint32_t GetPsfTraceLevel() const { return m_uiPsfFlags.load(std::memory_order_relaxed); }

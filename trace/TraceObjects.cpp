@@ -4,7 +4,7 @@ namespace morvane
 {
 
 // Both in one file so that their construction order at load is fixed.
-KEFLTrace g_KeflTrace(L"KEFL_trace.log", L"KEFL_TraceLevel", L"PSF_TraceLevel");
-CTrace g_VeskTrace(L"VESK_trace.log", L"VESK_TraceLevel");
+KEFLTrace g_KeflTrace(L"KEFL_trace.log", L"KEFL_TraceLevel", L"PSF_TraceLevel", L"KEFL_TraceMaxMB");
+CTrace g_VeskTrace(L"VESK_trace.log", L"VESK_TraceLevel", L"VESK_TraceMaxMB");
 
 } // namespace morvane
