@@ -96,3 +96,35 @@ TEST_F(KeflFixture, ThreadsAndProcessesWritingAtOnceLoseOrSplitNoLine)
         EXPECT_EQ(kCallsEach, iLines) << "thread " << uiThread;
     EXPECT_EQ(2 * kCallsEach, iVerbose) << "the verbose level that trace.ini sets here";
 }
+
+// On a small disk: at the size limit (1 MiB here) one warning, then errors only, and nothing past
+// twice the limit. The filler stands for another process's lines in the same file.
+TEST_F(KeflFixture, AFileAtItsSizeLimitKeepsOnlyErrorsThenStopsAtTwiceTheLimit)
+{
+    constexpr size_t kMiB = 1024 * 1024;
+    auto pClient = Load({{L"KEFL_TraceMaxMB", L"1"}}).Factory();
+    morvane::Filespace fs = {};
+    fs.wcFsDriveLetter = L'C';
+    for (size_t cbFilled : {kMiB - 16 * 1024, 2 * kMiB - 32 * 1024})
+    {
+        std::string sLog = ReadBytes(KeflLogPath());
+        sLog.resize(cbFilled - 2, '#');
+        WriteBytes(KeflLogPath(), sLog + "\r\n");
+        for (int i = 0; i < 1000; ++i) // information lines, and an error line each
+            pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS), pClient->RestoreFilespace(fs);
+    }
+    int iWarnings = 0, iInfoAfter = 0, iErrorsAfter = 0;
+    for (const auto& sLine : KeflLog())
+    {
+        const auto line = ParseTraceLine(sLine);
+        if (line && line->sMarker == L":[W]: ")
+            iWarnings += line->sText == L"CTrace::WriteLine : Trace file reached its size limit of 1 MiB: "
+                                        L"information and verbose lines are no longer written";
+        else if (line && iWarnings > 0)
+            (line->sMarker == L":[I]: " ? iInfoAfter : iErrorsAfter) += 1;
+    }
+    EXPECT_EQ(1, iWarnings);
+    EXPECT_EQ(0, iInfoAfter);
+    EXPECT_GT(iErrorsAfter, 100);
+    EXPECT_LE(ReadBytes(KeflLogPath()).size(), 2 * kMiB + 200) << "written past twice the limit";
+}
