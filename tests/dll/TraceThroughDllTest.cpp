@@ -1,5 +1,5 @@
 // KEFL_trace.log as the loaded library writes it: a fresh log and one previous generation per
-// load, and threads and processes writing at once without losing or splitting a line.
+// load, threads and processes writing at once without losing or splitting a line, and a size limit.
 #include "dll/KeflFixture.h"
 
 #include <map>
