@@ -306,3 +306,77 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
     EXPECT_EQ("one", ReadBytes(L"E:\\one.txt"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CopyFileWithProgress : Failed to set times"));
 }
+
+// The restore on a thread of the host with a 64 KiB stack. Wine gives every thread at least 1 MiB,
+// so the stack below the thread's start is painted and the depth it reached is measured afterwards.
+struct CSmallStackRestore
+{
+    morvane::VESK* pClient;
+    morvane::Filespace fs;
+    bool bResult = false;
+    size_t cbStackUsed = 0;
+};
+DWORD WINAPI RestoreOnSmallStack(void* pContext)
+{
+    auto& restore = *static_cast<CSmallStackRestore*>(pContext);
+    MEMORY_BASIC_INFORMATION stack{}; // its reservation's base is the stack's lowest address
+    ::VirtualQuery(&stack, &stack, sizeof(stack));
+    const auto ullStart = reinterpret_cast<uintptr_t>(&stack) - 256;
+    const auto ullEnd = reinterpret_cast<uintptr_t>(stack.AllocationBase) + 16384; // guard pages
+    for (uintptr_t ull = ullStart; ull > ullEnd; --ull) // downwards, as the stack grows
+        *reinterpret_cast<volatile unsigned char*>(ull) = 0xA5;
+    restore.bResult = restore.pClient->RestoreFilespace(restore.fs);
+    uintptr_t ullLowest = ullEnd + 1;
+    while (ullLowest < ullStart && *reinterpret_cast<volatile unsigned char*>(ullLowest) == 0xA5)
+        ++ullLowest;
+    restore.cbStackUsed = ullStart - ullLowest;
+    return 0;
+}
+
+// A chain of one-letter folders "d" under sRoot with a file "d" at its bottom, grown and taken
+// down at its top by renames: every call names a short path (Wine looks a long path up slowly).
+bool MoveChain(const std::wstring& sFrom, const std::wstring& sTo)
+{
+    return ::MoveFileW(sFrom.c_str(), sTo.c_str()) != FALSE;
+}
+void RemoveChain(const std::wstring& sRoot)
+{
+    while (!::DeleteFileW((sRoot + L"\\d").c_str()) && MoveChain(sRoot + L"\\d\\d", sRoot + L"\\n") &&
+           ::RemoveDirectoryW((sRoot + L"\\d").c_str()) && MoveChain(sRoot + L"\\n", sRoot + L"\\d"))
+    {
+    }
+}
+
+TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
+{
+    // As deep as the file system's path length allows: about 1,900 levels under Wine, 16,000 on Windows.
+    if (::GetEnvironmentVariableW(L"KEFL_TESTS_QUICK", nullptr, 0) != 0)
+        GTEST_SKIP() << "minutes under Wine; left out with KEFL_TESTS_QUICK set";
+    WriteBytes(kSourceE + L"\\d", "the deepest file");
+    std::wstring sRel = L"\\d";
+    while (sRel.size() < 32000 && ::CreateDirectoryW((kSourceE + L"\\n").c_str(), nullptr) &&
+           MoveChain(kSourceE + L"\\d", kSourceE + L"\\n\\d") &&
+           MoveChain(kSourceE + L"\\n", kSourceE + L"\\d"))
+    {
+        sRel += L"\\d";
+        if (::GetFileAttributesW(LongPath(kSourceE + sRel).c_str()) != INVALID_FILE_ATTRIBUTES)
+            continue;
+        sRel.resize(sRel.size() - 2); // one level too many: back up
+        ASSERT_TRUE(MoveChain(kSourceE + L"\\d", kSourceE + L"\\n") &&
+                    MoveChain(kSourceE + L"\\n\\d", kSourceE + L"\\d") &&
+                    ::RemoveDirectoryW((kSourceE + L"\\n").c_str()));
+        break;
+    }
+
+    CSmallStackRestore restore{m_pClient.get(), {}};
+    restore.fs.wcFsDriveLetter = L'E';
+    morvane::CUniqueHandle hThread(::CreateThread(nullptr, 65536, &RestoreOnSmallStack, &restore,
+                                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+    ASSERT_TRUE(hThread);
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hThread.get(), INFINITE));
+    EXPECT_TRUE(restore.bResult) << testing::PrintToString(ErrorText());
+    EXPECT_EQ("the deepest file", ReadBytes(L"E:" + sRel)) << sRel.size() / 2 << " levels";
+    EXPECT_LT(restore.cbStackUsed, 48u * 1024) << "bytes of stack; 64 KiB hold the thread";
+    RemoveChain(L"E:"); // the recursive removal after each test would need a deep stack
+    RemoveChain(kSourceE);
+}
