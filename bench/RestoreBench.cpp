@@ -9,17 +9,22 @@
 // BackupRead/BackupWrite (Wine) the tests' stand-ins are put into KEFL.dll's import table, as are
 // the stand-ins that Init needs there.
 //
-// Prints files/s and MiB/s of each, the ratios to XCOPY and to the walk, the process's peak
-// working set after each library restore, and XCOPY's own peak. Every copy is counted afterwards:
+// Prints files/s and MiB/s of each, the ratios to XCOPY and to the walk, the peak working set of
+// each library restore (sampled while it runs: the process's own peak only ever grows, so after
+// the first size it would say nothing of the next), and XCOPY's own peak. It also prints where
+// each library restore's time went: the system calls KEFL.dll made, counted and timed at its
+// import table (calls per file, microseconds each and per file). Every copy is counted afterwards:
 // a method that drops files would look fast. Exits 2 when it could not measure, else 0.
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "platform/UniqueHandle.h"
+#include "winecompat/IatPatch.h"
 #include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 #include <psapi.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -185,10 +190,243 @@ SIZE_T OwnPeakWorkingSet()
     return ::GetProcessMemoryInfo(::GetCurrentProcess(), &pmc, sizeof(pmc)) ? pmc.PeakWorkingSetSize : 0;
 }
 
+// The highest working set seen while it runs, sampled every few milliseconds on a thread of its
+// own: a restore's peak, whatever ran before it in this process.
+class CPeakSampler
+{
+public:
+    CPeakSampler()
+        : m_hStop(::CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+          m_hThread(::CreateThread(nullptr, 0, &CPeakSampler::Run, this, 0, nullptr))
+    {
+    }
+    ~CPeakSampler() { Stop(); }
+    // Ends the sampling; answers the peak in bytes.
+    SIZE_T Stop()
+    {
+        if (m_hThread)
+        {
+            ::SetEvent(m_hStop.get());
+            ::WaitForSingleObject(m_hThread.get(), INFINITE);
+            m_hThread.reset();
+        }
+        return m_cbPeak;
+    }
+
+private:
+    static DWORD WINAPI Run(void* pv)
+    {
+        auto* pThis = static_cast<CPeakSampler*>(pv);
+        do
+        {
+            PROCESS_MEMORY_COUNTERS pmc = {};
+            if (::GetProcessMemoryInfo(::GetCurrentProcess(), &pmc, sizeof(pmc)) && pmc.WorkingSetSize > pThis->m_cbPeak)
+                pThis->m_cbPeak = pmc.WorkingSetSize;
+        } while (::WaitForSingleObject(pThis->m_hStop.get(), 5) == WAIT_TIMEOUT);
+        return 0;
+    }
+
+    CUniqueHandle m_hStop;
+    CUniqueHandle m_hThread;
+    SIZE_T m_cbPeak = 0;
+};
+
+// The system calls that a restore makes for each file and folder, counted and timed where KEFL.dll
+// imports them. The trace's appends (CreateFileW for FILE_APPEND_DATA) are counted apart from the
+// copies' opens. Timing a call adds two performance-counter reads, well under a microsecond.
+enum ECall
+{
+    kCreateFileCopy,
+    kCreateFileTrace,
+    kCloseHandle,
+    kWriteFile,
+    kWaitForSingleObject,
+    kReleaseMutex,
+    kGetLocalTime,
+    kBackupRead,
+    kBackupWrite,
+    kSetFileTime,
+    kSetFileAttributes,
+    kGetFileAttributes,
+    kCreateDirectory,
+    kFindFirstFile,
+    kFindNextFile,
+    kCallKinds
+};
+
+const wchar_t* const kCallNames[kCallKinds] = {
+    L"CreateFileW (copy)", L"CreateFileW (trace)", L"CloseHandle",   L"WriteFile",       L"WaitForSingleObject",
+    L"ReleaseMutex",       L"GetLocalTime",        L"BackupRead",    L"BackupWrite",     L"SetFileTime",
+    L"SetFileAttributesW", L"GetFileAttributesW",  L"CreateDirectoryW", L"FindFirstFileW", L"FindNextFileW"};
+
+struct CCallCounts
+{
+    std::array<uint64_t, kCallKinds> aCalls = {};
+    std::array<double, kCallKinds> aSeconds = {};
+};
+
+CCallCounts g_Counts;
+std::array<void*, kCallKinds> g_apfnOriginal = {};
+
+// Times one call into g_Counts.
+class CCallTimer
+{
+public:
+    explicit CCallTimer(ECall e) : m_e(e), m_dStart(Seconds()) {}
+    ~CCallTimer()
+    {
+        g_Counts.aSeconds[m_e] += Seconds() - m_dStart;
+        ++g_Counts.aCalls[m_e];
+    }
+
+private:
+    ECall m_e;
+    double m_dStart;
+};
+
+template <typename Fn> Fn Original(ECall e)
+{
+    return reinterpret_cast<Fn>(g_apfnOriginal[e]);
+}
+
+HANDLE WINAPI CountedCreateFileW(LPCWSTR pwszName, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES psa,
+                                 DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate)
+{
+    CCallTimer timer(dwAccess == FILE_APPEND_DATA ? kCreateFileTrace : kCreateFileCopy);
+    return Original<decltype(&::CreateFileW)>(kCreateFileCopy)(pwszName, dwAccess, dwShare, psa, dwDisposition,
+                                                               dwFlags, hTemplate);
+}
+BOOL WINAPI CountedCloseHandle(HANDLE h)
+{
+    CCallTimer timer(kCloseHandle);
+    return Original<decltype(&::CloseHandle)>(kCloseHandle)(h);
+}
+BOOL WINAPI CountedWriteFile(HANDLE h, LPCVOID pv, DWORD cb, LPDWORD pcb, LPOVERLAPPED po)
+{
+    CCallTimer timer(kWriteFile);
+    return Original<decltype(&::WriteFile)>(kWriteFile)(h, pv, cb, pcb, po);
+}
+DWORD WINAPI CountedWaitForSingleObject(HANDLE h, DWORD dwMs)
+{
+    CCallTimer timer(kWaitForSingleObject);
+    return Original<decltype(&::WaitForSingleObject)>(kWaitForSingleObject)(h, dwMs);
+}
+BOOL WINAPI CountedReleaseMutex(HANDLE h)
+{
+    CCallTimer timer(kReleaseMutex);
+    return Original<decltype(&::ReleaseMutex)>(kReleaseMutex)(h);
+}
+void WINAPI CountedGetLocalTime(LPSYSTEMTIME pst)
+{
+    CCallTimer timer(kGetLocalTime);
+    Original<decltype(&::GetLocalTime)>(kGetLocalTime)(pst);
+}
+BOOL WINAPI CountedBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity, LPVOID* ppv)
+{
+    CCallTimer timer(kBackupRead);
+    return Original<decltype(&::BackupRead)>(kBackupRead)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
+}
+BOOL WINAPI CountedBackupWrite(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity, LPVOID* ppv)
+{
+    CCallTimer timer(kBackupWrite);
+    return Original<decltype(&::BackupWrite)>(kBackupWrite)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
+}
+BOOL WINAPI CountedSetFileTime(HANDLE h, const FILETIME* pc, const FILETIME* pa, const FILETIME* pw)
+{
+    CCallTimer timer(kSetFileTime);
+    return Original<decltype(&::SetFileTime)>(kSetFileTime)(h, pc, pa, pw);
+}
+BOOL WINAPI CountedSetFileAttributesW(LPCWSTR pwsz, DWORD dw)
+{
+    CCallTimer timer(kSetFileAttributes);
+    return Original<decltype(&::SetFileAttributesW)>(kSetFileAttributes)(pwsz, dw);
+}
+DWORD WINAPI CountedGetFileAttributesW(LPCWSTR pwsz)
+{
+    CCallTimer timer(kGetFileAttributes);
+    return Original<decltype(&::GetFileAttributesW)>(kGetFileAttributes)(pwsz);
+}
+BOOL WINAPI CountedCreateDirectoryW(LPCWSTR pwsz, LPSECURITY_ATTRIBUTES psa)
+{
+    CCallTimer timer(kCreateDirectory);
+    return Original<decltype(&::CreateDirectoryW)>(kCreateDirectory)(pwsz, psa);
+}
+HANDLE WINAPI CountedFindFirstFileW(LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
+{
+    CCallTimer timer(kFindFirstFile);
+    return Original<decltype(&::FindFirstFileW)>(kFindFirstFile)(pwsz, pfd);
+}
+BOOL WINAPI CountedFindNextFileW(HANDLE h, LPWIN32_FIND_DATAW pfd)
+{
+    CCallTimer timer(kFindNextFile);
+    return Original<decltype(&::FindNextFileW)>(kFindNextFile)(h, pfd);
+}
+
+// Puts the counting functions into KEFL.dll's import table, over the stand-ins where there are
+// any (BackupRead, BackupWrite): those are then timed as KEFL.dll meets them.
+class CCallCounters
+{
+public:
+    explicit CCallCounters(HMODULE hModule)
+    {
+        Patch(hModule, "CreateFileW", kCreateFileCopy, reinterpret_cast<void*>(&CountedCreateFileW));
+        Patch(hModule, "CloseHandle", kCloseHandle, reinterpret_cast<void*>(&CountedCloseHandle));
+        Patch(hModule, "WriteFile", kWriteFile, reinterpret_cast<void*>(&CountedWriteFile));
+        Patch(hModule, "WaitForSingleObject", kWaitForSingleObject,
+              reinterpret_cast<void*>(&CountedWaitForSingleObject));
+        Patch(hModule, "ReleaseMutex", kReleaseMutex, reinterpret_cast<void*>(&CountedReleaseMutex));
+        Patch(hModule, "GetLocalTime", kGetLocalTime, reinterpret_cast<void*>(&CountedGetLocalTime));
+        Patch(hModule, "BackupRead", kBackupRead, reinterpret_cast<void*>(&CountedBackupRead));
+        Patch(hModule, "BackupWrite", kBackupWrite, reinterpret_cast<void*>(&CountedBackupWrite));
+        Patch(hModule, "SetFileTime", kSetFileTime, reinterpret_cast<void*>(&CountedSetFileTime));
+        Patch(hModule, "SetFileAttributesW", kSetFileAttributes, reinterpret_cast<void*>(&CountedSetFileAttributesW));
+        Patch(hModule, "GetFileAttributesW", kGetFileAttributes, reinterpret_cast<void*>(&CountedGetFileAttributesW));
+        Patch(hModule, "CreateDirectoryW", kCreateDirectory, reinterpret_cast<void*>(&CountedCreateDirectoryW));
+        Patch(hModule, "FindFirstFileW", kFindFirstFile, reinterpret_cast<void*>(&CountedFindFirstFileW));
+        Patch(hModule, "FindNextFileW", kFindNextFile, reinterpret_cast<void*>(&CountedFindNextFileW));
+    }
+    bool AllApplied() const
+    {
+        for (const auto& p : m_vPatches)
+        {
+            if (!p->IsApplied())
+                return false;
+        }
+        return true;
+    }
+
+private:
+    void Patch(HMODULE hModule, const char* pszFunction, ECall e, const void* pfn)
+    {
+        m_vPatches.push_back(std::make_unique<winecompat::CIatPatch>(hModule, "KERNEL32.dll", pszFunction, pfn));
+        g_apfnOriginal[e] = m_vPatches.back()->Original();
+    }
+
+    std::vector<std::unique_ptr<winecompat::CIatPatch>> m_vPatches;
+};
+
+// Where one restore's time went, per file restored.
+void PrintCalls(const wchar_t* pwszName, const CCallCounts& counts, size_t nFiles, double dSeconds)
+{
+    std::wprintf(L"  %ls: %.0f us per file, of which at KEFL.dll's imports:\n", pwszName, dSeconds * 1e6 / nFiles);
+    double dCounted = 0.0;
+    for (int e = 0; e < kCallKinds; ++e)
+    {
+        if (counts.aCalls[e] == 0)
+            continue;
+        dCounted += counts.aSeconds[e];
+        std::wprintf(L"    %-22ls %6.2f calls/file %8.1f us each %8.1f us/file\n", kCallNames[e],
+                     static_cast<double>(counts.aCalls[e]) / nFiles, counts.aSeconds[e] * 1e6 / counts.aCalls[e],
+                     counts.aSeconds[e] * 1e6 / nFiles);
+    }
+    std::wprintf(L"    %-22ls %38.1f us/file\n", L"(rest: KEFL's own work)", (dSeconds - dCounted) * 1e6 / nFiles);
+}
+
 struct CLibrary
 {
     CUniqueLibrary hModule;
     std::unique_ptr<winecompat::CWineStandIns> pStandIns;
+    std::unique_ptr<CCallCounters> pCounters;
     FactoryFn pfnFactory = nullptr;
     CredentialsFactoryFn pfnCredentialsFactory = nullptr;
 };
@@ -204,11 +442,13 @@ bool LoadKefl(CLibrary& lib)
         reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "CredentialsFactory")));
     // Under Wine, the Windows answers that Wine 8 lacks, as our host puts them in.
     lib.pStandIns = std::make_unique<winecompat::CWineStandIns>(lib.hModule.get());
-    return lib.pfnFactory && lib.pfnCredentialsFactory;
+    lib.pCounters = std::make_unique<CCallCounters>(lib.hModule.get());
+    return lib.pfnFactory && lib.pfnCredentialsFactory && lib.pCounters->AllApplied();
 }
 
 // One restore of the backup's drive E through the library; the seconds it took, < 0 on failure.
-double RestoreThroughKefl(CLibrary& lib)
+// cbPeak: the highest working set while it ran; counts: its calls at the import table.
+double RestoreThroughKefl(CLibrary& lib, SIZE_T& cbPeak, CCallCounts& counts)
 {
     struct CDeleter
     {
@@ -223,9 +463,13 @@ double RestoreThroughKefl(CLibrary& lib)
     fs.sFsName = L"E:";
     fs.sFsPath = L"E:\\";
     fs.wcFsDriveLetter = L'E';
+    CPeakSampler sampler;
+    g_Counts = CCallCounts();
     const double dStart = Seconds();
     const bool bOk = pClient->RestoreFilespace(fs);
     const double dSeconds = Seconds() - dStart;
+    counts = g_Counts;
+    cbPeak = sampler.Stop();
     pClient->Fini();
     return bOk ? dSeconds : -1.0;
 }
@@ -277,15 +521,18 @@ int main(int argc, char** argv)
         // each time: a trace.ini without the key keeps the mask that was set last.
         const char kDefault[] = "[Main]\r\nKEFL_TraceLevel=3\r\nVESK_TraceLevel=3\r\n";
         WriteBytes(kTraceIni, kDefault, sizeof(kDefault) - 1);
-        const double dKefl = RestoreThroughKefl(lib);
+        SIZE_T cbPeakKefl = 0;
+        CCallCounts countsKefl;
+        const double dKefl = RestoreThroughKefl(lib, cbPeakKefl, countsKefl);
         const size_t nKefl = CountFiles(L"E:\\Tree");
         RemoveTree(L"E:\\Tree");
         ::DeleteFileW(kTraceIni); // a new file: the profile cache cannot answer with the old one
         const char kQuiet[] = "[Main]\r\nKEFL_TraceLevel=1\r\nVESK_TraceLevel=1\r\n";
         WriteBytes(kTraceIni, kQuiet, sizeof(kQuiet) - 1);
-        const double dKeflQuiet = RestoreThroughKefl(lib);
+        SIZE_T cbPeakKeflQuiet = 0;
+        CCallCounts countsKeflQuiet;
+        const double dKeflQuiet = RestoreThroughKefl(lib, cbPeakKeflQuiet, countsKeflQuiet);
         const size_t nKeflQuiet = CountFiles(L"E:\\Tree");
-        const SIZE_T cbPeakKefl = OwnPeakWorkingSet();
         ::DeleteFileW(kTraceIni);
 
         SIZE_T cbPeakXcopy = 0;
@@ -321,12 +568,17 @@ int main(int argc, char** argv)
             dFirstPerFile = dPerFile;
         std::wprintf(L"  errors only: %.3f ms per file, %.2f x the per-file time of the first size\n",
                      dPerFile * 1000.0, dPerFile / dFirstPerFile);
-        std::wprintf(L"  peak working set: this process %.1f MiB after the library's restores",
-                     cbPeakKefl / (1024.0 * 1024.0));
+        std::wprintf(L"  peak working set while restoring: %.1f MiB at the default trace level, %.1f MiB errors "
+                     L"only (this process's peak so far %.1f MiB)",
+                     cbPeakKefl / (1024.0 * 1024.0), cbPeakKeflQuiet / (1024.0 * 1024.0),
+                     OwnPeakWorkingSet() / (1024.0 * 1024.0));
         if (cbPeakXcopy != 0)
             std::wprintf(L", XCOPY %.1f MiB\n", cbPeakXcopy / (1024.0 * 1024.0));
         else
             std::wprintf(L", XCOPY not known (no counters of the ended process)\n");
+        PrintCalls(L"KEFL.dll (default trace)", countsKefl, nFiles, dKefl);
+        PrintCalls(L"KEFL.dll (errors only)", countsKeflQuiet, nFiles, dKeflQuiet);
+        std::fflush(stdout);
     }
     RemoveTree(kBenchRoot);
     RemoveTree(L"E:\\Tree");
