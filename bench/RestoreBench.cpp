@@ -220,7 +220,8 @@ private:
         do
         {
             PROCESS_MEMORY_COUNTERS pmc = {};
-            if (::GetProcessMemoryInfo(::GetCurrentProcess(), &pmc, sizeof(pmc)) && pmc.WorkingSetSize > pThis->m_cbPeak)
+            if (::GetProcessMemoryInfo(::GetCurrentProcess(), &pmc, sizeof(pmc)) &&
+                pmc.WorkingSetSize > pThis->m_cbPeak)
                 pThis->m_cbPeak = pmc.WorkingSetSize;
         } while (::WaitForSingleObject(pThis->m_hStop.get(), 5) == WAIT_TIMEOUT);
         return 0;
@@ -232,11 +233,13 @@ private:
 };
 
 // The system calls that a restore makes for each file and folder, counted and timed where KEFL.dll
-// imports them. The trace's appends (CreateFileW for FILE_APPEND_DATA) are counted apart from the
-// copies' opens. Timing a call adds two performance-counter reads, well under a microsecond.
+// imports them. The opens of a copy's source, of its destination and of the trace's appends
+// (FILE_APPEND_DATA) are counted apart. Timing a call adds two performance-counter reads, well under a
+// microsecond.
 enum ECall
 {
-    kCreateFileCopy,
+    kCreateFileSource,
+    kCreateFileDestination,
     kCreateFileTrace,
     kCloseHandle,
     kWriteFile,
@@ -255,9 +258,12 @@ enum ECall
 };
 
 const wchar_t* const kCallNames[kCallKinds] = {
-    L"CreateFileW (copy)", L"CreateFileW (trace)", L"CloseHandle",   L"WriteFile",       L"WaitForSingleObject",
-    L"ReleaseMutex",       L"GetLocalTime",        L"BackupRead",    L"BackupWrite",     L"SetFileTime",
-    L"SetFileAttributesW", L"GetFileAttributesW",  L"CreateDirectoryW", L"FindFirstFileW", L"FindNextFileW"};
+    L"CreateFileW (source)", L"CreateFileW (dest.)", L"CreateFileW (trace)",
+    L"CloseHandle",          L"WriteFile",           L"WaitForSingleObject",
+    L"ReleaseMutex",         L"GetLocalTime",        L"BackupRead",
+    L"BackupWrite",          L"SetFileTime",         L"SetFileAttributesW",
+    L"GetFileAttributesW",   L"CreateDirectoryW",    L"FindFirstFileW",
+    L"FindNextFileW"};
 
 struct CCallCounts
 {
@@ -292,9 +298,11 @@ template <typename Fn> Fn Original(ECall e)
 HANDLE WINAPI CountedCreateFileW(LPCWSTR pwszName, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES psa,
                                  DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate)
 {
-    CCallTimer timer(dwAccess == FILE_APPEND_DATA ? kCreateFileTrace : kCreateFileCopy);
-    return Original<decltype(&::CreateFileW)>(kCreateFileCopy)(pwszName, dwAccess, dwShare, psa, dwDisposition,
-                                                               dwFlags, hTemplate);
+    CCallTimer timer(dwAccess == FILE_APPEND_DATA      ? kCreateFileTrace
+                     : (dwAccess & GENERIC_WRITE) != 0 ? kCreateFileDestination
+                                                       : kCreateFileSource);
+    return Original<decltype(&::CreateFileW)>(kCreateFileSource)(pwszName, dwAccess, dwShare, psa,
+                                                                 dwDisposition, dwFlags, hTemplate);
 }
 BOOL WINAPI CountedCloseHandle(HANDLE h)
 {
@@ -321,12 +329,14 @@ void WINAPI CountedGetLocalTime(LPSYSTEMTIME pst)
     CCallTimer timer(kGetLocalTime);
     Original<decltype(&::GetLocalTime)>(kGetLocalTime)(pst);
 }
-BOOL WINAPI CountedBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity, LPVOID* ppv)
+BOOL WINAPI CountedBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
+                              LPVOID* ppv)
 {
     CCallTimer timer(kBackupRead);
     return Original<decltype(&::BackupRead)>(kBackupRead)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
 }
-BOOL WINAPI CountedBackupWrite(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity, LPVOID* ppv)
+BOOL WINAPI CountedBackupWrite(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
+                               LPVOID* ppv)
 {
     CCallTimer timer(kBackupWrite);
     return Original<decltype(&::BackupWrite)>(kBackupWrite)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
@@ -369,7 +379,7 @@ class CCallCounters
 public:
     explicit CCallCounters(HMODULE hModule)
     {
-        Patch(hModule, "CreateFileW", kCreateFileCopy, reinterpret_cast<void*>(&CountedCreateFileW));
+        Patch(hModule, "CreateFileW", kCreateFileSource, reinterpret_cast<void*>(&CountedCreateFileW));
         Patch(hModule, "CloseHandle", kCloseHandle, reinterpret_cast<void*>(&CountedCloseHandle));
         Patch(hModule, "WriteFile", kWriteFile, reinterpret_cast<void*>(&CountedWriteFile));
         Patch(hModule, "WaitForSingleObject", kWaitForSingleObject,
@@ -379,9 +389,12 @@ public:
         Patch(hModule, "BackupRead", kBackupRead, reinterpret_cast<void*>(&CountedBackupRead));
         Patch(hModule, "BackupWrite", kBackupWrite, reinterpret_cast<void*>(&CountedBackupWrite));
         Patch(hModule, "SetFileTime", kSetFileTime, reinterpret_cast<void*>(&CountedSetFileTime));
-        Patch(hModule, "SetFileAttributesW", kSetFileAttributes, reinterpret_cast<void*>(&CountedSetFileAttributesW));
-        Patch(hModule, "GetFileAttributesW", kGetFileAttributes, reinterpret_cast<void*>(&CountedGetFileAttributesW));
-        Patch(hModule, "CreateDirectoryW", kCreateDirectory, reinterpret_cast<void*>(&CountedCreateDirectoryW));
+        Patch(hModule, "SetFileAttributesW", kSetFileAttributes,
+              reinterpret_cast<void*>(&CountedSetFileAttributesW));
+        Patch(hModule, "GetFileAttributesW", kGetFileAttributes,
+              reinterpret_cast<void*>(&CountedGetFileAttributesW));
+        Patch(hModule, "CreateDirectoryW", kCreateDirectory,
+              reinterpret_cast<void*>(&CountedCreateDirectoryW));
         Patch(hModule, "FindFirstFileW", kFindFirstFile, reinterpret_cast<void*>(&CountedFindFirstFileW));
         Patch(hModule, "FindNextFileW", kFindNextFile, reinterpret_cast<void*>(&CountedFindNextFileW));
     }
@@ -398,7 +411,8 @@ public:
 private:
     void Patch(HMODULE hModule, const char* pszFunction, ECall e, const void* pfn)
     {
-        m_vPatches.push_back(std::make_unique<winecompat::CIatPatch>(hModule, "KERNEL32.dll", pszFunction, pfn));
+        m_vPatches.push_back(
+            std::make_unique<winecompat::CIatPatch>(hModule, "KERNEL32.dll", pszFunction, pfn));
         g_apfnOriginal[e] = m_vPatches.back()->Original();
     }
 
@@ -408,7 +422,8 @@ private:
 // Where one restore's time went, per file restored.
 void PrintCalls(const wchar_t* pwszName, const CCallCounts& counts, size_t nFiles, double dSeconds)
 {
-    std::wprintf(L"  %ls: %.0f us per file, of which at KEFL.dll's imports:\n", pwszName, dSeconds * 1e6 / nFiles);
+    std::wprintf(L"  %ls: %.0f us per file, of which at KEFL.dll's imports:\n", pwszName,
+                 dSeconds * 1e6 / nFiles);
     double dCounted = 0.0;
     for (int e = 0; e < kCallKinds; ++e)
     {
@@ -416,10 +431,11 @@ void PrintCalls(const wchar_t* pwszName, const CCallCounts& counts, size_t nFile
             continue;
         dCounted += counts.aSeconds[e];
         std::wprintf(L"    %-22ls %6.2f calls/file %8.1f us each %8.1f us/file\n", kCallNames[e],
-                     static_cast<double>(counts.aCalls[e]) / nFiles, counts.aSeconds[e] * 1e6 / counts.aCalls[e],
-                     counts.aSeconds[e] * 1e6 / nFiles);
+                     static_cast<double>(counts.aCalls[e]) / nFiles,
+                     counts.aSeconds[e] * 1e6 / counts.aCalls[e], counts.aSeconds[e] * 1e6 / nFiles);
     }
-    std::wprintf(L"    %-22ls %38.1f us/file\n", L"(rest: KEFL's own work)", (dSeconds - dCounted) * 1e6 / nFiles);
+    std::wprintf(L"    %-22ls %38.1f us/file\n", L"(rest: KEFL's own work)",
+                 (dSeconds - dCounted) * 1e6 / nFiles);
 }
 
 struct CLibrary
@@ -568,10 +584,11 @@ int main(int argc, char** argv)
             dFirstPerFile = dPerFile;
         std::wprintf(L"  errors only: %.3f ms per file, %.2f x the per-file time of the first size\n",
                      dPerFile * 1000.0, dPerFile / dFirstPerFile);
-        std::wprintf(L"  peak working set while restoring: %.1f MiB at the default trace level, %.1f MiB errors "
-                     L"only (this process's peak so far %.1f MiB)",
-                     cbPeakKefl / (1024.0 * 1024.0), cbPeakKeflQuiet / (1024.0 * 1024.0),
-                     OwnPeakWorkingSet() / (1024.0 * 1024.0));
+        std::wprintf(
+            L"  peak working set while restoring: %.1f MiB at the default trace level, %.1f MiB errors "
+            L"only (this process's peak so far %.1f MiB)",
+            cbPeakKefl / (1024.0 * 1024.0), cbPeakKeflQuiet / (1024.0 * 1024.0),
+            OwnPeakWorkingSet() / (1024.0 * 1024.0));
         if (cbPeakXcopy != 0)
             std::wprintf(L", XCOPY %.1f MiB\n", cbPeakXcopy / (1024.0 * 1024.0));
         else
