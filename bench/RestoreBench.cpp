@@ -513,8 +513,14 @@ int main(int argc, char** argv)
     const bool bSavedTraceIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
     int iRc = 0;
     std::vector<size_t> vFileCounts;
+    bool bErrorsOnlyFirst = false;
     for (int i = 1; i < argc; ++i)
-        vFileCounts.push_back(static_cast<size_t>(std::strtoull(argv[i], nullptr, 10)));
+    {
+        if (std::strcmp(argv[i], "--errors-only-first") == 0)
+            bErrorsOnlyFirst = true;
+        else
+            vFileCounts.push_back(static_cast<size_t>(std::strtoull(argv[i], nullptr, 10)));
+    }
     if (vFileCounts.empty())
         vFileCounts = kDefaultFileCounts;
     double dFirstPerFile = 0.0;
@@ -533,23 +539,39 @@ int main(int argc, char** argv)
         }
         std::wprintf(L"%zu files, %.1f MiB\n", nFiles, static_cast<double>(ullBytes) / (1024.0 * 1024.0));
 
-        // The default trace mask first (errors, warnings, values), then errors only. Written out
-        // each time: a trace.ini without the key keeps the mask that was set last.
+        // The default trace mask (errors, warnings, values) and errors only, the default first
+        // unless --errors-only-first is given. trace.ini is written out each time, as a new file:
+        // a trace.ini without the key keeps the mask that was set last, and the profile cache
+        // could answer with the old file.
+        auto RestoreAtLevel = [&lib](const char* pszIni, SIZE_T& cbPeak, CCallCounts& counts, size_t& nCopied)
+        {
+            WriteBytes(kTraceIni, pszIni, static_cast<DWORD>(std::strlen(pszIni)));
+            const double dSeconds = RestoreThroughKefl(lib, cbPeak, counts);
+            nCopied = CountFiles(L"E:\\Tree");
+            RemoveTree(L"E:\\Tree");
+            ::DeleteFileW(kTraceIni);
+            return dSeconds;
+        };
         const char kDefault[] = "[Main]\r\nKEFL_TraceLevel=3\r\nVESK_TraceLevel=3\r\n";
-        WriteBytes(kTraceIni, kDefault, sizeof(kDefault) - 1);
-        SIZE_T cbPeakKefl = 0;
-        CCallCounts countsKefl;
-        const double dKefl = RestoreThroughKefl(lib, cbPeakKefl, countsKefl);
-        const size_t nKefl = CountFiles(L"E:\\Tree");
-        RemoveTree(L"E:\\Tree");
-        ::DeleteFileW(kTraceIni); // a new file: the profile cache cannot answer with the old one
         const char kQuiet[] = "[Main]\r\nKEFL_TraceLevel=1\r\nVESK_TraceLevel=1\r\n";
-        WriteBytes(kTraceIni, kQuiet, sizeof(kQuiet) - 1);
+        SIZE_T cbPeakKefl = 0;
         SIZE_T cbPeakKeflQuiet = 0;
+        CCallCounts countsKefl;
         CCallCounts countsKeflQuiet;
-        const double dKeflQuiet = RestoreThroughKefl(lib, cbPeakKeflQuiet, countsKeflQuiet);
-        const size_t nKeflQuiet = CountFiles(L"E:\\Tree");
-        ::DeleteFileW(kTraceIni);
+        size_t nKefl = 0;
+        size_t nKeflQuiet = 0;
+        double dKefl = 0.0;
+        double dKeflQuiet = 0.0;
+        if (bErrorsOnlyFirst)
+        {
+            dKeflQuiet = RestoreAtLevel(kQuiet, cbPeakKeflQuiet, countsKeflQuiet, nKeflQuiet);
+            dKefl = RestoreAtLevel(kDefault, cbPeakKefl, countsKefl, nKefl);
+        }
+        else
+        {
+            dKefl = RestoreAtLevel(kDefault, cbPeakKefl, countsKefl, nKefl);
+            dKeflQuiet = RestoreAtLevel(kQuiet, cbPeakKeflQuiet, countsKeflQuiet, nKeflQuiet);
+        }
 
         SIZE_T cbPeakXcopy = 0;
         double dStart = Seconds();
