@@ -88,10 +88,8 @@ void RemoveTree(const std::wstring& sPath, bool bKeepRoot)
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
     for (bool bMore = hFind.is_valid(); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
-    {
         if (std::wstring(fd.cFileName) != L"." && std::wstring(fd.cFileName) != L"..")
             RemoveTree(sDir + L"\\" + fd.cFileName);
-    }
     hFind.reset();
     if (!bKeepRoot)
         ::RemoveDirectoryW(sDir.c_str());
@@ -100,12 +98,6 @@ void RemoveTree(const std::wstring& sPath, bool bKeepRoot)
 bool FileExists(const std::wstring& sPath)
 {
     return ::GetFileAttributesW(LongPath(sPath).c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-bool IsFolder(const std::wstring& sPath)
-{
-    const DWORD dwAttributes = ::GetFileAttributesW(LongPath(sPath).c_str());
-    return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 std::wstring LongPath(const std::wstring& sPath)
@@ -137,15 +129,12 @@ std::string ReadBytes(const std::wstring& sPath)
     morvane::CUniqueFile hFile(::CreateFileW(LongPath(sPath).c_str(), GENERIC_READ,
                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hFile)
-        return "<missing>";
     std::string sBytes;
-    std::vector<char> vBuffer(65536);
+    char buf[65536];
     DWORD cbRead = 0;
-    while (::ReadFile(hFile.get(), vBuffer.data(), static_cast<DWORD>(vBuffer.size()), &cbRead, nullptr) &&
-           cbRead > 0)
-        sBytes.append(vBuffer.data(), cbRead);
-    return sBytes;
+    while (hFile && ::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0)
+        sBytes.append(buf, cbRead);
+    return hFile ? sBytes : "<missing>";
 }
 
 std::string Pattern(size_t cb, uint32_t uiSeed)
@@ -176,14 +165,12 @@ void ResetHostConfiguration()
     RemoveFile(HostDir() + L"\\qtx.ini");
 }
 
-namespace
-{
-void ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel,
-                  std::map<std::wstring, CMetadata>& tree)
+std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel)
 {
     constexpr DWORD kRestored = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                 FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_ARCHIVE |
                                 FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
+    std::map<std::wstring, CMetadata> tree;
     WIN32_FIND_DATAW fd;
     morvane::CUniqueFind hFind(::FindFirstFileW(LongPath(sRoot + sRel + L"\\*").c_str(), &fd));
     for (bool bMore = hFind.is_valid(); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
@@ -194,15 +181,8 @@ void ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel,
         const FILETIME ft[] = {fd.ftCreationTime, fd.ftLastAccessTime, fd.ftLastWriteTime};
         tree[sPath] = {fd.dwFileAttributes & kRestored, std::bit_cast<std::array<uint64_t, 3>>(ft)};
         if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            ReadMetadata(sRoot, sPath, tree);
+            tree.merge(ReadMetadata(sRoot, sPath));
     }
-}
-} // namespace
-
-std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot)
-{
-    std::map<std::wstring, CMetadata> tree;
-    ReadMetadata(sRoot, L"", tree);
     return tree;
 }
 

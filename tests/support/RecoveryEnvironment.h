@@ -40,9 +40,8 @@ void RemoveFile(const std::wstring& sPath);
 // work); with bKeepRoot the folder itself stays, emptied.
 void RemoveTree(const std::wstring& sPath, bool bKeepRoot = false);
 bool FileExists(const std::wstring& sPath);
-bool IsFolder(const std::wstring& sPath);
-// The "\\?\" form of a drive path, for paths beyond 260 characters; FileExists, IsFolder and
-// RemoveTree take paths of any length through it.
+// The "\\?\" form of a drive path, for paths beyond 260 characters; FileExists and RemoveTree
+// take paths of any length through it.
 std::wstring LongPath(const std::wstring& sPath);
 // Makes a folder and every missing folder above it (long paths too).
 void MakeFolders(const std::wstring& sPath);
@@ -67,7 +66,7 @@ struct CMetadata
     std::array<uint64_t, 3> times = {}; // creation, last access, last write
     bool operator==(const CMetadata&) const = default;
 };
-std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot);
+std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel = L"");
 void WriteMetadata(const std::wstring& sPath, const CMetadata& metadata);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
