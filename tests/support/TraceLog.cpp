@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <regex>
 
 namespace kefltest
@@ -12,26 +13,15 @@ namespace kefltest
 std::vector<std::wstring> ReadLogLines(const std::wstring& sPath)
 {
     const std::string sBytes = FileExists(sPath) ? ReadBytes(sPath) : std::string();
-    std::wstring sText;
-    if (!sBytes.empty())
+    std::wstring sText(sBytes.size(), L'\0');
+    const int cch = ::MultiByteToWideChar(CP_UTF8, 0, sBytes.data(), static_cast<int>(sBytes.size()),
+                                          sText.data(), static_cast<int>(sText.size()));
+    sText.resize(std::max(cch, 0));
+    std::vector<std::wstring> vLines; // an unterminated last line shows up as such
+    for (size_t pos = 0, posEnd = 0; pos < sText.size(); pos = posEnd + 2)
     {
-        sText.resize(sBytes.size());
-        const int cch = ::MultiByteToWideChar(CP_UTF8, 0, sBytes.data(), static_cast<int>(sBytes.size()),
-                                              sText.data(), static_cast<int>(sText.size()));
-        sText.resize(cch > 0 ? static_cast<size_t>(cch) : 0);
-    }
-    std::vector<std::wstring> vLines;
-    size_t pos = 0;
-    while (pos < sText.size())
-    {
-        const size_t posEnd = sText.find(L"\r\n", pos);
-        if (posEnd == std::wstring::npos)
-        {
-            vLines.push_back(sText.substr(pos)); // an unterminated last line shows up as such
-            break;
-        }
+        posEnd = std::min(sText.find(L"\r\n", pos), sText.size());
         vLines.push_back(sText.substr(pos, posEnd - pos));
-        pos = posEnd + 2;
     }
     return vLines;
 }
@@ -43,12 +33,7 @@ std::optional<CTraceLine> ParseTraceLine(const std::wstring& sLine)
     std::wsmatch m;
     if (!std::regex_match(sLine, m, kPrefix))
         return std::nullopt;
-    CTraceLine line;
-    line.sTimestamp = m[1];
-    line.uiThreadId = static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16));
-    line.sMarker = m[3];
-    line.sText = m[4];
-    return line;
+    return CTraceLine{m[1], static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16)), m[3], m[4]};
 }
 
 std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLines,
