@@ -1,34 +1,23 @@
 // Starting a restore session: the credentials, the backup location, the link-point files.
 #include "dll/SessionFixture.h"
 
-#include "support/Patches.h"
-
 #include <algorithm>
 #include <shlwapi.h>
 
 using namespace kefltest;
 
-namespace
-{
-
-// A drive whose root folder cannot be looked at (access denied).
-decltype(&::PathIsDirectoryW) g_pfnRealPathIsDirectory = nullptr;
-BOOL WINAPI PathIsDirectoryDeniedAtRootF(LPCWSTR pwszPath)
-{
-    if (_wcsicmp(pwszPath, L"F:\\") != 0)
-        return g_pfnRealPathIsDirectory(pwszPath);
-    ::SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-}
-
-} // namespace
-
 TEST_F(SessionFixture, InitTakesABackupFolderOrADriveRootAndStartsOverWhenCalledAgain)
 {
     MakeBackup(L"F:");
-    CPatches patches; // a root is taken without looking at it as a folder
-    g_pfnRealPathIsDirectory =
-        patches.Patch(m_pLibrary->Module(), "SHLWAPI.dll", "PathIsDirectoryW", &PathIsDirectoryDeniedAtRootF);
+    // A root is taken without looking at it as a folder: F:\ here cannot be looked at (access denied).
+    static decltype(&::PathIsDirectoryW) s_pfnReal = nullptr;
+    s_pfnReal = m_patches.Patch(m_pLibrary->Module(), "SHLWAPI.dll", "PathIsDirectoryW",
+                                +[](LPCWSTR pwszPath) -> BOOL
+                                {
+                                    if (_wcsicmp(pwszPath, L"F:\\") != 0)
+                                        return s_pfnReal(pwszPath);
+                                    return ::SetLastError(ERROR_ACCESS_DENIED), FALSE;
+                                });
     for (const wchar_t* pwszLocation : {kBackup, L"F:\\", kBackup})
     {
         RemoveFile(KeflLogPath());
