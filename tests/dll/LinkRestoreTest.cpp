@@ -70,10 +70,9 @@ decltype(&::GetVolumeInformationW) g_pfnRealVolumeInformation = nullptr;
 BOOL WINAPI VolumeInformation(LPCWSTR pwszRoot, LPWSTR pwszName, DWORD cchName, LPDWORD pdwSerial,
                               LPDWORD pcchMax, LPDWORD pdwFlags, LPWSTR pwszFs, DWORD cchFs)
 {
-    if (pwszRoot[0] == L'G')
-        return wcscpy_s(pwszFs, cchFs, L"FAT32") == 0;
-    return g_pfnRealVolumeInformation(pwszRoot, pwszName, cchName, pdwSerial, pcchMax, pdwFlags, pwszFs,
-                                      cchFs);
+    return pwszRoot[0] == L'G' ? wcscpy_s(pwszFs, cchFs, L"FAT32") == 0
+                               : g_pfnRealVolumeInformation(pwszRoot, pwszName, cchName, pdwSerial, pcchMax,
+                                                            pdwFlags, pwszFs, cchFs);
 }
 
 class LinkRestoreTest : public SessionFixture
@@ -93,11 +92,7 @@ protected:
         g_pfnRealGetProcAddress = Patch("GetProcAddress", &GetProcAddressForLinks);
         g_pfnRealVolumeInformation = Patch("GetVolumeInformationW", &VolumeInformation);
         Patch("DeviceIoControl", &SetReparsePointAsWindows);
-        MakeClient();
-    }
-    void MakeClient()
-    {
-        m_pClient = m_pLibrary->Factory();
+        m_pClient = m_pLibrary->Factory(); // one that finds the stand-ins
         m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
     }
     template <class Fn> Fn Patch(const char* pszFunction, Fn pfnStandIn)
@@ -170,7 +165,8 @@ TEST_F(LinkRestoreTest, LinksAreMadeAsRecordedAndAFailureFailsTheLaterPassesToo)
 TEST_F(LinkRestoreTest, WithoutTheEntryPointsOnlyJunctionsAreMade)
 {
     g_bNoLinkEntryPoints = true;
-    MakeClient();
+    m_pClient = m_pLibrary->Factory();
+    m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
     Restore(Ini(L"E:\\J", L"F:\\T"), Ini(L"E:\\S", L"F:\\T"), "[1]\r\nH1=E:\\f\r\nH2=E:\\h\r\n");
 
     const auto vLines = KeflLog();
@@ -191,9 +187,6 @@ TEST_F(LinkRestoreTest, ARefusedHardLinkLeavesTheRestoredCopyUnderItsName)
     EXPECT_EQ("refused copy", ReadBytes(L"E:\\Refused.txt"));
     EXPECT_EQ(2u, FileIdentity(L"E:\\file.txt").dwLinks);
     EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
-    std::wstring sNames; // no copy moved aside is left in the folder
-    for (const auto& [sName, metadata] : ReadMetadata(L"E:"))
-        sNames += sName;
-    EXPECT_EQ(L"\\Refused.txt\\copy.txt\\file.txt", sNames);
+    EXPECT_EQ(3u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
     EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 3}}), States());
 }
