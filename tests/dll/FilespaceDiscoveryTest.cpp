@@ -14,10 +14,8 @@ const std::wstring kConfigDir = L"R:\\Cfg", kDisrec = L"R:\\Backup\\#\\disrec.in
 class FilespaceDiscoveryTest : public SessionFixture
 {
 protected:
-    // D: marked as the drive that held the configuration (R:\\Cfg is left for the next test to
-    // remove); the session started. Init makes the
-    // console that XCOPY's input comes from: the test program's own, in which Wine cannot open
-    // "CONIN$", is let go first.
+    // D: as the drive that held the configuration; the session started. Init makes the console that
+    // XCOPY's input comes from: the test program's own, where Wine cannot open "CONIN$", goes first.
     void SetUp() override
     {
         SessionFixture::SetUp();
@@ -27,12 +25,14 @@ protected:
         ::FreeConsole();
         ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << testing::PrintToString(ErrorText());
     }
-    // The list asked for, as its letters and flags (" C:3 D:2"), after "refused:" when refused.
-    std::wstring List(std::vector<Filespace>& vFilespaces)
+    // The list that vFilespaces grows to, as letters, flags and mount folders (" C:3 D:2 C:8c:\\M"),
+    // after "refused:" when refused.
+    std::wstring List(std::vector<Filespace> vFilespaces = {})
     {
         std::wstring sList = m_pClient->GetFilespaceList(vFilespaces) ? L"" : L"refused:";
         for (const auto& fs : vFilespaces)
-            sList += L" " + std::wstring(1, fs.wcFsDriveLetter) + L":" + std::to_wstring(fs.dwFsFlags);
+            sList += L" " + std::wstring(1, fs.wcFsDriveLetter) + L":" + std::to_wstring(fs.dwFsFlags) +
+                     fs.sFsMountDir;
         return sList;
     }
 };
@@ -55,12 +55,12 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
     const std::string sWinDir = "[WinDir]\r\nDriveLetter=C\r\nDirectory=\\WINDOWS\r\n";
     const std::pair<std::string, const wchar_t*> cases[] = {
         {sWinDir + "PhysicalDrive=0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=1\r\n",
-         L" Q:64 C:3 D:2 F:0 G:0 C:8"},
+         L" Q:64 C:3 D:2 F:0 G:0 C:8c:\\Mount"},
         {sWinDir + "PhysicalDrive=0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=0\r\n",
-         L" Q:64 C:3 D:7 F:0 G:0 C:8"},
+         L" Q:64 C:3 D:7 F:0 G:0 C:8c:\\Mount"},
         {sWinDir + "PhysicalDrive=1\r\nBootDriveLetter=c\r\nBootPartition=2\r\n[PhysicalDrive1]\r\n"
                    "PartitionStyle=0\r\nDriveLetter2=d\r\n",
-         L" Q:64 C:3 D:7 F:0 G:0 C:8"},
+         L" Q:64 C:3 D:7 F:0 G:0 C:8c:\\Mount"},
     };
     for (const auto& [sDisrec, pwszList] : cases)
     {
@@ -71,7 +71,6 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
         vFilespaces[0].wcFsDriveLetter = L'Q';
         vFilespaces[0].dwFsFlags = 0x40;
         EXPECT_EQ(pwszList, List(vFilespaces)) << sDisrec;
-        EXPECT_EQ(L"c:\\Mount", vFilespaces.back().sFsMountDir);
         EXPECT_TRUE(FileExists(kConfigDir + L"\\Sub\\hidden.txt"));
         EXPECT_TRUE(
             HasText(KeflLog(),
@@ -86,15 +85,13 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
     WriteTextFile(sBackup + L"\\#\\disrec.ini", cases[1].first);
     RemoveTree(kConfigDir);
     ASSERT_TRUE(m_pClient->Init(Credentials(sBackup).get())) << testing::PrintToString(ErrorText());
-    std::vector<Filespace> vFilespaces;
-    EXPECT_EQ(L" C:3 D:7", List(vFilespaces));
+    EXPECT_EQ(L" C:3 D:7", List());
     EXPECT_TRUE(FileExists(kConfigDir + L"\\HPoint.dat"));
     RemoveTree(sBackup);
     // Another backup, without a configuration drive: nothing of the last one's BOOT and SYSTEM.
     MakeBackup(L"F:");
     ASSERT_TRUE(m_pClient->Init(Credentials(L"F:\\").get())) << testing::PrintToString(ErrorText());
-    vFilespaces.clear();
-    EXPECT_EQ(L" C:0 D:0", List(vFilespaces));
+    EXPECT_EQ(L" C:0 D:0", List());
     RemoveTree(L"F:", true);
 }
 
@@ -129,8 +126,7 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
             WriteTextFile(kDisrec, std::string("[WinDir]\r\n") + pszWinDir +
                                        "[PhysicalDrive0]\r\nPartitionStyle=0\r\n");
         g_vMessages.clear();
-        std::vector<Filespace> vFilespaces;
-        EXPECT_EQ(L"refused: C:0", List(vFilespaces)) << "what was listed before stays";
+        EXPECT_EQ(L"refused: C:0", List()) << "what was listed before stays";
         ASSERT_EQ(4u, g_vMessages.size());
         EXPECT_EQ(sMessage, std::to_wstring(g_vMessages[2].uiSeverity) + L" " + g_vMessages[2].sText);
         EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
@@ -138,8 +134,7 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
     // One that cannot be deleted (a folder of that name) stops the listing before the copy.
     RemoveTree(kConfigDir);
     MakeFolders(kConfigDir + L"\\disrec.ini");
-    std::vector<Filespace> vFilespaces;
-    EXPECT_EQ(L"refused: C:0", List(vFilespaces));
+    EXPECT_EQ(L"refused: C:0", List());
     EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::GetConfig : dwLastError = 5"));
 }
