@@ -59,7 +59,7 @@ struct CFileIdentity
 };
 CFileIdentity FileIdentity(const std::wstring& sPath);
 // What a restore gives back of a file or folder beside its bytes: the attributes it restores and
-// the creation, last-access and last-write times, by path below the listed folder.
+// the creation, last-access and last-write times, by path below sRoot (of sRel and what is below it).
 struct CMetadata
 {
     DWORD dwAttributes = 0;
