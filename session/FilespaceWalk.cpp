@@ -51,7 +51,10 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
     std::wstring sPath = sFolder; // the folder being listed; then, for a moment, an entry in it
     std::vector<CWalkFrame> vStack;
     WIN32_FIND_DATAW fd;
-    CUniqueFind hFind(::FindFirstFileW(LongPath(sPath + L"\\*").c_str(), &fd));
+    // The pattern is built first: freeing a temporary between the call and GetLastError could
+    // change the error.
+    std::wstring sPattern = LongPath(sPath + L"\\*");
+    CUniqueFind hFind(::FindFirstFileW(sPattern.c_str(), &fd));
     if (!hFind)
         return EndWalk(sPath, ::GetLastError(), L"... ending(FindFirstFile failed)", 0);
     vStack.push_back({std::move(hFind), CWalkEntry::kNoParent, sPath.size()});
@@ -94,7 +97,8 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
         ++walk.ullDirectories;
         // The folder's content comes next, before the rest of this listing.
         g_KeflTrace.TraceMessage(TRACE_VERBOSE, kCountFiles, L"starting ...");
-        hFind.reset(::FindFirstFileW(LongPath(sPath + L"\\*").c_str(), &fd));
+        sPattern = LongPath(sPath + L"\\*");
+        hFind.reset(::FindFirstFileW(sPattern.c_str(), &fd));
         if (!hFind)
             return EndWalk(sPath, ::GetLastError(), L"... ending(FindFirstFile failed)", vStack.size());
         vStack.push_back({std::move(hFind), uiEntry, sPath.size()});
