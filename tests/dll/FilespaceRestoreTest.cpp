@@ -352,6 +352,11 @@ TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
     // As deep as the file system's path length allows: about 1,900 levels under Wine, 16,000 on Windows.
     if (::GetEnvironmentVariableW(L"KEFL_TESTS_QUICK", nullptr, 0) != 0)
         GTEST_SKIP() << "minutes under Wine; left out with KEFL_TESTS_QUICK set";
+    // Taken down on every way out: the recursive removal after each test would need a deep stack.
+    struct CChains
+    {
+        ~CChains() { RemoveChain(L"E:"), RemoveChain(kSourceE); }
+    } chains;
     WriteBytes(kSourceE + L"\\d", "the deepest file");
     std::wstring sRel = L"\\d";
     while (sRel.size() < 32000 && ::CreateDirectoryW((kSourceE + L"\\n").c_str(), nullptr) &&
@@ -377,6 +382,4 @@ TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
     EXPECT_TRUE(restore.bResult) << testing::PrintToString(ErrorText());
     EXPECT_EQ("the deepest file", ReadBytes(L"E:" + sRel)) << sRel.size() / 2 << " levels";
     EXPECT_LT(restore.cbStackUsed, 48u * 1024) << "bytes of stack; 64 KiB hold the thread";
-    RemoveChain(L"E:"); // the recursive removal after each test would need a deep stack
-    RemoveChain(kSourceE);
 }
