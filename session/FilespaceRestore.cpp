@@ -8,6 +8,7 @@
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
 
+#include <algorithm>
 #include <cwchar>
 #include <new>
 #include <vector>
@@ -305,7 +306,12 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
                 }
             }
         }
-        else if (!IsSkippedFile(sDst))
+        else if (IsSkippedFile(sDst))
+        {
+            // Counted, but left out by rule: what will be restored is the total.
+            progress.ullTotal -= std::min(progress.ullTotal, entry.ullSize);
+        }
+        else
         {
             sSrc.assign(sSrcFolder);
             walk.AppendPath(uiEntry, sSrc);
@@ -423,10 +429,14 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
             g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (source)");
             break;
         }
+        // The count knew each file's data only; the stream headers (and a file grown since the
+        // count) raise the total as they are read, so that bytes done never pass it.
+        ullTotalBytesRead += dwBytesRead;
+        if (ullTotalBytesRead > entry.ullSize)
+            progress.ullTotal += std::min<uint64_t>(dwBytesRead, ullTotalBytesRead - entry.ullSize);
         progress.ullBytesDone += dwBytesRead;
         if (m_pfnProgMsg)
             m_pfnProgMsg(&progress, m_pProgMsgCtx);
-        ullTotalBytesRead += dwBytesRead;
 
         DWORD dwRemaining = dwBytesRead;
         while (dwRemaining > 0)
