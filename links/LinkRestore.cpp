@@ -261,6 +261,9 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
         }
         if (!bOk)
         {
+            // The link's own name at error level: not every reason a link routine gives has
+            // one, and a host learns the links that failed from these lines.
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sLink", point.sLink);
             g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, texts.pwszFailure);
             bFailed = true;
         }
