@@ -79,20 +79,23 @@ CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory
     return pCredentials;
 }
 
-void PrintCredentials(morvane::VeskCredentials& credentials)
+void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation, std::wstring& sPointInTime)
 {
     auto& kefl = static_cast<morvane::KeflCredentials&>(credentials);
-    PrintLine(L"Location:      " + kefl.m_sTargetPath);
+    sLocation = kefl.m_sTargetPath;
+    PrintLine(L"Location:      " + sLocation);
     const SYSTEMTIME& st = credentials.m_Pit;
     if (!IsSet(st))
     {
+        sPointInTime.clear();
         PrintLine(L"Point in time: the latest backup");
         return;
     }
     wchar_t wszPit[32];
     std::swprintf(wszPit, 32, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
                   st.wMinute, st.wSecond);
-    PrintLine(std::wstring(L"Point in time: ") + wszPit);
+    sPointInTime = wszPit;
+    PrintLine(L"Point in time: " + sPointInTime);
 }
 
 } // namespace keflhost

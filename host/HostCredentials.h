@@ -25,6 +25,7 @@ CCredentialsPtr CredentialsFromAnswerFile(morvane::CredentialsFactoryFn pfnFacto
 // reason printed) when the point in time is not valid.
 CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory,
                                         const std::wstring& sLocation, const std::wstring& sPit);
-void PrintCredentials(morvane::VeskCredentials& credentials);
+// Prints where the backup is and which point in time is restored, and hands both back.
+void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation, std::wstring& sPointInTime);
 
 } // namespace keflhost

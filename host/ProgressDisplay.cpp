@@ -1,7 +1,6 @@
 #include "host/ProgressDisplay.h"
 
-#include "host/HostOutput.h"
-
+#include <algorithm>
 #include <cstdio>
 
 namespace keflhost
@@ -9,10 +8,16 @@ namespace keflhost
 namespace
 {
 
-// At most this often a new bar: a progress line per read of 64 KiB would flood the screen.
-constexpr ULONGLONG kDrawIntervalMs = 500;
+// A console redraws one line: a few times a second reads as live. A log gets a line now and then:
+// an hour's restore in 360 lines, not in one per read of 64 KiB.
+constexpr uint64_t kConsoleIntervalMs = 250;
+constexpr uint64_t kLogIntervalMs = 10000;
 
 } // namespace
+
+CProgressDisplay::CProgressDisplay(COutputSink& output, Clock clock) : m_output(output), m_clock(std::move(clock))
+{
+}
 
 int32_t CProgressDisplay::OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext)
 {
@@ -24,70 +29,78 @@ int32_t CProgressDisplay::OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullC
 
 void CProgressDisplay::Show(const morvane::ProgMsg& msg)
 {
-    if (msg.uiState == morvane::PROG_STATE_STARTING && msg.ullBytesDone == 0 && msg.sPath != m_sPath)
+    if (!msg.sTitle.empty()) // a link pass: a title, a detail, counts instead of bytes
     {
-        m_sPath = msg.sPath;
-        m_ullStartTick = ::GetTickCount64();
-        m_ullLastDrawTick = 0;
-        m_bDrawn = false;
-        PrintLine(L"Restoring " + msg.sPath);
-    }
-    if (msg.uiState == morvane::PROG_STATE_FAILED)
-        PrintLine(L"  the count of " + msg.sPath + L" failed");
-    else if (msg.uiState == morvane::PROG_STATE_TEXT && msg.ullBytesDone == 0 && msg.ullTotal == 0 &&
-             !msg.sText.empty())
-        PrintLine(L"  " + msg.sText);
-    if (!msg.sTitle.empty()) // link restore: a title and a detail, counts instead of bytes
-    {
-        ShowLinkPass(msg);
+        if (msg.uiState == morvane::PROG_STATE_STARTING && m_cLinkPassesStarted < m_linkPasses.size())
+            m_linkPasses[m_cLinkPassesStarted++] = CLinkPass{msg.ullTotal, 0, 0};
+        else if (msg.uiState == morvane::PROG_STATE_TEXT && !msg.sText.empty())
+            m_output.Line(msg.sText);
+        else if (msg.uiState == morvane::PROG_STATE_FAILED)
+            m_bLinksFailed = true;
+        if (m_cLinkPassesStarted > 0)
+            m_linkPasses[m_cLinkPassesStarted - 1].ullDone = msg.ullDone;
         return;
     }
-    m_ullBytesDone = msg.ullBytesDone;
-    m_ullTotal = msg.ullTotal;
-    const ULONGLONG ullNow = ::GetTickCount64();
-    if (m_ullTotal != 0 && ullNow - m_ullLastDrawTick >= kDrawIntervalMs)
-    {
-        m_ullLastDrawTick = ullNow;
-        Draw();
-    }
-}
-
-void CProgressDisplay::ShowLinkPass(const morvane::ProgMsg& msg)
-{
-    const std::wstring sCount = std::to_wstring(msg.ullDone) + L" of " + std::to_wstring(msg.ullTotal);
     switch (msg.uiState)
     {
     case morvane::PROG_STATE_STARTING:
-        PrintLine(msg.sTitle + L": " + std::to_wstring(msg.ullTotal));
-        break;
-    case morvane::PROG_STATE_TEXT:
-        PrintLine(L"  " + msg.sText);
+        Begin(L"Restoring " + msg.sPath);
         break;
     case morvane::PROG_STATE_FAILED:
-        m_bLinksFailed = true;
-        PrintLine(L"  " + sCount + L" done, not all made (an earlier pass may have failed)");
+        m_output.Line(L"  the files to restore could not be counted");
         break;
-    case morvane::PROG_STATE_DONE:
-        PrintLine(L"  " + sCount + L" done");
+    default:
+        // The record keeps its text (and state) while the bytes move on: a text is new once.
+        if (msg.uiState == morvane::PROG_STATE_TEXT && !msg.sText.empty() && msg.sText != m_sText)
+            m_output.Line(L"  " + msg.sText);
+        m_sText = msg.sText;
+        Update(msg.ullBytesDone, msg.ullTotal);
         break;
-    default: // one per link: too many to show
-        break;
+    }
+}
+
+void CProgressDisplay::Begin(const std::wstring& sTitle)
+{
+    m_output.Line(sTitle);
+    m_sText.clear();
+    m_sLastLine.clear();
+    m_bOpen = true;
+    m_ullDone = 0;
+    m_ullTotal = 0;
+    m_ullStartMs = m_ullLastDrawMs = m_clock();
+}
+
+void CProgressDisplay::Update(uint64_t ullDone, uint64_t ullTotal)
+{
+    m_ullDone = ullDone;
+    m_ullTotal = ullTotal;
+    const uint64_t ullNow = m_clock();
+    if (m_ullTotal != 0 && ullNow - m_ullLastDrawMs >= (m_output.IsConsole() ? kConsoleIntervalMs : kLogIntervalMs))
+    {
+        m_ullLastDrawMs = ullNow;
+        Draw(false);
     }
 }
 
 void CProgressDisplay::Finish()
 {
-    if (m_ullTotal != 0)
-        Draw();
-    m_sPath.clear();
-    m_ullTotal = 0;
-    m_ullBytesDone = 0;
+    // A log that has just had this very line does not get it twice.
+    if (m_bOpen && (m_output.IsConsole() || m_sLastLine != Line()))
+        Draw(true);
+    m_bOpen = false;
 }
 
-void CProgressDisplay::Draw()
+std::wstring CProgressDisplay::Line() const
 {
-    m_bDrawn = true;
-    PrintLine(L"  " + Bar(m_ullBytesDone, m_ullTotal, (::GetTickCount64() - m_ullStartTick) / 1000.0));
+    return L"  " + Bar(m_ullDone, m_ullTotal, m_clock() - m_ullStartMs);
+}
+
+void CProgressDisplay::Draw(bool bFinal)
+{
+    if (m_output.IsConsole() && !bFinal)
+        m_output.Status(Line());
+    else
+        m_output.Line(m_sLastLine = Line());
 }
 
 std::wstring CProgressDisplay::Bytes(uint64_t ullBytes)
@@ -104,22 +117,58 @@ std::wstring CProgressDisplay::Bytes(uint64_t ullBytes)
     return wsz;
 }
 
-std::wstring CProgressDisplay::Bar(uint64_t ullDone, uint64_t ullTotal, double dSecondsElapsed)
+std::wstring CProgressDisplay::Duration(uint64_t ullSeconds)
+{
+    wchar_t wsz[32];
+    if (ullSeconds >= 3600)
+        std::swprintf(wsz, 32, L"%u:%02u:%02u", static_cast<unsigned>(ullSeconds / 3600),
+                      static_cast<unsigned>(ullSeconds / 60 % 60), static_cast<unsigned>(ullSeconds % 60));
+    else
+        std::swprintf(wsz, 32, L"%u:%02u", static_cast<unsigned>(ullSeconds / 60),
+                      static_cast<unsigned>(ullSeconds % 60));
+    return wsz;
+}
+
+std::wstring CProgressDisplay::Bar(uint64_t ullDone, uint64_t ullTotal, uint64_t ullElapsedMs)
 {
     constexpr int kWidth = 20;
-    // Bytes read can exceed the count's total (stream headers, a file grown since the count).
-    const double dShare =
-        ullTotal == 0 ? 1.0 : (ullDone >= ullTotal ? 1.0 : static_cast<double>(ullDone) / ullTotal);
+    // The library raises its total as it meets what its count did not see; should it not, the
+    // bar still never shows more done than there is.
+    ullTotal = std::max(ullTotal, ullDone);
+    const double dShare = ullTotal == 0 ? 1.0 : static_cast<double>(ullDone) / static_cast<double>(ullTotal);
     const int iFilled = static_cast<int>(dShare * kWidth);
-    std::wstring sBar = L"[" + std::wstring(iFilled, L'#') + std::wstring(kWidth - iFilled, L'.') + L"]";
     wchar_t wszPercent[8];
     std::swprintf(wszPercent, 8, L"%3d%%", static_cast<int>(dShare * 100.0));
-    sBar += L" ";
-    sBar += wszPercent;
-    sBar += L"   " + Bytes(ullDone) + L" of " + Bytes(ullTotal);
-    if (dSecondsElapsed > 0.0)
-        sBar += L"   " + Bytes(static_cast<uint64_t>(ullDone / dSecondsElapsed)) + L"/s";
+    std::wstring sBar = L"[" + std::wstring(iFilled, L'#') + std::wstring(kWidth - iFilled, L'.') + L"] " +
+                        wszPercent + L"  " + Bytes(ullDone) + L" of " + Bytes(ullTotal);
+    const uint64_t ullSeconds = ullElapsedMs / 1000;
+    if (ullElapsedMs > 0)
+        sBar += L"  " + Bytes(ullDone * 1000 / ullElapsedMs) + L"/s";
+    sBar += L"  " + Duration(ullSeconds) + L" elapsed";
+    // Time left at the rate so far; nothing to say before anything is done, or once all is.
+    if (ullDone > 0 && ullDone < ullTotal)
+    {
+        const double dLeftMs = static_cast<double>(ullElapsedMs) * static_cast<double>(ullTotal - ullDone) /
+                               static_cast<double>(ullDone);
+        sBar += L"  " + Duration(static_cast<uint64_t>(dLeftMs / 1000.0 + 0.5)) + L" left";
+    }
     return sBar;
+}
+
+std::wstring CProgressDisplay::DescribeLinks(const CLinkPasses& passes)
+{
+    static const wchar_t* const kNames[] = {L"junctions", L"symbolic links", L"hard links"};
+    std::wstring sText;
+    for (size_t i = 0; i < passes.size(); ++i)
+    {
+        const CLinkPass& pass = passes[i];
+        const uint64_t ullFailed = std::min(pass.ullFailed, pass.ullDone);
+        sText += (i == 0 ? L"" : L", ") + std::wstring(kNames[i]) + L" " + std::to_wstring(pass.ullDone - ullFailed) +
+                 L" of " + std::to_wstring(pass.ullTotal);
+        if (ullFailed != 0)
+            sText += L" (" + std::to_wstring(ullFailed) + L" failed)";
+    }
+    return sText;
 }
 
 } // namespace keflhost

@@ -1,41 +1,75 @@
 #pragma once
-// The progress of a restore as the host shows it: a bar with percentage, bytes and rate, drawn
-// again at most a few times a second (and once at the end), whatever rate the client reports at.
+// The progress of a restore as the host shows it. On a console one status line is redrawn in
+// place (a few times a second at most); when output goes to a pipe or file, a plain line at most
+// every 10 seconds. Either way a last line ends each filespace or task. The clock is passed in so
+// that the drawing can be tested without waiting.
 #include "VESK.h"
+#include "host/HostOutput.h"
 
-#include <windows.h>
-
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace keflhost
 {
 
+// One pass of the link restore: the links the backup recorded, those done, those that failed.
+struct CLinkPass
+{
+    uint64_t ullTotal = 0;
+    uint64_t ullDone = 0;
+    uint64_t ullFailed = 0;
+};
+// Junctions, symbolic links, hard links: the library's order.
+using CLinkPasses = std::array<CLinkPass, 3>;
+
 class CProgressDisplay
 {
 public:
+    using Clock = std::function<uint64_t()>; // milliseconds
+
+    explicit CProgressDisplay(COutputSink& output, Clock clock = &::GetTickCount64);
+
     // The progress callback; ullContext is the display.
     static int32_t OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext);
-    // Draws the last state once more and ends the line of a filespace.
+    void Show(const morvane::ProgMsg& msg);
+
+    // A task of the host's own (the verification) drawn the same way.
+    void Begin(const std::wstring& sTitle);
+    void Update(uint64_t ullDone, uint64_t ullTotal);
+    // Ends the task: its last state as a line of its own.
     void Finish();
-    // Whether a link pass ended with links that were not made.
+
+    uint64_t BytesDone() const { return m_ullDone; }
+    double SecondsElapsed() const { return (m_clock() - m_ullStartMs) / 1000.0; }
+    // What the link passes reported; their failed counts are the host's to fill in.
+    CLinkPasses& LinkPasses() { return m_linkPasses; }
+    // Whether a link pass ended with links not made (this or an earlier pass's).
     bool LinksFailed() const { return m_bLinksFailed; }
 
-    // "[#######.............]  35%   12.3 MiB of 35.0 MiB   4.1 MiB/s"
-    static std::wstring Bar(uint64_t ullDone, uint64_t ullTotal, double dSecondsElapsed);
+    // "[#######.............]  35%  12.3 MiB of 35.0 MiB  4.1 MiB/s  0:12 elapsed  0:23 left"
+    static std::wstring Bar(uint64_t ullDone, uint64_t ullTotal, uint64_t ullElapsedMs);
     static std::wstring Bytes(uint64_t ullBytes);
+    static std::wstring Duration(uint64_t ullSeconds);
+    // "junctions 3 of 3, symbolic links 1 of 1, hard links 0 of 2 (2 failed)"
+    static std::wstring DescribeLinks(const CLinkPasses& passes);
 
 private:
-    void Show(const morvane::ProgMsg& msg);
-    void ShowLinkPass(const morvane::ProgMsg& msg);
-    void Draw();
+    void Draw(bool bFinal);
+    std::wstring Line() const;
 
-    std::wstring m_sPath;
-    uint64_t m_ullBytesDone = 0;
+    COutputSink& m_output;
+    Clock m_clock;
+    bool m_bOpen = false;
+    std::wstring m_sText;
+    std::wstring m_sLastLine;
+    uint64_t m_ullDone = 0;
     uint64_t m_ullTotal = 0;
-    ULONGLONG m_ullStartTick = 0;
-    ULONGLONG m_ullLastDrawTick = 0;
-    bool m_bDrawn = false;
+    uint64_t m_ullStartMs = 0;
+    uint64_t m_ullLastDrawMs = 0;
+    CLinkPasses m_linkPasses;
+    size_t m_cLinkPassesStarted = 0;
     bool m_bLinksFailed = false;
 };
 

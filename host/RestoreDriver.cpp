@@ -2,8 +2,11 @@
 
 #include "host/HostOutput.h"
 #include "host/ProgressDisplay.h"
+#include "host/LibraryTrace.h"
+#include "host/RestoreVerify.h"
 #include "winecompat/LinkStandIns.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cwctype>
 
@@ -68,6 +71,120 @@ void PrintList(const std::vector<morvane::Filespace>& vFilespaces)
                   Time(fs));
 }
 
+
+// The screen shows this many failures or differences in each list; the report has them all.
+constexpr size_t kShownOnScreen = 20;
+
+template <typename T, typename Describe>
+void PrintSome(const std::wstring& sHeading, const std::vector<T>& vItems, Describe describe, bool bReport)
+{
+    if (vItems.empty())
+        return;
+    PrintLine(sHeading);
+    for (size_t i = 0; i < vItems.size() && i < kShownOnScreen; ++i)
+        PrintLine(L"    " + describe(vItems[i]));
+    if (vItems.size() > kShownOnScreen)
+        PrintLine(L"    ... and " + std::to_wstring(vItems.size() - kShownOnScreen) + L" more" +
+                  (bReport ? L", all of them in the report" : L" (--report FILE lists them all)"));
+}
+
+void PrintFailures(const std::wstring& sHeading, const std::vector<CFailure>& vFailures, bool bReport)
+{
+    PrintSome(sHeading, vFailures, DescribeFailure, bReport);
+}
+
+void PrintDifferences(const std::wstring& sHeading, const std::vector<CDifference>& vDifferences, bool bReport)
+{
+    PrintSome(
+        sHeading, vDifferences, [](const CDifference& d) { return d.sPath + L": " + d.sWhat; }, bReport);
+}
+
+// Where a filespace's files are in the backup, as the restore takes them: a drive's in the folder
+// named after its letter, a mount point's inside the folder of the drive that holds it.
+std::wstring BackupFolder(const std::wstring& sLocation, const morvane::Filespace& fs)
+{
+    std::wstring sFolder = sLocation;
+    while (!sFolder.empty() && sFolder.back() == L'\\')
+        sFolder.pop_back();
+    if (!(fs.dwFsFlags & kFlagMount))
+        return sFolder + L"\\" + fs.wcFsDriveLetter;
+    std::wstring sMount = fs.sFsMountDir;
+    while (sMount.size() > 3 && sMount.back() == L'\\')
+        sMount.pop_back();
+    return sFolder + L"\\" + sMount.substr(0, 1) + (sMount.size() > 2 ? sMount.substr(2) : L"");
+}
+
+std::wstring RestoredFolder(const morvane::Filespace& fs)
+{
+    if (!(fs.dwFsFlags & kFlagMount))
+        return std::wstring(1, fs.wcFsDriveLetter) + L":";
+    std::wstring sMount = fs.sFsMountDir;
+    while (sMount.size() > 3 && sMount.back() == L'\\')
+        sMount.pop_back();
+    return sMount;
+}
+
+int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, const std::wstring& sWhy)
+{
+    const std::wstring sError = LastError(client);
+    client.Fini();
+    output.Reclaim();
+    record.sNotStarted = sWhy + (sError.empty() ? L"" : L": " + sError);
+    PrintLine(L"keflhost: " + record.sNotStarted);
+    return record.iExitStatus = kExitNotStarted;
+}
+
+
+// The end of the run: what was restored, made and verified, and the exit status that says so.
+int Summarise(CRunRecord& record, const CRestoreRequest& request)
+{
+    const bool bReport = !request.sReportFile.empty();
+    size_t cRestored = 0;
+    std::vector<CFailure> vFailures;
+    std::vector<CDifference> vDifferences;
+    uint64_t ullVerifiedFiles = 0;
+    uint64_t ullVerifiedBytes = 0;
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+    {
+        cRestored += fs.sResult == L"restored" ? 1 : 0;
+        vFailures.insert(vFailures.end(), fs.vFailures.begin(), fs.vFailures.end());
+        vDifferences.insert(vDifferences.end(), fs.verification.vDifferences.begin(), fs.verification.vDifferences.end());
+        ullVerifiedFiles += fs.verification.ullFiles;
+        ullVerifiedBytes += fs.verification.ullBytes;
+    }
+    PrintLine(L"Restored " + std::to_wstring(cRestored) + L" of " + std::to_wstring(record.vFilespaces.size()) +
+              L" filespaces.");
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+        if (fs.sResult != L"restored")
+            PrintLine(L"  not restored: " + fs.sName + (fs.sResult == L"failed" ? L"" : L" (" + fs.sResult + L")"));
+    PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures, bReport);
+    PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
+    PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):", record.vLinkFailures,
+                  bReport);
+    if (record.bLinksFailed && record.vLinkFailures.empty())
+        PrintLine(L"  not every link was made");
+    if (request.bLinksRecordedOnly)
+        for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
+            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " + link.sTarget);
+    if (request.bVerify)
+    {
+        PrintLine(L"Verified " + std::to_wstring(ullVerifiedFiles) + L" files (" + CProgressDisplay::Bytes(ullVerifiedBytes) +
+                  L") against the backup: " +
+                  (vDifferences.empty() ? std::wstring(L"no differences")
+                                        : std::to_wstring(vDifferences.size()) + L" differences"));
+        PrintDifferences(L"Differences:", vDifferences, bReport);
+    }
+
+    int iStatus = kExitOk;
+    if (cRestored != record.vFilespaces.size())
+        iStatus |= kExitFilesFailed;
+    if (record.bLinksFailed)
+        iStatus |= kExitLinksFailed;
+    if (!vDifferences.empty())
+        iStatus |= kExitDifferences;
+    return record.iExitStatus = iStatus;
+}
+
 } // namespace
 
 std::wstring DescribeFlags(uint32_t dwFsFlags)
@@ -89,69 +206,101 @@ std::wstring DescribeFlags(uint32_t dwFsFlags)
 }
 
 int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, const CRestoreRequest& request,
-               CProgressDisplay& display)
+               CProgressDisplay& display, CHostOutput& output, CRunRecord& record)
 {
-    if (!client.Init(&credentials))
-    {
-        PrintLine(L"keflhost: the restore session could not start: " + LastError(client));
-        client.Fini();
-        return kRestoreSessionFailed;
-    }
+    const CLibraryTrace trace;
+    const bool bInitialised = client.Init(&credentials);
+    // Init leaves the process in a hidden console of the library's: our output goes back to the user's.
+    output.Reclaim();
+    if (!bInitialised)
+        return EndSession(client, output, record, L"the restore session could not start");
     std::vector<morvane::Filespace> vFilespaces;
     if (!client.GetFilespaceList(vFilespaces))
-    {
-        PrintLine(L"keflhost: the backup's filespaces could not be listed: " + LastError(client));
-        client.Fini();
-        return kRestoreSessionFailed;
-    }
+        return EndSession(client, output, record, L"the backup's filespaces could not be listed");
     PrintList(vFilespaces);
     if (request.bListOnly)
     {
         client.Fini();
-        return kRestoreOk;
+        output.Reclaim();
+        return record.iExitStatus = kExitOk;
     }
 
-    std::vector<std::wstring> vRestored, vFailed;
+    const bool bReport = !request.sReportFile.empty();
+    std::vector<morvane::Filespace> vRestored;
     for (morvane::Filespace& fs : vFilespaces)
     {
         if (!IsSelected(fs, request))
             continue;
+        const uint64_t ullTraceOffset = trace.Size();
         const bool bRestored = client.RestoreFilespace(fs);
         display.Finish();
-        (bRestored ? vRestored : vFailed).push_back(Name(fs));
+        const CTraceFindings findings = trace.ReadFrom(ullTraceOffset);
+        CFilespaceRecord entry;
+        entry.sName = Name(fs);
+        entry.sPath = fs.sFsPath;
+        entry.sResult = bRestored ? L"restored" : L"failed";
+        entry.ullFiles = findings.ullFiles;
+        entry.ullFolders = findings.ullFolders;
+        entry.ullBytes = display.BytesDone();
+        entry.dSeconds = display.SecondsElapsed();
+        entry.vFailures = findings.vFailures;
         if (!bRestored)
-            PrintLine(L"keflhost: " + Name(fs) + L" was not restored completely: " + LastError(client));
+        {
+            PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + LastError(client));
+            if (entry.vFailures.empty())
+                PrintLine(L"  the library's trace (" + trace.Path() + L") names no file that failed: is its trace level 0?");
+        }
+        PrintFailures(L"  not restored in " + entry.sName + L":", entry.vFailures, bReport);
+        record.vFilespaces.push_back(std::move(entry));
+        vRestored.push_back(fs);
     }
     for (const std::wstring& sWanted : request.vSelected)
     {
-        bool bKnown = false;
-        for (const morvane::Filespace& fs : vFilespaces)
-        {
-            CRestoreRequest one;
-            one.vSelected = {sWanted};
-            bKnown = bKnown || IsSelected(fs, one);
-        }
-        if (!bKnown)
+        CRestoreRequest one;
+        one.vSelected = {sWanted};
+        if (std::none_of(vFilespaces.begin(), vFilespaces.end(),
+                         [&](const morvane::Filespace& fs) { return IsSelected(fs, one); }))
         {
             PrintLine(L"keflhost: the backup holds no filespace " + sWanted);
-            vFailed.push_back(sWanted);
+            CFilespaceRecord entry;
+            entry.sName = sWanted;
+            entry.sResult = L"not in the backup";
+            record.vFilespaces.push_back(std::move(entry));
         }
     }
-    // The links go last: their targets are among the restored files.
-    client.RestoreLinks();
-    client.Fini();
 
-    PrintLine(L"Restored " + std::to_wstring(vRestored.size()) + L" of " +
-              std::to_wstring(vRestored.size() + vFailed.size()) + L" filespaces.");
-    for (const std::wstring& sName : vFailed)
-        PrintLine(L"  not restored: " + sName);
-    if (request.bLinksRecordedOnly)
-        for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
-            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " +
-                      link.sTarget);
-    if (display.LinksFailed())
-        PrintLine(L"  not every link was made");
-    return vFailed.empty() && !display.LinksFailed() ? kRestoreOk : kRestoreIncomplete;
+    // The links go last: their targets are among the restored files.
+    const uint64_t ullLinksOffset = trace.Size();
+    client.RestoreLinks();
+    record.bLinksRestored = true;
+    record.bLinksRecordedOnly = request.bLinksRecordedOnly;
+    record.vLinkFailures = trace.ReadFrom(ullLinksOffset).vFailures;
+    CLinkPasses& passes = display.LinkPasses();
+    for (const CFailure& failure : record.vLinkFailures)
+    {
+        const size_t iPass = failure.kind == FailureKind::Junction ? 0 : failure.kind == FailureKind::SymbolicLink ? 1 : 2;
+        ++passes[iPass].ullFailed;
+    }
+    record.links = passes;
+    record.bLinksFailed = display.LinksFailed() || !record.vLinkFailures.empty();
+    client.Fini();
+    output.Reclaim();
+
+    if (request.bVerify)
+    {
+        for (size_t i = 0; i < vRestored.size(); ++i)
+        {
+            CFilespaceRecord& entry = record.vFilespaces[i];
+            display.Begin(L"Verifying " + entry.sName + L" against the backup");
+            entry.verification = VerifyFilespace(BackupFolder(record.sLocation, vRestored[i]),
+                                                 RestoredFolder(vRestored[i]),
+                                                 [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
+            display.Finish();
+            entry.bVerified = true;
+            PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences, bReport);
+        }
+    }
+    return Summarise(record, request);
 }
 
 } // namespace keflhost

@@ -1,9 +1,13 @@
 #pragma once
 // The restore as the host drives it: start the session with the credentials, list what the
-// backup holds, restore all filespaces or the ones asked for, and sum up.
+// backup holds, restore all filespaces or the ones asked for, make the links, verify when asked,
+// and sum up what failed and why.
 #include "VESK.h"
 #include "VeskCredentials.h"
+#include "host/HostOutput.h"
+#include "host/LibraryTrace.h"
 #include "host/ProgressDisplay.h"
+#include "host/RunRecord.h"
 
 #include <string>
 #include <vector>
@@ -14,20 +18,18 @@ namespace keflhost
 struct CRestoreRequest
 {
     bool bListOnly = false;
+    bool bVerify = false;
+    std::wstring sReportFile; // empty: no report
     // Under Wine: junctions and symbolic links are recorded by stand-ins, not made.
     bool bLinksRecordedOnly = false;
     // Drive letters ("C") or mount-point folders ("C:\Mount\Data"); empty: every filespace.
     std::vector<std::wstring> vSelected;
 };
 
-// Exit codes of a restore run.
-constexpr int kRestoreOk = 0;
-constexpr int kRestoreSessionFailed = 4;
-constexpr int kRestoreIncomplete = 5;
-
-// The display must be the one registered as the client's progress callback.
+// The display must be the one registered as the client's progress callback. Fills the record and
+// returns the exit status.
 int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, const CRestoreRequest& request,
-               CProgressDisplay& display);
+               CProgressDisplay& display, CHostOutput& output, CRunRecord& record);
 
 // "BOOT SYSTEM" and the like, from a filespace's flags.
 std::wstring DescribeFlags(uint32_t dwFsFlags);

@@ -6,11 +6,14 @@
 #include "host/HostCredentials.h"
 #include "host/HostOutput.h"
 #include "host/RestoreDriver.h"
+#include "host/RestoreReport.h"
 #include "platform/UniqueHandle.h"
 #include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 
+#include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,12 +23,6 @@ using keflhost::PrintLine;
 namespace
 {
 
-// Exit codes (a restore run adds keflhost::kRestoreSessionFailed and kRestoreIncomplete).
-constexpr int kExitOk = 0;
-constexpr int kExitNoLibrary = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitBadCredentials = 3;
-
 struct CVeskDeleter
 {
     void operator()(morvane::VESK* p) const { delete p; }
@@ -33,14 +30,18 @@ struct CVeskDeleter
 
 const wchar_t kUsage[] =
     L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
-    L"                [--list | --restore C,D,C:\\Mount\\Data]\n"
+    L"                [--list | --restore C,D,C:\\Mount\\Data] [--verify] [--report FILE]\n"
     L"Loads KEFL.dll from this program's folder and prints the client's description, version and\n"
     L"capabilities. With credentials (from the recovery answer file's section ZovaBackupLocation, or\n"
     L"a backup folder and an optional point in time) it lists the backup's filespaces and restores\n"
-    L"them all, or those named after --restore (drive letters or mount-point folders); --list stops\n"
-    L"after the list. Messages of the client are shown as [info], [warning] or [error].\n"
-    L"Exit status: 0 all restored, 1 no library, 2 usage, 3 credentials refused, 4 the session could\n"
-    L"not start or list, 5 not everything was restored.";
+    L"them all, or those named after --restore (drive letters or mount-point folders), then makes\n"
+    L"the links; --list stops after the list. Messages of the client are shown as [info], [warning]\n"
+    L"or [error]; every file, folder and link that could not be restored is listed with its error.\n"
+    L"  --verify       afterwards compares every restored file with its copy in the backup\n"
+    L"  --report FILE  writes what was done, failed and verified as JSON\n"
+    L"Exit status: 0 everything restored (and verified); 1 nothing could start (the library, the\n"
+    L"arguments, the credentials or the session); otherwise the sum of 2 files or folders not\n"
+    L"restored, 4 links not made, 8 verification found differences.";
 
 struct COptions
 {
@@ -84,6 +85,10 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
             options.sLocation = argv[++i];
         else if (sArg == L"--pit" && bHasValue)
             options.sPit = argv[++i];
+        else if (sArg == L"--verify")
+            options.request.bVerify = true;
+        else if (sArg == L"--report" && bHasValue)
+            options.request.sReportFile = argv[++i];
         else if (sArg == L"--list")
             options.request.bListOnly = true;
         else if (sArg == L"--restore" && bHasValue)
@@ -94,18 +99,17 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
     const bool bBoth = !options.sAnsFile.empty() && !options.sLocation.empty();
     const bool bPitAlone = !options.sPit.empty() && options.sLocation.empty();
     const bool bNoCredentials = options.sAnsFile.empty() && options.sLocation.empty();
-    const bool bRestoreAlone =
-        bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty());
+    const bool bRestoreAlone = bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty() ||
+                                                  options.request.bVerify || !options.request.sReportFile.empty());
     return !bBoth && !bPitAlone && !bRestoreAlone;
 }
 
-void PrintClient(morvane::VESK& client)
+void PrintClient(morvane::VESK& client, keflhost::CRunRecord& record)
 {
-    std::wstring sValue;
-    if (client.GetModuleProperty(morvane::PROP_DESCRIPTION, sValue) == 0)
-        PrintLine(L"Description:   " + sValue);
-    if (client.GetModuleProperty(morvane::PROP_VERSION, sValue) == 0)
-        PrintLine(L"Version:       " + sValue);
+    if (client.GetModuleProperty(morvane::PROP_DESCRIPTION, record.sDescription) == 0)
+        PrintLine(L"Description:   " + record.sDescription);
+    if (client.GetModuleProperty(morvane::PROP_VERSION, record.sVersion) == 0)
+        PrintLine(L"Version:       " + record.sVersion);
 
     static const struct
     {
@@ -131,31 +135,42 @@ template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(hModule, pszName)));
 }
 
-} // namespace
+// Ends the run: the report when asked for, and the exit status.
+int Finish(const COptions& options, keflhost::CRunRecord& record, int iStatus)
+{
+    record.iExitStatus = iStatus;
+    if (!options.request.sReportFile.empty() && !keflhost::WriteReport(options.request.sReportFile, record) &&
+        iStatus == keflhost::kExitOk)
+        return keflhost::kExitNotStarted;
+    return iStatus;
+}
 
-int wmain(int argc, wchar_t** argv)
+int Run(int argc, wchar_t** argv)
 {
     COptions options;
     if (!ParseOptions(argc, argv, options) || options.bHelp)
     {
         PrintLine(kUsage);
-        return options.bHelp ? kExitOk : kExitUsage;
+        return options.bHelp ? keflhost::kExitOk : keflhost::kExitNotStarted;
     }
+    keflhost::CRunRecord record;
 
     morvane::CUniqueLibrary hKefl(::LoadLibraryW(L"KEFL.dll"));
     if (!hKefl)
     {
         const DWORD dwLastError = ::GetLastError();
-        PrintLine(L"keflhost: cannot load KEFL.dll, error " + std::to_wstring(dwLastError));
-        return kExitNoLibrary;
+        record.sNotStarted = L"cannot load KEFL.dll: " + keflhost::ErrorText(dwLastError);
+        PrintLine(L"keflhost: " + record.sNotStarted);
+        return Finish(options, record, keflhost::kExitNotStarted);
     }
     const auto pfnFactory = Export<morvane::FactoryFn>(hKefl.get(), "Factory");
     const auto pfnCredentialsFactory =
         Export<morvane::CredentialsFactoryFn>(hKefl.get(), "CredentialsFactory");
     if (!pfnFactory || !pfnCredentialsFactory)
     {
-        PrintLine(L"keflhost: KEFL.dll does not export Factory and CredentialsFactory");
-        return kExitNoLibrary;
+        record.sNotStarted = L"KEFL.dll does not export Factory and CredentialsFactory";
+        PrintLine(L"keflhost: " + record.sNotStarted);
+        return Finish(options, record, keflhost::kExitNotStarted);
     }
 
     // Under Wine only: the Windows answers that Wine 8 lacks (volume paths, the network provider,
@@ -168,22 +183,49 @@ int wmain(int argc, wchar_t** argv)
     options.request.bLinksRecordedOnly = wineStandIns.IsActive();
 
     std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
+    if (!pClient)
+    {
+        record.sNotStarted = L"KEFL.dll's Factory made no client";
+        PrintLine(L"keflhost: " + record.sNotStarted);
+        return Finish(options, record, keflhost::kExitNotStarted);
+    }
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);
-    keflhost::CProgressDisplay display;
-    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress,
-                                  reinterpret_cast<uintptr_t>(&display));
-    PrintClient(*pClient);
+    keflhost::CProgressDisplay display(keflhost::Output());
+    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress, reinterpret_cast<uintptr_t>(&display));
+    PrintClient(*pClient, record);
     if (options.sAnsFile.empty() && options.sLocation.empty())
-        return kExitOk;
+        return keflhost::kExitOk;
 
     keflhost::CCredentialsPtr pCredentials =
         options.sAnsFile.empty()
             ? keflhost::CredentialsFromLocation(pfnCredentialsFactory, options.sLocation, options.sPit)
             : keflhost::CredentialsFromAnswerFile(pfnCredentialsFactory, options.sAnsFile);
     if (!pCredentials)
-        return kExitBadCredentials;
-    keflhost::PrintCredentials(*pCredentials);
+    {
+        record.sNotStarted = L"the credentials were refused";
+        return Finish(options, record, keflhost::kExitNotStarted);
+    }
+    keflhost::PrintCredentials(*pCredentials, record.sLocation, record.sPointInTime);
     pCredentials->Check();
 
-    return keflhost::RunRestore(*pClient, *pCredentials, options.request, display);
+    const int iStatus =
+        keflhost::RunRestore(*pClient, *pCredentials, options.request, display, keflhost::Output(), record);
+    return Finish(options, record, iStatus);
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    // Standard output as it is before the library touches the console.
+    keflhost::Output();
+    try
+    {
+        return Run(argc, argv);
+    }
+    catch (const std::exception& e)
+    {
+        PrintLine(L"keflhost: stopped by an error: " + std::wstring(e.what(), e.what() + std::strlen(e.what())));
+        return keflhost::kExitNotStarted;
+    }
 }

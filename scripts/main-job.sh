@@ -22,7 +22,7 @@ rm -rf "$env/e/"* "$env/f/"*
 mkdir -p "$env/f/Mount/Data"
 log=build/wine/main-job.log
 status=0
-build/wine/run-in-wine.sh "$host" --answer-file 'R:\Sample.ini' | tee "$log" || status=$?
+build/wine/run-in-wine.sh "$host" --answer-file 'R:\Sample.ini' --verify --report 'R:\Sample-report.json' | tee "$log" || status=$?
 [ "$status" -eq 0 ] || { echo "main job: the host ended with status $status"; exit "$status"; }
 
 failed=0

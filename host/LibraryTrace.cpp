@@ -1,0 +1,236 @@
+#include "host/LibraryTrace.h"
+
+#include "platform/UniqueHandle.h"
+
+#include <map>
+
+namespace keflhost
+{
+namespace
+{
+
+std::wstring Widen(std::string_view s)
+{
+    std::wstring sWide;
+    const int cch = ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
+    if (cch > 0)
+    {
+        sWide.resize(static_cast<size_t>(cch));
+        ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sWide.data(), cch);
+    }
+    return sWide;
+}
+
+// A value line's text after "name = ": quoted text without its quotes, a number as it stands.
+std::wstring_view ValueOf(std::wstring_view sText, std::wstring_view sName)
+{
+    if (sText.substr(0, sName.size()) != sName || sText.substr(sName.size(), 3) != L" = ")
+        return {};
+    std::wstring_view sValue = sText.substr(sName.size() + 3);
+    if (sValue.size() >= 2 && sValue.front() == L'"' && sValue.back() == L'"')
+        sValue = sValue.substr(1, sValue.size() - 2);
+    return sValue;
+}
+
+bool HasValue(std::wstring_view sText, std::wstring_view sName)
+{
+    return sText.substr(0, sName.size()) == sName && sText.substr(sName.size(), 3) == L" = ";
+}
+
+// What one thread's lines have said since its last file, folder or link began.
+struct CThreadState
+{
+    std::wstring sPath;   // the path of the last error line that named one
+    DWORD dwError = 0;
+    std::wstring sReason; // the last "ending(...)" reason or failure message
+    void Clear() { *this = CThreadState(); }
+};
+
+struct CFailureLine
+{
+    const wchar_t* pwszText;
+    FailureKind kind;
+};
+
+// The lines that close a failure: the restore's and the link passes' own.
+const CFailureLine kFailureLines[] = {
+    {L"KEFLImpl::RestoreFilespace : Failed to copy file", FailureKind::File},
+    {L"KEFLImpl::RestoreFilespace : Failed to create folder", FailureKind::Folder},
+    {L"KEFLImpl::CountFiles : ... ending(FindFirstFile failed)", FailureKind::Listing},
+    {L"KEFLImpl::CountFiles : ... ending(FindNextFile failed)", FailureKind::Listing},
+    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateJunction failed", FailureKind::Junction},
+    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateSymbolicLink failed", FailureKind::SymbolicLink},
+    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed", FailureKind::HardLink},
+};
+
+} // namespace
+
+CTraceFindings ParseTrace(std::string_view sUtf8)
+{
+    CTraceFindings findings;
+    std::map<std::wstring, CThreadState> states;
+    while (!sUtf8.empty())
+    {
+        const size_t posEnd = sUtf8.find('\n');
+        std::string_view sLine = sUtf8.substr(0, posEnd);
+        sUtf8 = posEnd == std::string_view::npos ? std::string_view() : sUtf8.substr(posEnd + 1);
+        if (!sLine.empty() && sLine.back() == '\r')
+            sLine.remove_suffix(1);
+        // "[2024-03-07 14:02:31.017]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = "E:\a""
+        const size_t posThread = sLine.find("]:");
+        if (sLine.empty() || sLine.front() != '[' || posThread == std::string_view::npos)
+            continue;
+        const size_t posMarker = sLine.find(":[", posThread + 2);
+        if (posMarker == std::string_view::npos || sLine.size() < posMarker + 6)
+            continue;
+        const std::wstring sThread = Widen(sLine.substr(posThread + 2, posMarker - posThread - 2));
+        const char chLevel = sLine[posMarker + 2];
+        const std::wstring sText = Widen(sLine.substr(posMarker + 6));
+        const size_t posColon = sText.find(L" : ");
+        if (posColon == std::wstring::npos)
+            continue;
+        const std::wstring_view sFunction = std::wstring_view(sText).substr(0, posColon);
+        const std::wstring_view sRest = std::wstring_view(sText).substr(posColon + 3);
+        CThreadState& state = states[sThread];
+
+        if (chLevel == 'I')
+        {
+            // Each file, folder and link begins with its name at information level.
+            if (HasValue(sRest, L"sDst") || HasValue(sRest, L"sLink"))
+                state.Clear();
+            if (sFunction == L"KEFLImpl::RestoreFilespace")
+            {
+                if (HasValue(sRest, L"walk.ullFiles"))
+                {
+                    findings.bWalkCounted = true;
+                    findings.ullFiles = std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
+                }
+                else if (HasValue(sRest, L"walk.ullDirectories"))
+                    findings.ullFolders =
+                        std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
+            }
+            continue;
+        }
+        if (chLevel != 'E')
+            continue;
+
+        for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
+            if (HasValue(sRest, pwszName) && (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
+                state.sPath = ValueOf(sRest, pwszName);
+        if (HasValue(sRest, L"dwLastError"))
+            state.dwError = static_cast<DWORD>(std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
+        const size_t posEnding = sRest.find(L"ending(");
+        if (posEnding != std::wstring_view::npos && sRest.back() == L')' && state.sReason.empty())
+            state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
+        else if (sRest.substr(0, 7) == L"Failed " && sRest != L"Failed to copy file" &&
+                 sRest != L"Failed to create folder")
+            state.sReason = sRest;
+
+        for (const CFailureLine& failureLine : kFailureLines)
+        {
+            if (sText != failureLine.pwszText)
+                continue;
+            CFailure failure{failureLine.kind, state.sPath, state.dwError, state.sReason};
+            // A long-path prefix is how the library calls Windows, not what the user knows.
+            if (failure.sPath.rfind(L"\\\\?\\", 0) == 0)
+                failure.sPath.erase(0, 4);
+            findings.vFailures.push_back(std::move(failure));
+            state.Clear();
+            break;
+        }
+    }
+    return findings;
+}
+
+CLibraryTrace::CLibraryTrace()
+{
+    // As the library finds its log folder: the program's folder, or qtx.ini's [File Locations].
+    std::wstring sModule(32768, L'\0'); // the longest path there is
+    sModule.resize(::GetModuleFileNameW(nullptr, sModule.data(), static_cast<DWORD>(sModule.size())));
+    const std::wstring sDir = sModule.rfind(L'\\') != std::wstring::npos ? sModule.substr(0, sModule.rfind(L'\\')) : L".";
+    const std::wstring sDefault = sDir + L"\\Logfiles";
+    std::wstring sLogDir(32768, L'\0');
+    const DWORD cch = ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), sLogDir.data(),
+                                                 static_cast<DWORD>(sLogDir.size()), (sDir + L"\\qtx.ini").c_str());
+    sLogDir.resize(cch);
+    m_sPath = sLogDir + L"\\KEFL_trace.log";
+}
+
+uint64_t CLibraryTrace::Size() const
+{
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    if (!::GetFileAttributesExW(m_sPath.c_str(), GetFileExInfoStandard, &data))
+        return 0;
+    return (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+}
+
+CTraceFindings CLibraryTrace::ReadFrom(uint64_t ullOffset) const
+{
+    morvane::CUniqueFile hFile(::CreateFileW(m_sPath.c_str(), GENERIC_READ,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (!hFile)
+        return {};
+    LARGE_INTEGER liOffset;
+    liOffset.QuadPart = static_cast<LONGLONG>(ullOffset);
+    if (!::SetFilePointerEx(hFile.get(), liOffset, nullptr, FILE_BEGIN))
+        return {};
+    // The trace of one step is bounded by the library's size limit; read it whole.
+    std::string sText;
+    char buf[65536];
+    for (DWORD cbRead = 0; ::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
+        sText.append(buf, cbRead);
+    return ParseTrace(sText);
+}
+
+std::wstring KindName(FailureKind kind)
+{
+    switch (kind)
+    {
+    case FailureKind::File:
+        return L"file";
+    case FailureKind::Folder:
+        return L"folder";
+    case FailureKind::Listing:
+        return L"backup folder not listed";
+    case FailureKind::Junction:
+        return L"junction";
+    case FailureKind::SymbolicLink:
+        return L"symbolic link";
+    case FailureKind::HardLink:
+        return L"hard link";
+    }
+    return L"";
+}
+
+std::wstring ErrorText(DWORD dwError)
+{
+    if (dwError == 0)
+        return L"";
+    std::wstring sText = L"error " + std::to_wstring(dwError);
+    morvane::CUniqueLocalMem hText;
+    wchar_t* pwszText = nullptr;
+    const DWORD cch = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER |
+                                           FORMAT_MESSAGE_IGNORE_INSERTS,
+                                       nullptr, dwError, 0, reinterpret_cast<wchar_t*>(&pwszText), 0, nullptr);
+    hText.reset(pwszText);
+    if (cch == 0 || !pwszText)
+        return sText;
+    std::wstring sMessage(pwszText, cch);
+    while (!sMessage.empty() && (sMessage.back() == L'\n' || sMessage.back() == L'\r' || sMessage.back() == L' '))
+        sMessage.pop_back();
+    return sText + L": " + sMessage;
+}
+
+std::wstring DescribeFailure(const CFailure& failure)
+{
+    std::wstring sLine = KindName(failure.kind) + L" " + (failure.sPath.empty() ? L"(not named)" : failure.sPath);
+    const std::wstring sError = ErrorText(failure.dwError);
+    if (!sError.empty())
+        sLine += L": " + sError;
+    if (!failure.sReason.empty())
+        sLine += L" (" + failure.sReason + L")";
+    return sLine;
+}
+
+} // namespace keflhost

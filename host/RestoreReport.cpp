@@ -1,0 +1,120 @@
+#include "host/RestoreReport.h"
+
+#include "host/HostOutput.h"
+#include "platform/UniqueHandle.h"
+
+#include <nlohmann/json.hpp>
+
+namespace keflhost
+{
+namespace
+{
+
+std::string Utf8(const std::wstring& s)
+{
+    std::string sUtf8;
+    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0, nullptr, nullptr);
+    if (cb > 0)
+    {
+        sUtf8.resize(static_cast<size_t>(cb));
+        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sUtf8.data(), cb, nullptr, nullptr);
+    }
+    return sUtf8;
+}
+
+nlohmann::ordered_json Failures(const std::vector<CFailure>& vFailures)
+{
+    nlohmann::ordered_json failures = nlohmann::ordered_json::array();
+    for (const CFailure& failure : vFailures)
+        failures.push_back({{"kind", Utf8(KindName(failure.kind))},
+                            {"path", Utf8(failure.sPath)},
+                            {"error", failure.dwError},
+                            {"errorText", Utf8(ErrorText(failure.dwError))},
+                            {"reason", Utf8(failure.sReason)}});
+    return failures;
+}
+
+nlohmann::ordered_json ExitBits(int iStatus)
+{
+    nlohmann::ordered_json bits = nlohmann::ordered_json::array();
+    if (iStatus == kExitOk)
+        bits.push_back("ok");
+    if (iStatus == kExitNotStarted)
+        bits.push_back("not started");
+    if (iStatus & kExitFilesFailed)
+        bits.push_back("files failed");
+    if (iStatus & kExitLinksFailed)
+        bits.push_back("links failed");
+    if (iStatus & kExitDifferences)
+        bits.push_back("differences");
+    return bits;
+}
+
+} // namespace
+
+std::string ReportJson(const CRunRecord& record)
+{
+    nlohmann::ordered_json report;
+    report["library"] = {{"description", Utf8(record.sDescription)}, {"version", Utf8(record.sVersion)}};
+    report["credentials"] = {{"location", Utf8(record.sLocation)},
+                             {"pointInTime", record.sPointInTime.empty() ? nlohmann::ordered_json(nullptr)
+                                                                          : nlohmann::ordered_json(Utf8(record.sPointInTime))}};
+    if (!record.sNotStarted.empty())
+        report["notStarted"] = Utf8(record.sNotStarted);
+    nlohmann::ordered_json filespaces = nlohmann::ordered_json::array();
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+    {
+        nlohmann::ordered_json entry = {{"name", Utf8(fs.sName)},   {"path", Utf8(fs.sPath)},
+                                {"result", Utf8(fs.sResult)}, {"files", fs.ullFiles},
+                                {"folders", fs.ullFolders}, {"bytes", fs.ullBytes},
+                                {"seconds", fs.dSeconds},   {"failures", Failures(fs.vFailures)}};
+        if (fs.bVerified)
+        {
+            nlohmann::ordered_json differences = nlohmann::ordered_json::array();
+            for (const CDifference& difference : fs.verification.vDifferences)
+                differences.push_back({{"path", Utf8(difference.sPath)}, {"difference", Utf8(difference.sWhat)}});
+            entry["verify"] = {{"files", fs.verification.ullFiles},
+                               {"folders", fs.verification.ullFolders},
+                               {"bytes", fs.verification.ullBytes},
+                               {"differences", differences}};
+        }
+        filespaces.push_back(entry);
+    }
+    report["filespaces"] = filespaces;
+    if (record.bLinksRestored)
+    {
+        static const char* const kPasses[] = {"junctions", "symbolicLinks", "hardLinks"};
+        nlohmann::ordered_json links;
+        for (size_t i = 0; i < record.links.size(); ++i)
+        {
+            const CLinkPass& pass = record.links[i];
+            const uint64_t ullFailed = std::min(pass.ullFailed, pass.ullDone);
+            links[kPasses[i]] = {{"recorded", pass.ullTotal}, {"made", pass.ullDone - ullFailed}, {"failed", ullFailed}};
+        }
+        links["recordedOnlyUnderWine"] = record.bLinksRecordedOnly;
+        links["failures"] = Failures(record.vLinkFailures);
+        report["links"] = links;
+    }
+    report["exitStatus"] = record.iExitStatus;
+    report["exitMeaning"] = ExitBits(record.iExitStatus);
+    // Replaced, not thrown: a name the conversion could not carry must not lose the report.
+    return report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+bool WriteReport(const std::wstring& sFile, const CRunRecord& record)
+{
+    const std::string sJson = ReportJson(record);
+    morvane::CUniqueFile hFile(
+        ::CreateFileW(sFile.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD cbWritten = 0;
+    if (!hFile || !::WriteFile(hFile.get(), sJson.data(), static_cast<DWORD>(sJson.size()), &cbWritten, nullptr) ||
+        cbWritten != sJson.size())
+    {
+        const DWORD dwError = ::GetLastError();
+        PrintLine(L"keflhost: the report " + sFile + L" could not be written: " + ErrorText(dwError));
+        return false;
+    }
+    return true;
+}
+
+} // namespace keflhost

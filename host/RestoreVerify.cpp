@@ -1,0 +1,201 @@
+#include "host/RestoreVerify.h"
+
+#include "host/LibraryTrace.h"
+#include "platform/UniqueHandle.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace keflhost
+{
+namespace
+{
+
+// One buffer for the whole verification, half for each side.
+constexpr DWORD kHalfBytes = 512 * 1024;
+
+std::wstring Long(const std::wstring& sPath)
+{
+    return sPath.rfind(L"\\\\", 0) == 0 ? sPath : L"\\\\?\\" + sPath;
+}
+
+// Calls fn(relative path, find data) for every entry below sRoot, a folder before its content.
+// Folders waiting to be listed are kept in a list rather than on the stack: a backup can be as
+// deep as paths go. A folder that cannot be listed goes into pErrors, when given.
+template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector<CDifference>* pErrors)
+{
+    std::vector<std::wstring> vPending{std::wstring()};
+    while (!vPending.empty())
+    {
+        const std::wstring sRelative = std::move(vPending.back());
+        vPending.pop_back();
+        WIN32_FIND_DATAW fd;
+        morvane::CUniqueFind hFind(::FindFirstFileW(Long(sRoot + sRelative + L"\\*").c_str(), &fd));
+        if (!hFind)
+        {
+            const DWORD dwError = ::GetLastError();
+            if (pErrors)
+                pErrors->push_back({sRoot + sRelative, L"backup folder not listed: " + ErrorText(dwError)});
+            continue;
+        }
+        do
+        {
+            const std::wstring sName = fd.cFileName;
+            if (sName == L"." || sName == L"..")
+                continue;
+            const std::wstring sPath = sRelative + L"\\" + sName;
+            const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            if (fn(sPath, fd) && bFolder)
+                vPending.push_back(sPath);
+        } while (::FindNextFileW(hFind.get(), &fd));
+    }
+}
+
+uint64_t SizeOf(const WIN32_FIND_DATAW& fd)
+{
+    return (static_cast<uint64_t>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
+}
+
+morvane::CUniqueFile OpenForReading(const std::wstring& sPath)
+{
+    return morvane::CUniqueFile(::CreateFileW(Long(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                              nullptr, OPEN_EXISTING,
+                                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+}
+
+// Reads up to cb bytes, fewer only at the end of the file.
+bool ReadFull(HANDLE hFile, BYTE* pBuffer, DWORD cb, DWORD& cbRead)
+{
+    cbRead = 0;
+    while (cbRead < cb)
+    {
+        DWORD cbChunk = 0;
+        if (!::ReadFile(hFile, pBuffer + cbRead, cb - cbRead, &cbChunk, nullptr))
+            return false;
+        if (cbChunk == 0)
+            break;
+        cbRead += cbChunk;
+    }
+    return true;
+}
+
+// Empty when the two files hold the same bytes; otherwise what differs.
+std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uint64_t ullSrcSize, BYTE* pBuffer,
+                         const std::function<void(uint64_t)>& advance)
+{
+    morvane::CUniqueFile hDst = OpenForReading(sDst);
+    if (!hDst)
+    {
+        const DWORD dwError = ::GetLastError();
+        return dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND ? L"missing"
+                                                                                   : L"not readable: " + ErrorText(dwError);
+    }
+    LARGE_INTEGER liDstSize = {};
+    ::GetFileSizeEx(hDst.get(), &liDstSize);
+    if (static_cast<uint64_t>(liDstSize.QuadPart) != ullSrcSize)
+        return L"size " + std::to_wstring(ullSrcSize) + L" in the backup, " + std::to_wstring(liDstSize.QuadPart) +
+               L" restored";
+    morvane::CUniqueFile hSrc = OpenForReading(sSrc);
+    if (!hSrc)
+        return L"backup copy not readable: " + ErrorText(::GetLastError());
+    BYTE* const pSrc = pBuffer;
+    BYTE* const pDst = pBuffer + kHalfBytes;
+    for (uint64_t ullOffset = 0;;)
+    {
+        DWORD cbSrc = 0;
+        DWORD cbDst = 0;
+        if (!ReadFull(hSrc.get(), pSrc, kHalfBytes, cbSrc))
+            return L"backup copy not readable: " + ErrorText(::GetLastError());
+        if (!ReadFull(hDst.get(), pDst, kHalfBytes, cbDst))
+            return L"not readable: " + ErrorText(::GetLastError());
+        const DWORD cbCommon = std::min(cbSrc, cbDst);
+        if (std::memcmp(pSrc, pDst, cbCommon) != 0 || cbSrc != cbDst)
+        {
+            const auto pairMismatch = std::mismatch(pSrc, pSrc + cbCommon, pDst);
+            return L"differs from byte " + std::to_wstring(ullOffset + (pairMismatch.first - pSrc));
+        }
+        advance(cbSrc);
+        ullOffset += cbSrc;
+        if (cbSrc < kHalfBytes)
+            return L"";
+    }
+}
+
+} // namespace
+
+bool IsSkippedByRestore(const std::wstring& sDstPath, bool bFolder)
+{
+    static const wchar_t* const kFolders[] = {L":\\RECYCLER", L":\\$Recycle.Bin", L":\\System Volume Information"};
+    static const wchar_t* const kFiles[] = {L":\\RECYCLER\\", L":\\$Recycle.Bin\\", L":\\System Volume Information\\",
+                                            L":\\hiberfil.sys", L":\\pagefile.sys"};
+    if (bFolder)
+        return std::any_of(std::begin(kFolders), std::end(kFolders),
+                           [&](const wchar_t* p) { return sDstPath.find(p) != std::wstring::npos; });
+    return std::any_of(std::begin(kFiles), std::end(kFiles),
+                       [&](const wchar_t* p) { return sDstPath.find(p) != std::wstring::npos; });
+}
+
+CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring& sDstFolder,
+                              const VerifyProgressFn& progress)
+{
+    CVerification result;
+    // First what there is to compare, for the progress; then the comparison.
+    uint64_t ullTotal = 0;
+    Walk(
+        sSrcFolder,
+        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd) {
+            const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            if (IsSkippedByRestore(sDstFolder + sRelative, bFolder))
+                return false;
+            if (!bFolder)
+                ullTotal += SizeOf(fd);
+            return true;
+        },
+        nullptr);
+
+    std::unique_ptr<BYTE[]> pBuffer(new BYTE[2 * kHalfBytes]);
+    uint64_t ullDone = 0;
+    const auto advance = [&](uint64_t cb) {
+        ullDone += cb;
+        progress(ullDone, std::max(ullTotal, ullDone));
+    };
+    Walk(
+        sSrcFolder,
+        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd) {
+            const std::wstring sDst = sDstFolder + sRelative;
+            const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            if (IsSkippedByRestore(sDst, bFolder))
+                return false;
+            if (bFolder)
+            {
+                ++result.ullFolders;
+                const DWORD dwAttributes = ::GetFileAttributesW(Long(sDst).c_str());
+                if (dwAttributes == INVALID_FILE_ATTRIBUTES || !(dwAttributes & FILE_ATTRIBUTE_DIRECTORY))
+                {
+                    result.vDifferences.push_back({sDst, L"folder missing"});
+                    return false;
+                }
+                return true;
+            }
+            ++result.ullFiles;
+            const uint64_t ullSize = SizeOf(fd);
+            const uint64_t ullDoneBefore = ullDone;
+            const std::wstring sWhat = CompareFile(sSrcFolder + sRelative, sDst, ullSize, pBuffer.get(), advance);
+            if (!sWhat.empty())
+            {
+                result.vDifferences.push_back({sDst, sWhat});
+                // What could not be compared counts as passed over, so that the bar still ends full.
+                advance(ullSize - std::min(ullSize, ullDone - ullDoneBefore));
+            }
+            result.ullBytes += ullSize;
+            return false;
+        },
+        &result.vDifferences);
+    progress(ullDone, std::max(ullTotal, ullDone));
+    return result;
+}
+
+} // namespace keflhost

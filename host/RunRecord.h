@@ -1,0 +1,51 @@
+#pragma once
+// What one run of the host did, as the summary, the report and the exit status tell it.
+#include "host/LibraryTrace.h"
+#include "host/ProgressDisplay.h"
+#include "host/RestoreVerify.h"
+
+#include <string>
+#include <vector>
+
+namespace keflhost
+{
+
+// Exit status: 0 when everything was restored (and verified, when asked); otherwise the bits of
+// what went wrong, which combine. Nothing could start is a value of its own.
+constexpr int kExitOk = 0;
+constexpr int kExitNotStarted = 1;   // the library, the arguments, the credentials or the session
+constexpr int kExitFilesFailed = 2;  // a file, folder or filespace was not restored
+constexpr int kExitLinksFailed = 4;  // a junction, symbolic link or hard link was not made
+constexpr int kExitDifferences = 8;  // the verification found a restored file unlike its backup
+
+struct CFilespaceRecord
+{
+    std::wstring sName; // "E:" or the mount point's folder
+    std::wstring sPath;
+    std::wstring sResult; // "restored", "failed" or "not in the backup"
+    uint64_t ullFiles = 0;
+    uint64_t ullFolders = 0;
+    uint64_t ullBytes = 0;
+    double dSeconds = 0;
+    std::vector<CFailure> vFailures;
+    bool bVerified = false;
+    CVerification verification;
+};
+
+struct CRunRecord
+{
+    std::wstring sDescription;
+    std::wstring sVersion;
+    std::wstring sLocation;
+    std::wstring sPointInTime; // empty: the latest backup
+    std::vector<CFilespaceRecord> vFilespaces;
+    bool bLinksRestored = false;
+    bool bLinksRecordedOnly = false; // under Wine: junctions and symbolic links recorded, not made
+    CLinkPasses links;
+    std::vector<CFailure> vLinkFailures;
+    bool bLinksFailed = false;
+    std::wstring sNotStarted; // why nothing could start, when nothing did
+    int iExitStatus = kExitOk;
+};
+
+} // namespace keflhost
