@@ -79,7 +79,8 @@ CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory
     return pCredentials;
 }
 
-void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation, std::wstring& sPointInTime)
+void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation,
+                      std::wstring& sPointInTime)
 {
     auto& kefl = static_cast<morvane::KeflCredentials&>(credentials);
     sLocation = kefl.m_sTargetPath;

@@ -26,6 +26,7 @@ CCredentialsPtr CredentialsFromAnswerFile(morvane::CredentialsFactoryFn pfnFacto
 CCredentialsPtr CredentialsFromLocation(morvane::CredentialsFactoryFn pfnFactory,
                                         const std::wstring& sLocation, const std::wstring& sPit);
 // Prints where the backup is and which point in time is restored, and hands both back.
-void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation, std::wstring& sPointInTime);
+void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLocation,
+                      std::wstring& sPointInTime);
 
 } // namespace keflhost

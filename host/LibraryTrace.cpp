@@ -40,7 +40,7 @@ bool HasValue(std::wstring_view sText, std::wstring_view sName)
 // What one thread's lines have said since its last file, folder or link began.
 struct CThreadState
 {
-    std::wstring sPath;   // the path of the last error line that named one
+    std::wstring sPath; // the path of the last error line that named one
     DWORD dwError = 0;
     std::wstring sReason; // the last "ending(...)" reason or failure message
     void Clear() { *this = CThreadState(); }
@@ -103,11 +103,12 @@ CTraceFindings ParseTrace(std::string_view sUtf8)
                 if (HasValue(sRest, L"walk.ullFiles"))
                 {
                     findings.bWalkCounted = true;
-                    findings.ullFiles = std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
+                    findings.ullFiles =
+                        std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
                 }
                 else if (HasValue(sRest, L"walk.ullDirectories"))
-                    findings.ullFolders =
-                        std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
+                    findings.ullFolders = std::wcstoull(
+                        std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
             }
             continue;
         }
@@ -115,10 +116,12 @@ CTraceFindings ParseTrace(std::string_view sUtf8)
             continue;
 
         for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
-            if (HasValue(sRest, pwszName) && (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
+            if (HasValue(sRest, pwszName) &&
+                (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
                 state.sPath = ValueOf(sRest, pwszName);
         if (HasValue(sRest, L"dwLastError"))
-            state.dwError = static_cast<DWORD>(std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
+            state.dwError = static_cast<DWORD>(
+                std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
         const size_t posEnding = sRest.find(L"ending(");
         if (posEnding != std::wstring_view::npos && sRest.back() == L')' && state.sReason.empty())
             state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
@@ -147,11 +150,13 @@ CLibraryTrace::CLibraryTrace()
     // As the library finds its log folder: the program's folder, or qtx.ini's [File Locations].
     std::wstring sModule(32768, L'\0'); // the longest path there is
     sModule.resize(::GetModuleFileNameW(nullptr, sModule.data(), static_cast<DWORD>(sModule.size())));
-    const std::wstring sDir = sModule.rfind(L'\\') != std::wstring::npos ? sModule.substr(0, sModule.rfind(L'\\')) : L".";
+    const std::wstring sDir =
+        sModule.rfind(L'\\') != std::wstring::npos ? sModule.substr(0, sModule.rfind(L'\\')) : L".";
     const std::wstring sDefault = sDir + L"\\Logfiles";
     std::wstring sLogDir(32768, L'\0');
-    const DWORD cch = ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), sLogDir.data(),
-                                                 static_cast<DWORD>(sLogDir.size()), (sDir + L"\\qtx.ini").c_str());
+    const DWORD cch =
+        ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), sLogDir.data(),
+                                   static_cast<DWORD>(sLogDir.size()), (sDir + L"\\qtx.ini").c_str());
     sLogDir.resize(cch);
     m_sPath = sLogDir + L"\\KEFL_trace.log";
 }
@@ -210,21 +215,23 @@ std::wstring ErrorText(DWORD dwError)
     std::wstring sText = L"error " + std::to_wstring(dwError);
     morvane::CUniqueLocalMem hText;
     wchar_t* pwszText = nullptr;
-    const DWORD cch = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER |
-                                           FORMAT_MESSAGE_IGNORE_INSERTS,
-                                       nullptr, dwError, 0, reinterpret_cast<wchar_t*>(&pwszText), 0, nullptr);
+    const DWORD cch = ::FormatMessageW(
+        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+        dwError, 0, reinterpret_cast<wchar_t*>(&pwszText), 0, nullptr);
     hText.reset(pwszText);
     if (cch == 0 || !pwszText)
         return sText;
     std::wstring sMessage(pwszText, cch);
-    while (!sMessage.empty() && (sMessage.back() == L'\n' || sMessage.back() == L'\r' || sMessage.back() == L' '))
+    while (!sMessage.empty() &&
+           (sMessage.back() == L'\n' || sMessage.back() == L'\r' || sMessage.back() == L' '))
         sMessage.pop_back();
     return sText + L": " + sMessage;
 }
 
 std::wstring DescribeFailure(const CFailure& failure)
 {
-    std::wstring sLine = KindName(failure.kind) + L" " + (failure.sPath.empty() ? L"(not named)" : failure.sPath);
+    std::wstring sLine =
+        KindName(failure.kind) + L" " + (failure.sPath.empty() ? L"(not named)" : failure.sPath);
     const std::wstring sError = ErrorText(failure.dwError);
     if (!sError.empty())
         sLine += L": " + sError;

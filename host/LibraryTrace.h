@@ -15,9 +15,9 @@ namespace keflhost
 
 enum class FailureKind
 {
-    File,         // could not be copied
-    Folder,       // could not be made
-    Listing,      // a backup folder that could not be listed: nothing below it was restored
+    File,    // could not be copied
+    Folder,  // could not be made
+    Listing, // a backup folder that could not be listed: nothing below it was restored
     Junction,
     SymbolicLink,
     HardLink,

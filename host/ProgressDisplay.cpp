@@ -15,7 +15,8 @@ constexpr uint64_t kLogIntervalMs = 10000;
 
 } // namespace
 
-CProgressDisplay::CProgressDisplay(COutputSink& output, Clock clock) : m_output(output), m_clock(std::move(clock))
+CProgressDisplay::CProgressDisplay(COutputSink& output, Clock clock)
+    : m_output(output), m_clock(std::move(clock))
 {
 }
 
@@ -75,7 +76,8 @@ void CProgressDisplay::Update(uint64_t ullDone, uint64_t ullTotal)
     m_ullDone = ullDone;
     m_ullTotal = ullTotal;
     const uint64_t ullNow = m_clock();
-    if (m_ullTotal != 0 && ullNow - m_ullLastDrawMs >= (m_output.IsConsole() ? kConsoleIntervalMs : kLogIntervalMs))
+    if (m_ullTotal != 0 &&
+        ullNow - m_ullLastDrawMs >= (m_output.IsConsole() ? kConsoleIntervalMs : kLogIntervalMs))
     {
         m_ullLastDrawMs = ullNow;
         Draw(false);
@@ -163,8 +165,8 @@ std::wstring CProgressDisplay::DescribeLinks(const CLinkPasses& passes)
     {
         const CLinkPass& pass = passes[i];
         const uint64_t ullFailed = std::min(pass.ullFailed, pass.ullDone);
-        sText += (i == 0 ? L"" : L", ") + std::wstring(kNames[i]) + L" " + std::to_wstring(pass.ullDone - ullFailed) +
-                 L" of " + std::to_wstring(pass.ullTotal);
+        sText += (i == 0 ? L"" : L", ") + std::wstring(kNames[i]) + L" " +
+                 std::to_wstring(pass.ullDone - ullFailed) + L" of " + std::to_wstring(pass.ullTotal);
         if (ullFailed != 0)
             sText += L" (" + std::to_wstring(ullFailed) + L" failed)";
     }

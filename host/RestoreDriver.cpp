@@ -71,7 +71,6 @@ void PrintList(const std::vector<morvane::Filespace>& vFilespaces)
                   Time(fs));
 }
 
-
 // The screen shows this many failures or differences in each list; the report has them all.
 constexpr size_t kShownOnScreen = 20;
 
@@ -93,7 +92,8 @@ void PrintFailures(const std::wstring& sHeading, const std::vector<CFailure>& vF
     PrintSome(sHeading, vFailures, DescribeFailure, bReport);
 }
 
-void PrintDifferences(const std::wstring& sHeading, const std::vector<CDifference>& vDifferences, bool bReport)
+void PrintDifferences(const std::wstring& sHeading, const std::vector<CDifference>& vDifferences,
+                      bool bReport)
 {
     PrintSome(
         sHeading, vDifferences, [](const CDifference& d) { return d.sPath + L": " + d.sWhat; }, bReport);
@@ -134,7 +134,6 @@ int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, c
     return record.iExitStatus = kExitNotStarted;
 }
 
-
 // The end of the run: what was restored, made and verified, and the exit status that says so.
 int Summarise(CRunRecord& record, const CRestoreRequest& request)
 {
@@ -148,28 +147,32 @@ int Summarise(CRunRecord& record, const CRestoreRequest& request)
     {
         cRestored += fs.sResult == L"restored" ? 1 : 0;
         vFailures.insert(vFailures.end(), fs.vFailures.begin(), fs.vFailures.end());
-        vDifferences.insert(vDifferences.end(), fs.verification.vDifferences.begin(), fs.verification.vDifferences.end());
+        vDifferences.insert(vDifferences.end(), fs.verification.vDifferences.begin(),
+                            fs.verification.vDifferences.end());
         ullVerifiedFiles += fs.verification.ullFiles;
         ullVerifiedBytes += fs.verification.ullBytes;
     }
-    PrintLine(L"Restored " + std::to_wstring(cRestored) + L" of " + std::to_wstring(record.vFilespaces.size()) +
-              L" filespaces.");
+    PrintLine(L"Restored " + std::to_wstring(cRestored) + L" of " +
+              std::to_wstring(record.vFilespaces.size()) + L" filespaces.");
     for (const CFilespaceRecord& fs : record.vFilespaces)
         if (fs.sResult != L"restored")
-            PrintLine(L"  not restored: " + fs.sName + (fs.sResult == L"failed" ? L"" : L" (" + fs.sResult + L")"));
-    PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures, bReport);
-    PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
-    PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):", record.vLinkFailures,
+            PrintLine(L"  not restored: " + fs.sName +
+                      (fs.sResult == L"failed" ? L"" : L" (" + fs.sResult + L")"));
+    PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures,
                   bReport);
+    PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
+    PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):",
+                  record.vLinkFailures, bReport);
     if (record.bLinksFailed && record.vLinkFailures.empty())
         PrintLine(L"  not every link was made");
     if (request.bLinksRecordedOnly)
         for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
-            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " + link.sTarget);
+            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " +
+                      link.sTarget);
     if (request.bVerify)
     {
-        PrintLine(L"Verified " + std::to_wstring(ullVerifiedFiles) + L" files (" + CProgressDisplay::Bytes(ullVerifiedBytes) +
-                  L") against the backup: " +
+        PrintLine(L"Verified " + std::to_wstring(ullVerifiedFiles) + L" files (" +
+                  CProgressDisplay::Bytes(ullVerifiedBytes) + L") against the backup: " +
                   (vDifferences.empty() ? std::wstring(L"no differences")
                                         : std::to_wstring(vDifferences.size()) + L" differences"));
         PrintDifferences(L"Differences:", vDifferences, bReport);
@@ -248,7 +251,8 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
         {
             PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + LastError(client));
             if (entry.vFailures.empty())
-                PrintLine(L"  the library's trace (" + trace.Path() + L") names no file that failed: is its trace level 0?");
+                PrintLine(L"  the library's trace (" + trace.Path() +
+                          L") names no file that failed: is its trace level 0?");
         }
         PrintFailures(L"  not restored in " + entry.sName + L":", entry.vFailures, bReport);
         record.vFilespaces.push_back(std::move(entry));
@@ -278,7 +282,9 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
     CLinkPasses& passes = display.LinkPasses();
     for (const CFailure& failure : record.vLinkFailures)
     {
-        const size_t iPass = failure.kind == FailureKind::Junction ? 0 : failure.kind == FailureKind::SymbolicLink ? 1 : 2;
+        const size_t iPass = failure.kind == FailureKind::Junction       ? 0
+                             : failure.kind == FailureKind::SymbolicLink ? 1
+                                                                         : 2;
         ++passes[iPass].ullFailed;
     }
     record.links = passes;
@@ -292,12 +298,13 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
         {
             CFilespaceRecord& entry = record.vFilespaces[i];
             display.Begin(L"Verifying " + entry.sName + L" against the backup");
-            entry.verification = VerifyFilespace(BackupFolder(record.sLocation, vRestored[i]),
-                                                 RestoredFolder(vRestored[i]),
-                                                 [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
+            entry.verification = VerifyFilespace(
+                BackupFolder(record.sLocation, vRestored[i]), RestoredFolder(vRestored[i]),
+                [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
             display.Finish();
             entry.bVerified = true;
-            PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences, bReport);
+            PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences,
+                             bReport);
         }
     }
     return Summarise(record, request);

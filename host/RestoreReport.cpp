@@ -13,11 +13,13 @@ namespace
 std::string Utf8(const std::wstring& s)
 {
     std::string sUtf8;
-    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0, nullptr, nullptr);
+    const int cb =
+        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0, nullptr, nullptr);
     if (cb > 0)
     {
         sUtf8.resize(static_cast<size_t>(cb));
-        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sUtf8.data(), cb, nullptr, nullptr);
+        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sUtf8.data(), cb, nullptr,
+                              nullptr);
     }
     return sUtf8;
 }
@@ -57,22 +59,24 @@ std::string ReportJson(const CRunRecord& record)
     nlohmann::ordered_json report;
     report["library"] = {{"description", Utf8(record.sDescription)}, {"version", Utf8(record.sVersion)}};
     report["credentials"] = {{"location", Utf8(record.sLocation)},
-                             {"pointInTime", record.sPointInTime.empty() ? nlohmann::ordered_json(nullptr)
-                                                                          : nlohmann::ordered_json(Utf8(record.sPointInTime))}};
+                             {"pointInTime", record.sPointInTime.empty()
+                                                 ? nlohmann::ordered_json(nullptr)
+                                                 : nlohmann::ordered_json(Utf8(record.sPointInTime))}};
     if (!record.sNotStarted.empty())
         report["notStarted"] = Utf8(record.sNotStarted);
     nlohmann::ordered_json filespaces = nlohmann::ordered_json::array();
     for (const CFilespaceRecord& fs : record.vFilespaces)
     {
-        nlohmann::ordered_json entry = {{"name", Utf8(fs.sName)},   {"path", Utf8(fs.sPath)},
-                                {"result", Utf8(fs.sResult)}, {"files", fs.ullFiles},
-                                {"folders", fs.ullFolders}, {"bytes", fs.ullBytes},
-                                {"seconds", fs.dSeconds},   {"failures", Failures(fs.vFailures)}};
+        nlohmann::ordered_json entry = {{"name", Utf8(fs.sName)},     {"path", Utf8(fs.sPath)},
+                                        {"result", Utf8(fs.sResult)}, {"files", fs.ullFiles},
+                                        {"folders", fs.ullFolders},   {"bytes", fs.ullBytes},
+                                        {"seconds", fs.dSeconds},     {"failures", Failures(fs.vFailures)}};
         if (fs.bVerified)
         {
             nlohmann::ordered_json differences = nlohmann::ordered_json::array();
             for (const CDifference& difference : fs.verification.vDifferences)
-                differences.push_back({{"path", Utf8(difference.sPath)}, {"difference", Utf8(difference.sWhat)}});
+                differences.push_back(
+                    {{"path", Utf8(difference.sPath)}, {"difference", Utf8(difference.sWhat)}});
             entry["verify"] = {{"files", fs.verification.ullFiles},
                                {"folders", fs.verification.ullFolders},
                                {"bytes", fs.verification.ullBytes},
@@ -89,7 +93,8 @@ std::string ReportJson(const CRunRecord& record)
         {
             const CLinkPass& pass = record.links[i];
             const uint64_t ullFailed = std::min(pass.ullFailed, pass.ullDone);
-            links[kPasses[i]] = {{"recorded", pass.ullTotal}, {"made", pass.ullDone - ullFailed}, {"failed", ullFailed}};
+            links[kPasses[i]] = {
+                {"recorded", pass.ullTotal}, {"made", pass.ullDone - ullFailed}, {"failed", ullFailed}};
         }
         links["recordedOnlyUnderWine"] = record.bLinksRecordedOnly;
         links["failures"] = Failures(record.vLinkFailures);
@@ -104,10 +109,11 @@ std::string ReportJson(const CRunRecord& record)
 bool WriteReport(const std::wstring& sFile, const CRunRecord& record)
 {
     const std::string sJson = ReportJson(record);
-    morvane::CUniqueFile hFile(
-        ::CreateFileW(sFile.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    morvane::CUniqueFile hFile(::CreateFileW(sFile.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                             FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD cbWritten = 0;
-    if (!hFile || !::WriteFile(hFile.get(), sJson.data(), static_cast<DWORD>(sJson.size()), &cbWritten, nullptr) ||
+    if (!hFile ||
+        !::WriteFile(hFile.get(), sJson.data(), static_cast<DWORD>(sJson.size()), &cbWritten, nullptr) ||
         cbWritten != sJson.size())
     {
         const DWORD dwError = ::GetLastError();

@@ -61,9 +61,9 @@ uint64_t SizeOf(const WIN32_FIND_DATAW& fd)
 
 morvane::CUniqueFile OpenForReading(const std::wstring& sPath)
 {
-    return morvane::CUniqueFile(::CreateFileW(Long(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                              nullptr, OPEN_EXISTING,
-                                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    return morvane::CUniqueFile(
+        ::CreateFileW(Long(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
 }
 
 // Reads up to cb bytes, fewer only at the end of the file.
@@ -83,21 +83,22 @@ bool ReadFull(HANDLE hFile, BYTE* pBuffer, DWORD cb, DWORD& cbRead)
 }
 
 // Empty when the two files hold the same bytes; otherwise what differs.
-std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uint64_t ullSrcSize, BYTE* pBuffer,
-                         const std::function<void(uint64_t)>& advance)
+std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uint64_t ullSrcSize,
+                         BYTE* pBuffer, const std::function<void(uint64_t)>& advance)
 {
     morvane::CUniqueFile hDst = OpenForReading(sDst);
     if (!hDst)
     {
         const DWORD dwError = ::GetLastError();
-        return dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND ? L"missing"
-                                                                                   : L"not readable: " + ErrorText(dwError);
+        return dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND
+                   ? L"missing"
+                   : L"not readable: " + ErrorText(dwError);
     }
     LARGE_INTEGER liDstSize = {};
     ::GetFileSizeEx(hDst.get(), &liDstSize);
     if (static_cast<uint64_t>(liDstSize.QuadPart) != ullSrcSize)
-        return L"size " + std::to_wstring(ullSrcSize) + L" in the backup, " + std::to_wstring(liDstSize.QuadPart) +
-               L" restored";
+        return L"size " + std::to_wstring(ullSrcSize) + L" in the backup, " +
+               std::to_wstring(liDstSize.QuadPart) + L" restored";
     morvane::CUniqueFile hSrc = OpenForReading(sSrc);
     if (!hSrc)
         return L"backup copy not readable: " + ErrorText(::GetLastError());
@@ -128,9 +129,11 @@ std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uin
 
 bool IsSkippedByRestore(const std::wstring& sDstPath, bool bFolder)
 {
-    static const wchar_t* const kFolders[] = {L":\\RECYCLER", L":\\$Recycle.Bin", L":\\System Volume Information"};
-    static const wchar_t* const kFiles[] = {L":\\RECYCLER\\", L":\\$Recycle.Bin\\", L":\\System Volume Information\\",
-                                            L":\\hiberfil.sys", L":\\pagefile.sys"};
+    static const wchar_t* const kFolders[] = {L":\\RECYCLER", L":\\$Recycle.Bin",
+                                              L":\\System Volume Information"};
+    static const wchar_t* const kFiles[] = {L":\\RECYCLER\\", L":\\$Recycle.Bin\\",
+                                            L":\\System Volume Information\\", L":\\hiberfil.sys",
+                                            L":\\pagefile.sys"};
     if (bFolder)
         return std::any_of(std::begin(kFolders), std::end(kFolders),
                            [&](const wchar_t* p) { return sDstPath.find(p) != std::wstring::npos; });
@@ -146,7 +149,8 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
     uint64_t ullTotal = 0;
     Walk(
         sSrcFolder,
-        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd) {
+        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd)
+        {
             const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
             if (IsSkippedByRestore(sDstFolder + sRelative, bFolder))
                 return false;
@@ -158,13 +162,15 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
 
     std::unique_ptr<BYTE[]> pBuffer(new BYTE[2 * kHalfBytes]);
     uint64_t ullDone = 0;
-    const auto advance = [&](uint64_t cb) {
+    const auto advance = [&](uint64_t cb)
+    {
         ullDone += cb;
         progress(ullDone, std::max(ullTotal, ullDone));
     };
     Walk(
         sSrcFolder,
-        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd) {
+        [&](const std::wstring& sRelative, const WIN32_FIND_DATAW& fd)
+        {
             const std::wstring sDst = sDstFolder + sRelative;
             const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
             if (IsSkippedByRestore(sDst, bFolder))
@@ -183,7 +189,8 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
             ++result.ullFiles;
             const uint64_t ullSize = SizeOf(fd);
             const uint64_t ullDoneBefore = ullDone;
-            const std::wstring sWhat = CompareFile(sSrcFolder + sRelative, sDst, ullSize, pBuffer.get(), advance);
+            const std::wstring sWhat =
+                CompareFile(sSrcFolder + sRelative, sDst, ullSize, pBuffer.get(), advance);
             if (!sWhat.empty())
             {
                 result.vDifferences.push_back({sDst, sWhat});

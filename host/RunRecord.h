@@ -13,10 +13,10 @@ namespace keflhost
 // Exit status: 0 when everything was restored (and verified, when asked); otherwise the bits of
 // what went wrong, which combine. Nothing could start is a value of its own.
 constexpr int kExitOk = 0;
-constexpr int kExitNotStarted = 1;   // the library, the arguments, the credentials or the session
-constexpr int kExitFilesFailed = 2;  // a file, folder or filespace was not restored
-constexpr int kExitLinksFailed = 4;  // a junction, symbolic link or hard link was not made
-constexpr int kExitDifferences = 8;  // the verification found a restored file unlike its backup
+constexpr int kExitNotStarted = 1;  // the library, the arguments, the credentials or the session
+constexpr int kExitFilesFailed = 2; // a file, folder or filespace was not restored
+constexpr int kExitLinksFailed = 4; // a junction, symbolic link or hard link was not made
+constexpr int kExitDifferences = 8; // the verification found a restored file unlike its backup
 
 struct CFilespaceRecord
 {

@@ -99,8 +99,9 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
     const bool bBoth = !options.sAnsFile.empty() && !options.sLocation.empty();
     const bool bPitAlone = !options.sPit.empty() && options.sLocation.empty();
     const bool bNoCredentials = options.sAnsFile.empty() && options.sLocation.empty();
-    const bool bRestoreAlone = bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty() ||
-                                                  options.request.bVerify || !options.request.sReportFile.empty());
+    const bool bRestoreAlone =
+        bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty() ||
+                           options.request.bVerify || !options.request.sReportFile.empty());
     return !bBoth && !bPitAlone && !bRestoreAlone;
 }
 
@@ -191,7 +192,8 @@ int Run(int argc, wchar_t** argv)
     }
     pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);
     keflhost::CProgressDisplay display(keflhost::Output());
-    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress, reinterpret_cast<uintptr_t>(&display));
+    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress,
+                                  reinterpret_cast<uintptr_t>(&display));
     PrintClient(*pClient, record);
     if (options.sAnsFile.empty() && options.sLocation.empty())
         return keflhost::kExitOk;
@@ -225,7 +227,8 @@ int wmain(int argc, wchar_t** argv)
     }
     catch (const std::exception& e)
     {
-        PrintLine(L"keflhost: stopped by an error: " + std::wstring(e.what(), e.what() + std::strlen(e.what())));
+        PrintLine(L"keflhost: stopped by an error: " +
+                  std::wstring(e.what(), e.what() + std::strlen(e.what())));
         return keflhost::kExitNotStarted;
     }
 }

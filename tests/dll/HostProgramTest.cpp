@@ -1,5 +1,9 @@
-// Our command-line host, run as a user runs it: its output and exit code.
+// Our command-line host, run as a user runs it: its output, report and exit status.
 #include "dll/KeflFixture.h"
+
+#include <nlohmann/json.hpp>
+
+#include <set>
 
 using namespace kefltest;
 
@@ -39,50 +43,93 @@ TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
 {
     const std::pair<const wchar_t*, DWORD> cases[] = {
         {L"--help", 0},
-        {L"--unknown", 2},
-        {L"--pit \"05/11/2015 14:03:09\"", 2},                       // a point in time needs a location
-        {L"--answer-file a.ini --location R:\\Backup", 2},           // one source only
-        {L"--list", 2},                                              // listing needs credentials
-        {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 3}, // not a valid point in time
+        {L"--unknown", 1},
+        {L"--pit \"05/11/2015 14:03:09\"", 1},                       // a point in time needs a location
+        {L"--answer-file a.ini --location R:\\Backup", 1},           // one source only
+        {L"--verify", 1},                                            // verifying needs credentials
+        {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 1}, // not a valid point in time
     };
     for (const auto& [pwszArguments, dwExitCode] : cases)
         EXPECT_EQ(dwExitCode, RunHost(pwszArguments).first)
             << testing::PrintToString(std::wstring(pwszArguments));
 }
 
-TEST_F(KeflFixture, HostRunsTheWholeSequenceTwiceOverOneTree)
+TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
 {
-    // One drive folder F (restored onto the target drive F:) holding the configuration and a
-    // hard-link group held as two copies; the answer file that names the backup.
+    // One drive folder F (restored onto the target drive F:) with the configuration and two hard-link
+    // groups held as copies: one whose copies are alike, one whose older copy differs (the link pass
+    // makes it the newer file, which the verification must notice).
     RemoveTree(L"F:\\Data");
+    RemoveTree(L"F:\\Blocked");
     RemoveTree(L"R:\\HostSample");
-    for (const wchar_t* pwszDir : {L"\\F\\ZOVACFG", L"\\F\\Data", L"\\#"})
+    for (const wchar_t* pwszDir : {L"\\F\\ZOVACFG", L"\\F\\Data", L"\\F\\Blocked\\inner", L"\\#"})
         MakeFolders(L"R:\\HostSample" + std::wstring(pwszDir));
-    for (const wchar_t* pwszFile : {L"\\F\\Data\\big.bin", L"\\F\\Data\\copy.bin"})
+    for (const wchar_t* pwszFile :
+         {L"\\F\\Data\\big.bin", L"\\F\\Data\\copy.bin", L"\\F\\Data\\locked.bin", L"\\F\\Data\\new.bin",
+          L"\\F\\Blocked\\inner\\x.txt", L"\\F\\Data\\orphan.bin"})
         WriteBytes(L"R:\\HostSample" + std::wstring(pwszFile), Pattern(200000, 12));
+    WriteBytes(L"R:\\HostSample\\F\\Data\\old.bin", Pattern(200000, 13));
     WriteTextFile(
         L"R:\\HostSample\\#\\disrec.ini",
         "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
-    WriteTextFile(L"R:\\HostSample\\#\\HPoint.dat",
-                  "[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n");
     WriteTextFile(L"R:\\HostSample.ini", "[ZovaBackupLocation]\r\nLocation=R:\\HostSample\r\n");
+    const auto WriteHardLinks = [](const char* pszGroups)
+    { WriteTextFile(L"R:\\HostSample\\#\\HPoint.dat", pszGroups); };
+    WriteHardLinks("[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n");
 
     const auto [dwListed, sListed] = RunHost(L"--answer-file R:\\HostSample.ini --list");
     EXPECT_EQ(0u, dwListed) << sListed;
     EXPECT_NE(std::string::npos, sListed.find("  F:   F:\\   [BOOT SYSTEM]")) << sListed;
-    for (int iRun = 1; iRun <= 2; ++iRun)
-    {
-        const auto [dwExitCode, sOutput] = RunHost(L"--answer-file R:\\HostSample.ini");
-        EXPECT_EQ(0u, dwExitCode) << "run " << iRun << ":\n" << sOutput;
-        EXPECT_NE(std::string::npos, sOutput.find("Restored 1 of 1 filespaces.")) << sOutput;
-        EXPECT_TRUE(ReadBytes(L"F:\\Data\\copy.bin") == Pattern(200000, 12)) << "run " << iRun;
-        EXPECT_EQ(2u, FileIdentity(L"F:\\Data\\copy.bin").dwLinks)
-            << "run " << iRun << ": one file, two names";
-        EXPECT_EQ(ReadMetadata(L"R:\\HostSample\\F").at(L"\\Data").times[2],
-                  ReadMetadata(L"F:").at(L"\\Data").times[2])
-            << "run " << iRun << ": the folder's time kept through the link pass";
-    }
-    RemoveTree(L"R:\\HostSample");
-    RemoveTree(L"F:\\Data");
+    const auto [dwClean, sClean] = RunHost(L"--answer-file R:\\HostSample.ini --verify");
+    EXPECT_EQ(0u, dwClean) << sClean;
+    for (const char* pszExpected :
+         {"Restored 1 of 1 filespaces.", "Links: junctions 0 of 0, symbolic links 0 of 0, hard links 1 of 1",
+          "Verified 7 files (1.3 MiB) against the backup: no differences"})
+        EXPECT_NE(std::string::npos, sClean.find(pszExpected)) << pszExpected << " in:\n" << sClean;
+    EXPECT_EQ(2u, FileIdentity(L"F:\\Data\\copy.bin").dwLinks) << "one file, two names";
+
+    // Again over the same tree, with what goes wrong in a recovery: a restored file that something
+    // holds open, a file where a folder must go, a hard link to a file the backup lacks, and copies
+    // of one hard link that differ.
+    WriteHardLinks("[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n"
+                   "[2]\r\nH1=F:\\Data\\missing.bin\r\nH2=F:\\Data\\orphan.bin\r\n"
+                   "[3]\r\nH1=F:\\Data\\new.bin\r\nH2=F:\\Data\\old.bin\r\n");
+    RemoveTree(L"F:\\Blocked");
+    WriteBytes(L"F:\\Blocked", "a file, not a folder");
+    morvane::CUniqueFile hLocked(
+        ::CreateFileW(L"F:\\Data\\locked.bin", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(hLocked);
+    const auto [dwExitCode, sOutput] =
+        RunHost(L"--answer-file R:\\HostSample.ini --verify --report R:\\HostSample-report.json");
+    hLocked.reset();
+    EXPECT_EQ(2u | 4u | 8u, dwExitCode) << "files failed, links failed, differences:\n" << sOutput;
+    for (const char* pszExpected :
+         {"    file F:\\Data\\locked.bin: error 32: ", "    folder F:\\Blocked\\inner: error 3: ",
+          "    file F:\\Blocked\\inner\\x.txt: error 3: ", "    hard link F:\\Data\\orphan.bin: error 2: ",
+          "Links: junctions 0 of 0, symbolic links 0 of 0, hard links 2 of 3 (1 failed)",
+          "    F:\\Data\\old.bin: differs from byte 0",
+          "    F:\\Data\\locked.bin: not readable: error 32: ", "    F:\\Blocked: folder missing"})
+        EXPECT_NE(std::string::npos, sOutput.find(pszExpected)) << pszExpected << " in:\n" << sOutput;
+    EXPECT_TRUE(ReadBytes(L"F:\\Data\\orphan.bin") == Pattern(200000, 12))
+        << "the copy stays where no link was made";
+
+    const std::string sReport = ReadBytes(L"R:\\HostSample-report.json");
+    const nlohmann::json report = nlohmann::json::parse(sReport, nullptr, false);
+    ASSERT_FALSE(report.is_discarded()) << sReport;
+    EXPECT_EQ(14, report.value("exitStatus", -1));
+    EXPECT_EQ("R:\\HostSample", report["credentials"].value("location", ""));
+    const nlohmann::json& fs = report["filespaces"][0];
+    EXPECT_EQ("failed", fs.value("result", ""));
+    std::multiset<std::pair<std::string, int>> failures;
+    for (const nlohmann::json& failure : fs["failures"])
+        failures.emplace(failure.value("path", ""), failure.value("error", 0));
+    EXPECT_EQ((std::multiset<std::pair<std::string, int>>{
+                  {"F:\\Blocked\\inner", 3}, {"F:\\Blocked\\inner\\x.txt", 3}, {"F:\\Data\\locked.bin", 32}}),
+              failures);
+    EXPECT_EQ(3u, fs["verify"]["differences"].size()) << sReport;
+    EXPECT_EQ(1, report["links"]["hardLinks"].value("failed", 0)) << sReport;
+    for (const wchar_t* pwszPath : {L"R:\\HostSample", L"F:\\Data", L"F:\\Blocked"})
+        RemoveTree(pwszPath);
     RemoveFile(L"R:\\HostSample.ini");
+    RemoveFile(L"R:\\HostSample-report.json");
 }

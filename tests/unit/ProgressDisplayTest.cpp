@@ -52,8 +52,7 @@ TEST(ProgressDisplayTest, DrawsInPlaceOnAConsoleAndEveryTenSecondsIntoALog)
         }
         display.Finish();
         const std::vector<std::wstring> expected_log = {
-            L"Restoring E:\\",
-            L"  Counting objects to be restored ...",
+            L"Restoring E:\\", L"  Counting objects to be restored ...",
             L"  [#####...............]  25%  9.5 MiB of 38.1 MiB  976.6 KiB/s  0:10 elapsed  0:30 left",
             L"  [##########..........]  50%  19.1 MiB of 38.1 MiB  976.6 KiB/s  0:20 elapsed  0:20 left",
             L"  [###############.....]  75%  28.6 MiB of 38.1 MiB  976.6 KiB/s  0:30 elapsed  0:10 left"};
@@ -73,8 +72,10 @@ TEST(ProgressDisplayTest, DrawsInPlaceOnAConsoleAndEveryTenSecondsIntoALog)
 
 TEST(ProgressDisplayTest, NeverShowsMoreDoneThanThereIsAndNamesTheLinksThatFailed)
 {
-    EXPECT_EQ(L"[####################] 100%  30 B of 30 B  15 B/s  0:02 elapsed", CProgressDisplay::Bar(30, 10, 2000));
-    EXPECT_EQ(L"[....................]   0%  0 B of 1.0 KiB  0:00 elapsed", CProgressDisplay::Bar(0, 1024, 0));
+    EXPECT_EQ(L"[####################] 100%  30 B of 30 B  15 B/s  0:02 elapsed",
+              CProgressDisplay::Bar(30, 10, 2000));
+    EXPECT_EQ(L"[....................]   0%  0 B of 1.0 KiB  0:00 elapsed",
+              CProgressDisplay::Bar(0, 1024, 0));
     EXPECT_EQ(L"1:01:01", CProgressDisplay::Duration(3661));
 
     // The library's link passes: each title, its total and count done; what failed is the host's
