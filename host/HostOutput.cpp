@@ -8,12 +8,7 @@ CHostOutput::CHostOutput()
     const HANDLE hStdOut = ::GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD dwMode = 0;
     m_bConsole = hStdOut != nullptr && hStdOut != INVALID_HANDLE_VALUE && ::GetConsoleMode(hStdOut, &dwMode);
-    if (m_bConsole)
-    {
-        m_hwndConsole = ::GetConsoleWindow();
-        OpenConsoleOutput();
-        return;
-    }
+    m_hwndConsole = ::GetConsoleWindow();
     HANDLE hDuplicate = nullptr;
     if (hStdOut != nullptr && hStdOut != INVALID_HANDLE_VALUE &&
         ::DuplicateHandle(::GetCurrentProcess(), hStdOut, ::GetCurrentProcess(), &hDuplicate, 0, FALSE,
@@ -31,7 +26,9 @@ void CHostOutput::Reclaim()
 {
     // A pipe or file is still ours through the duplicate. A console is the user's only while the
     // process is attached to it: Init detached it and attached a hidden one.
-    if (!m_bConsole || ::GetConsoleWindow() == m_hwndConsole)
+    CONSOLE_SCREEN_BUFFER_INFO info = {};
+    if (!m_bConsole ||
+        (::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info)))
         return;
     ::FreeConsole();
     if (::AttachConsole(ATTACH_PARENT_PROCESS))
