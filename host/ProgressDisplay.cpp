@@ -84,12 +84,15 @@ void CProgressDisplay::Update(uint64_t ullDone, uint64_t ullTotal)
     }
 }
 
-void CProgressDisplay::Finish()
+CProgressDisplay::CTaskTotals CProgressDisplay::Finish()
 {
+    if (!m_bOpen)
+        return {};
     // A log that has just had this very line does not get it twice.
-    if (m_bOpen && (m_output.IsConsole() || m_sLastLine != Line()))
+    if (m_output.IsConsole() || m_sLastLine != Line())
         Draw(true);
     m_bOpen = false;
+    return {m_ullDone, static_cast<double>(m_clock() - m_ullStartMs) / 1000.0};
 }
 
 std::wstring CProgressDisplay::Line() const

@@ -38,11 +38,14 @@ public:
     // A task of the host's own (the verification) drawn the same way.
     void Begin(const std::wstring& sTitle);
     void Update(uint64_t ullDone, uint64_t ullTotal);
-    // Ends the task: its last state as a line of its own.
-    void Finish();
-
-    uint64_t BytesDone() const { return m_ullDone; }
-    double SecondsElapsed() const { return (m_clock() - m_ullStartMs) / 1000.0; }
+    // Ends the task: its last state as a line of its own. Answers what it did: nothing when no
+    // task had begun (a filespace refused before its restore started).
+    struct CTaskTotals
+    {
+        uint64_t ullBytes = 0;
+        double dSeconds = 0;
+    };
+    CTaskTotals Finish();
     // What the link passes reported; their failed counts are the host's to fill in.
     CLinkPasses& LinkPasses() { return m_linkPasses; }
     // Whether a link pass ended with links not made (this or an earlier pass's).

@@ -236,7 +236,7 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
             continue;
         const uint64_t ullTraceOffset = trace.Size();
         const bool bRestored = client.RestoreFilespace(fs);
-        display.Finish();
+        const CProgressDisplay::CTaskTotals totals = display.Finish();
         const CTraceFindings findings = trace.ReadFrom(ullTraceOffset);
         CFilespaceRecord entry;
         entry.sName = Name(fs);
@@ -244,8 +244,8 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
         entry.sResult = bRestored ? L"restored" : L"failed";
         entry.ullFiles = findings.ullFiles;
         entry.ullFolders = findings.ullFolders;
-        entry.ullBytes = display.BytesDone();
-        entry.dSeconds = display.SecondsElapsed();
+        entry.ullBytes = totals.ullBytes;
+        entry.dSeconds = totals.dSeconds;
         entry.vFailures = findings.vFailures;
         if (!bRestored)
         {

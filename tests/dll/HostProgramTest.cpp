@@ -56,7 +56,8 @@ TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
 
 TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
 {
-    // One drive folder F (restored onto the target drive F:) with the configuration and two hard-link
+    // One drive folder F (restored onto the target drive F:, all but the page file in its root) with
+    // the configuration and two hard-link
     // groups held as copies: one whose copies are alike, one whose older copy differs (the link pass
     // makes it the newer file, which the verification must notice).
     RemoveTree(L"F:\\Data");
@@ -66,7 +67,7 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
         MakeFolders(L"R:\\HostSample" + std::wstring(pwszDir));
     for (const wchar_t* pwszFile :
          {L"\\F\\Data\\big.bin", L"\\F\\Data\\copy.bin", L"\\F\\Data\\locked.bin", L"\\F\\Data\\new.bin",
-          L"\\F\\Blocked\\inner\\x.txt", L"\\F\\Data\\orphan.bin"})
+          L"\\F\\Blocked\\inner\\x.txt", L"\\F\\Data\\orphan.bin", L"\\F\\pagefile.sys"})
         WriteBytes(L"R:\\HostSample" + std::wstring(pwszFile), Pattern(200000, 12));
     WriteBytes(L"R:\\HostSample\\F\\Data\\old.bin", Pattern(200000, 13));
     WriteTextFile(
