@@ -136,13 +136,13 @@ template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(hModule, pszName)));
 }
 
-// Ends the run: the report when asked for, and the exit status.
+// Ends the run: the report when asked for, and the exit status. A report that cannot be written
+// is said so on screen; the status still tells what the restore did.
 int Finish(const COptions& options, keflhost::CRunRecord& record, int iStatus)
 {
     record.iExitStatus = iStatus;
-    if (!options.request.sReportFile.empty() && !keflhost::WriteReport(options.request.sReportFile, record) &&
-        iStatus == keflhost::kExitOk)
-        return keflhost::kExitNotStarted;
+    if (!options.request.sReportFile.empty())
+        keflhost::WriteReport(options.request.sReportFile, record);
     return iStatus;
 }
 
