@@ -27,9 +27,17 @@ void CHostOutput::Reclaim()
     // A pipe or file is still ours through the duplicate. A console is the user's only while the
     // process is attached to it: Init detached it and attached a hidden one.
     CONSOLE_SCREEN_BUFFER_INFO info = {};
-    if (!m_bConsole ||
-        (::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info)))
-        return;
+    const bool bStillOurs =
+        ::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info);
+    if (m_bConsole && !bStillOurs)
+        Reattach();
+    for (const std::wstring& sPending : m_vPending)
+        Write(sPending + L"\n");
+    m_vPending.clear();
+}
+
+void CHostOutput::Reattach()
+{
     ::FreeConsole();
     if (::AttachConsole(ATTACH_PARENT_PROCESS))
     {
@@ -75,6 +83,13 @@ void CHostOutput::Write(const std::wstring& sText)
 
 void CHostOutput::Line(const std::wstring& sText)
 {
+    // The library's messages at the end of Init come while the process is in its hidden console:
+    // they wait for the console the user looks at.
+    if (m_bConsole && ::GetConsoleWindow() != m_hwndConsole)
+    {
+        m_vPending.push_back(sText);
+        return;
+    }
     if (m_cchStatus != 0)
     {
         // Clears the bar; the next progress report draws it again below this line.

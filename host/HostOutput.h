@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 namespace keflhost
 {
@@ -41,12 +42,14 @@ public:
 private:
     void Write(const std::wstring& sText);
     void OpenConsoleOutput();
+    void Reattach();
 
     bool m_bConsole = false;
     HWND m_hwndConsole = nullptr;
     // A pipe or file: our own duplicate, which no FreeConsole closes. A console: "CONOUT$".
     morvane::CUniqueFile m_hOut;
     size_t m_cchStatus = 0;
+    std::vector<std::wstring> m_vPending;
 };
 
 // The process's output, made on first use.
