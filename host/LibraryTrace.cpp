@@ -190,22 +190,10 @@ CTraceFindings CLibraryTrace::ReadFrom(uint64_t ullOffset) const
 
 std::wstring KindName(FailureKind kind)
 {
-    switch (kind)
-    {
-    case FailureKind::File:
-        return L"file";
-    case FailureKind::Folder:
-        return L"folder";
-    case FailureKind::Listing:
-        return L"backup folder not listed";
-    case FailureKind::Junction:
-        return L"junction";
-    case FailureKind::SymbolicLink:
-        return L"symbolic link";
-    case FailureKind::HardLink:
-        return L"hard link";
-    }
-    return L"";
+    // In the order of FailureKind.
+    static const wchar_t* const kNames[] = {L"file",     L"folder",        L"backup folder not listed",
+                                            L"junction", L"symbolic link", L"hard link"};
+    return kNames[static_cast<size_t>(kind)];
 }
 
 std::wstring ErrorText(DWORD dwError)
