@@ -161,19 +161,30 @@ CLibraryTrace::CLibraryTrace()
     m_sPath = sLogDir + L"\\KEFL_trace.log";
 }
 
+namespace
+{
+
+morvane::CUniqueFile OpenShared(const std::wstring& sPath)
+{
+    return morvane::CUniqueFile(::CreateFileW(sPath.c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+}
+
+} // namespace
+
 uint64_t CLibraryTrace::Size() const
 {
-    WIN32_FILE_ATTRIBUTE_DATA data = {};
-    if (!::GetFileAttributesExW(m_sPath.c_str(), GetFileExInfoStandard, &data))
-        return 0;
-    return (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    // From the file itself: a folder entry's size can lag behind a file that another handle is
+    // appending to.
+    morvane::CUniqueFile hFile = OpenShared(m_sPath);
+    LARGE_INTEGER liSize = {};
+    return hFile && ::GetFileSizeEx(hFile.get(), &liSize) ? static_cast<uint64_t>(liSize.QuadPart) : 0;
 }
 
 CTraceFindings CLibraryTrace::ReadFrom(uint64_t ullOffset) const
 {
-    morvane::CUniqueFile hFile(::CreateFileW(m_sPath.c_str(), GENERIC_READ,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    morvane::CUniqueFile hFile = OpenShared(m_sPath);
     if (!hFile)
         return {};
     LARGE_INTEGER liOffset;
