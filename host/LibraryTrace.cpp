@@ -63,86 +63,135 @@ const CFailureLine kFailureLines[] = {
     {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed", FailureKind::HardLink},
 };
 
+// Reads the trace a line at a time: a restore's trace can be hundreds of MiB, and only its error
+// lines and a few information lines matter here, so the rest are passed over before any
+// conversion.
+class CTraceParser
+{
+public:
+    // The trace as it is read, in pieces of any size.
+    void Feed(std::string_view sChunk);
+    CTraceFindings Finish();
+
+private:
+    void Line(std::string_view sLine);
+    void ErrorLine(CThreadState& state, std::wstring_view sText);
+
+    std::string m_sPartial; // a line cut by the end of a piece
+    CTraceFindings m_findings;
+    std::map<std::string, CThreadState, std::less<>> m_states; // by thread id
+};
+
+void CTraceParser::Feed(std::string_view sChunk)
+{
+    for (size_t posEnd; (posEnd = sChunk.find('\n')) != std::string_view::npos;
+         sChunk.remove_prefix(posEnd + 1))
+    {
+        if (m_sPartial.empty())
+        {
+            Line(sChunk.substr(0, posEnd));
+            continue;
+        }
+        m_sPartial.append(sChunk.substr(0, posEnd));
+        Line(m_sPartial);
+        m_sPartial.clear();
+    }
+    m_sPartial.append(sChunk);
+}
+
+CTraceFindings CTraceParser::Finish()
+{
+    Line(m_sPartial);
+    m_sPartial.clear();
+    return std::move(m_findings);
+}
+
+void CTraceParser::Line(std::string_view sLine)
+{
+    if (!sLine.empty() && sLine.back() == '\r')
+        sLine.remove_suffix(1);
+    // "[2024-03-07 14:02:31.017]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = "E:\a""
+    const size_t posThread = sLine.find("]:");
+    if (sLine.empty() || sLine.front() != '[' || posThread == std::string_view::npos)
+        return;
+    const size_t posMarker = sLine.find(":[", posThread + 2);
+    if (posMarker == std::string_view::npos || sLine.size() < posMarker + 6)
+        return;
+    const char chLevel = sLine[posMarker + 2];
+    const std::string_view sText = sLine.substr(posMarker + 6);
+    const bool bNamesEntry = sText.find(" : sDst = ") != std::string_view::npos ||
+                             sText.find(" : sLink = ") != std::string_view::npos;
+    if (chLevel != 'E' &&
+        !(chLevel == 'I' && (bNamesEntry || sText.find(" : walk.ull") != std::string_view::npos)))
+        return;
+    const std::string_view sThread = sLine.substr(posThread + 2, posMarker - posThread - 2);
+    auto itState = m_states.find(sThread);
+    if (itState == m_states.end())
+        itState = m_states.emplace(std::string(sThread), CThreadState()).first;
+    const std::wstring sWide = Widen(sText);
+    if (chLevel == 'E')
+    {
+        ErrorLine(itState->second, sWide);
+        return;
+    }
+    // Each file, folder and link begins with its name at information level.
+    if (bNamesEntry)
+        itState->second.Clear();
+    const std::wstring_view sRest = std::wstring_view(sWide).substr(sWide.find(L" : ") + 3);
+    if (HasValue(sRest, L"walk.ullFiles"))
+    {
+        m_findings.bWalkCounted = true;
+        m_findings.ullFiles =
+            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
+    }
+    else if (HasValue(sRest, L"walk.ullDirectories"))
+        m_findings.ullFolders =
+            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
+}
+
+void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
+{
+    const size_t posColon = sText.find(L" : ");
+    if (posColon == std::wstring_view::npos)
+        return;
+    const std::wstring_view sRest = sText.substr(posColon + 3);
+    for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
+        if (HasValue(sRest, pwszName) &&
+            (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
+            state.sPath = ValueOf(sRest, pwszName);
+    if (HasValue(sRest, L"dwLastError"))
+        state.dwError = static_cast<DWORD>(
+            std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
+    const size_t posEnding = sRest.find(L"ending(");
+    if (posEnding != std::wstring_view::npos && sRest.back() == L')' && state.sReason.empty())
+        state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
+    else if (sRest.substr(0, 7) == L"Failed " && sRest != L"Failed to copy file" &&
+             sRest != L"Failed to create folder")
+        state.sReason = sRest;
+
+    for (const CFailureLine& failureLine : kFailureLines)
+    {
+        if (sText != failureLine.pwszText)
+            continue;
+        CFailure failure{failureLine.kind, state.sPath, state.dwError, state.sReason};
+        // A long-path prefix is how the library calls Windows, not what the user knows.
+        if (failure.sPath.rfind(L"\\\\?\\", 0) == 0)
+            failure.sPath.erase(0, 4);
+        m_findings.vFailures.push_back(std::move(failure));
+        state.Clear();
+        break;
+    }
+}
+
 } // namespace
 
-CTraceFindings ParseTrace(std::string_view sUtf8)
+CTraceFindings ParseTrace(std::string_view sUtf8, size_t cbPiece)
 {
-    CTraceFindings findings;
-    std::map<std::wstring, CThreadState> states;
-    while (!sUtf8.empty())
-    {
-        const size_t posEnd = sUtf8.find('\n');
-        std::string_view sLine = sUtf8.substr(0, posEnd);
-        sUtf8 = posEnd == std::string_view::npos ? std::string_view() : sUtf8.substr(posEnd + 1);
-        if (!sLine.empty() && sLine.back() == '\r')
-            sLine.remove_suffix(1);
-        // "[2024-03-07 14:02:31.017]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = "E:\a""
-        const size_t posThread = sLine.find("]:");
-        if (sLine.empty() || sLine.front() != '[' || posThread == std::string_view::npos)
-            continue;
-        const size_t posMarker = sLine.find(":[", posThread + 2);
-        if (posMarker == std::string_view::npos || sLine.size() < posMarker + 6)
-            continue;
-        const std::wstring sThread = Widen(sLine.substr(posThread + 2, posMarker - posThread - 2));
-        const char chLevel = sLine[posMarker + 2];
-        const std::wstring sText = Widen(sLine.substr(posMarker + 6));
-        const size_t posColon = sText.find(L" : ");
-        if (posColon == std::wstring::npos)
-            continue;
-        const std::wstring_view sFunction = std::wstring_view(sText).substr(0, posColon);
-        const std::wstring_view sRest = std::wstring_view(sText).substr(posColon + 3);
-        CThreadState& state = states[sThread];
-
-        if (chLevel == 'I')
-        {
-            // Each file, folder and link begins with its name at information level.
-            if (HasValue(sRest, L"sDst") || HasValue(sRest, L"sLink"))
-                state.Clear();
-            if (sFunction == L"KEFLImpl::RestoreFilespace")
-            {
-                if (HasValue(sRest, L"walk.ullFiles"))
-                {
-                    findings.bWalkCounted = true;
-                    findings.ullFiles =
-                        std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
-                }
-                else if (HasValue(sRest, L"walk.ullDirectories"))
-                    findings.ullFolders = std::wcstoull(
-                        std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
-            }
-            continue;
-        }
-        if (chLevel != 'E')
-            continue;
-
-        for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
-            if (HasValue(sRest, pwszName) &&
-                (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
-                state.sPath = ValueOf(sRest, pwszName);
-        if (HasValue(sRest, L"dwLastError"))
-            state.dwError = static_cast<DWORD>(
-                std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
-        const size_t posEnding = sRest.find(L"ending(");
-        if (posEnding != std::wstring_view::npos && sRest.back() == L')' && state.sReason.empty())
-            state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
-        else if (sRest.substr(0, 7) == L"Failed " && sRest != L"Failed to copy file" &&
-                 sRest != L"Failed to create folder")
-            state.sReason = sRest;
-
-        for (const CFailureLine& failureLine : kFailureLines)
-        {
-            if (sText != failureLine.pwszText)
-                continue;
-            CFailure failure{failureLine.kind, state.sPath, state.dwError, state.sReason};
-            // A long-path prefix is how the library calls Windows, not what the user knows.
-            if (failure.sPath.rfind(L"\\\\?\\", 0) == 0)
-                failure.sPath.erase(0, 4);
-            findings.vFailures.push_back(std::move(failure));
-            state.Clear();
-            break;
-        }
-    }
-    return findings;
+    CTraceParser parser;
+    for (; sUtf8.size() > cbPiece; sUtf8.remove_prefix(cbPiece))
+        parser.Feed(sUtf8.substr(0, cbPiece));
+    parser.Feed(sUtf8);
+    return parser.Finish();
 }
 
 CLibraryTrace::CLibraryTrace()
@@ -191,12 +240,11 @@ CTraceFindings CLibraryTrace::ReadFrom(uint64_t ullOffset) const
     liOffset.QuadPart = static_cast<LONGLONG>(ullOffset);
     if (!::SetFilePointerEx(hFile.get(), liOffset, nullptr, FILE_BEGIN))
         return {};
-    // The trace of one step is bounded by the library's size limit; read it whole.
-    std::string sText;
+    CTraceParser parser;
     char buf[65536];
     for (DWORD cbRead = 0; ::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
-        sText.append(buf, cbRead);
-    return ParseTrace(sText);
+        parser.Feed(std::string_view(buf, cbRead));
+    return parser.Finish();
 }
 
 std::wstring KindName(FailureKind kind)

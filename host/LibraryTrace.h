@@ -40,8 +40,9 @@ struct CTraceFindings
     uint64_t ullFolders = 0;
 };
 
-// Reads lines of the library's trace, in the order they were written.
-CTraceFindings ParseTrace(std::string_view sUtf8);
+// Reads lines of the library's trace, in the order they were written, in pieces of cbPiece bytes
+// as a file is read.
+CTraceFindings ParseTrace(std::string_view sUtf8, size_t cbPiece = 65536);
 
 class CLibraryTrace
 {
