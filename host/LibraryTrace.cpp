@@ -52,6 +52,8 @@ struct CFailureLine
     FailureKind kind;
 };
 
+constexpr size_t kGaveUpKept = 100;
+
 // The lines that close a failure: the restore's and the link passes' own.
 const CFailureLine kFailureLines[] = {
     {L"KEFLImpl::RestoreFilespace : Failed to copy file", FailureKind::File},
@@ -163,7 +165,15 @@ void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
         state.dwError = static_cast<DWORD>(
             std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
     const size_t posEnding = sRest.find(L"ending(");
-    if (posEnding != std::wstring_view::npos && sRest.back() == L')' && state.sReason.empty())
+    const bool bGivesUp = posEnding != std::wstring_view::npos && sRest.back() == L')';
+    if (bGivesUp && m_findings.vGaveUp.size() < kGaveUpKept)
+    {
+        const std::wstring sError = ErrorText(state.dwError);
+        m_findings.vGaveUp.push_back(std::wstring(sText.substr(0, posColon)) + L": " +
+                                     std::wstring(sRest.substr(posEnding + 7, sRest.size() - posEnding - 8)) +
+                                     (sError.empty() ? L"" : L" (" + sError + L")"));
+    }
+    if (bGivesUp && state.sReason.empty())
         state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
     else if (sRest.substr(0, 7) == L"Failed " && sRest != L"Failed to copy file" &&
              sRest != L"Failed to create folder")

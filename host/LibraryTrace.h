@@ -38,6 +38,9 @@ struct CTraceFindings
     bool bWalkCounted = false;
     uint64_t ullFiles = 0;
     uint64_t ullFolders = 0;
+    // Why functions gave up, as their failed-exit lines say, with the error traced before: the
+    // first 100, for a step that failed as a whole (a session that could not start).
+    std::vector<std::wstring> vGaveUp;
 };
 
 // Reads lines of the library's trace, in the order they were written, in pieces of cbPiece bytes

@@ -124,13 +124,19 @@ std::wstring RestoredFolder(const morvane::Filespace& fs)
     return sMount;
 }
 
-int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, const std::wstring& sWhy)
+// A session that could not start or list: the library's message, and what its trace says of why.
+int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, const std::wstring& sWhy,
+               const CLibraryTrace& trace, uint64_t ullTraceOffset)
 {
     const std::wstring sError = LastError(client);
     client.Fini();
     output.Reclaim();
     record.sNotStarted = sWhy + (sError.empty() ? L"" : L": " + sError);
     PrintLine(L"keflhost: " + record.sNotStarted);
+    record.vNotStartedTrace = trace.ReadFrom(ullTraceOffset).vGaveUp;
+    PrintSome(
+        L"  the library's trace (" + trace.Path() + L") says:", record.vNotStartedTrace,
+        [](const std::wstring& sLine) { return sLine; }, false);
     return record.iExitStatus = kExitNotStarted;
 }
 
@@ -212,14 +218,17 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
                CProgressDisplay& display, CHostOutput& output, CRunRecord& record)
 {
     const CLibraryTrace trace;
+    const uint64_t ullSessionOffset = trace.Size();
     const bool bInitialised = client.Init(&credentials);
     // Init leaves the process in a hidden console of the library's: our output goes back to the user's.
     output.Reclaim();
     if (!bInitialised)
-        return EndSession(client, output, record, L"the restore session could not start");
+        return EndSession(client, output, record, L"the restore session could not start", trace,
+                          ullSessionOffset);
     std::vector<morvane::Filespace> vFilespaces;
     if (!client.GetFilespaceList(vFilespaces))
-        return EndSession(client, output, record, L"the backup's filespaces could not be listed");
+        return EndSession(client, output, record, L"the backup's filespaces could not be listed", trace,
+                          ullSessionOffset);
     PrintList(vFilespaces);
     if (request.bListOnly)
     {

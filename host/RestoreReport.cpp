@@ -63,7 +63,13 @@ std::string ReportJson(const CRunRecord& record)
                                                  ? nlohmann::ordered_json(nullptr)
                                                  : nlohmann::ordered_json(Utf8(record.sPointInTime))}};
     if (!record.sNotStarted.empty())
+    {
         report["notStarted"] = Utf8(record.sNotStarted);
+        nlohmann::ordered_json lines = nlohmann::ordered_json::array();
+        for (const std::wstring& sLine : record.vNotStartedTrace)
+            lines.push_back(Utf8(sLine));
+        report["notStartedTrace"] = lines;
+    }
     nlohmann::ordered_json filespaces = nlohmann::ordered_json::array();
     for (const CFilespaceRecord& fs : record.vFilespaces)
     {

@@ -44,7 +44,8 @@ struct CRunRecord
     CLinkPasses links;
     std::vector<CFailure> vLinkFailures;
     bool bLinksFailed = false;
-    std::wstring sNotStarted; // why nothing could start, when nothing did
+    std::wstring sNotStarted;                   // why nothing could start, when nothing did
+    std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it
     int iExitStatus = kExitOk;
 };
 

@@ -41,17 +41,26 @@ std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments)
 
 TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
 {
-    const std::pair<const wchar_t*, DWORD> cases[] = {
-        {L"--help", 0},
-        {L"--unknown", 1},
-        {L"--pit \"05/11/2015 14:03:09\"", 1},                       // a point in time needs a location
-        {L"--answer-file a.ini --location R:\\Backup", 1},           // one source only
-        {L"--verify", 1},                                            // verifying needs credentials
-        {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 1}, // not a valid point in time
+    const struct
+    {
+        const wchar_t* pwszArguments;
+        DWORD dwExitCode;
+        const char* pszSaid;
+    } cases[] = {
+        {L"--help", 0, "Exit status: 0 everything restored"},
+        {L"--unknown", 1, "usage: keflhost"},
+        {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},             // a point in time needs a location
+        {L"--answer-file a.ini --location R:\\Backup", 1, "usage:"}, // one source only
+        {L"--verify", 1, "usage:"},                                  // verifying needs credentials
+        {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 1, "is not a valid point in time"},
+        {L"--location R:\\NoSuchBackup", 1, "says:\n    KEFLImpl::Init: PathIsDirectory failed"},
     };
-    for (const auto& [pwszArguments, dwExitCode] : cases)
-        EXPECT_EQ(dwExitCode, RunHost(pwszArguments).first)
-            << testing::PrintToString(std::wstring(pwszArguments));
+    for (const auto& [pwszArguments, dwExitCode, pszSaid] : cases)
+    {
+        const auto [dwActual, sOutput] = RunHost(pwszArguments);
+        EXPECT_EQ(dwExitCode, dwActual) << testing::PrintToString(std::wstring(pwszArguments));
+        EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
+    }
 }
 
 TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
