@@ -304,73 +304,17 @@ HANDLE WINAPI CountedCreateFileW(LPCWSTR pwszName, DWORD dwAccess, DWORD dwShare
     return Original<decltype(&::CreateFileW)>(kCreateFileSource)(pwszName, dwAccess, dwShare, psa,
                                                                  dwDisposition, dwFlags, hTemplate);
 }
-BOOL WINAPI CountedCloseHandle(HANDLE h)
+// A timed forward to the function the import table held, one per kind of call.
+template <ECall kCall, typename Fn> struct CCounted;
+template <ECall kCall, typename R, typename... Args> struct CCounted<kCall, R(WINAPI*)(Args...)>
 {
-    CCallTimer timer(kCloseHandle);
-    return Original<decltype(&::CloseHandle)>(kCloseHandle)(h);
-}
-BOOL WINAPI CountedWriteFile(HANDLE h, LPCVOID pv, DWORD cb, LPDWORD pcb, LPOVERLAPPED po)
-{
-    CCallTimer timer(kWriteFile);
-    return Original<decltype(&::WriteFile)>(kWriteFile)(h, pv, cb, pcb, po);
-}
-DWORD WINAPI CountedWaitForSingleObject(HANDLE h, DWORD dwMs)
-{
-    CCallTimer timer(kWaitForSingleObject);
-    return Original<decltype(&::WaitForSingleObject)>(kWaitForSingleObject)(h, dwMs);
-}
-BOOL WINAPI CountedReleaseMutex(HANDLE h)
-{
-    CCallTimer timer(kReleaseMutex);
-    return Original<decltype(&::ReleaseMutex)>(kReleaseMutex)(h);
-}
-void WINAPI CountedGetLocalTime(LPSYSTEMTIME pst)
-{
-    CCallTimer timer(kGetLocalTime);
-    Original<decltype(&::GetLocalTime)>(kGetLocalTime)(pst);
-}
-BOOL WINAPI CountedBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
-                              LPVOID* ppv)
-{
-    CCallTimer timer(kBackupRead);
-    return Original<decltype(&::BackupRead)>(kBackupRead)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
-}
-BOOL WINAPI CountedBackupWrite(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
-                               LPVOID* ppv)
-{
-    CCallTimer timer(kBackupWrite);
-    return Original<decltype(&::BackupWrite)>(kBackupWrite)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
-}
-BOOL WINAPI CountedSetFileTime(HANDLE h, const FILETIME* pc, const FILETIME* pa, const FILETIME* pw)
-{
-    CCallTimer timer(kSetFileTime);
-    return Original<decltype(&::SetFileTime)>(kSetFileTime)(h, pc, pa, pw);
-}
-BOOL WINAPI CountedSetFileAttributesW(LPCWSTR pwsz, DWORD dw)
-{
-    CCallTimer timer(kSetFileAttributes);
-    return Original<decltype(&::SetFileAttributesW)>(kSetFileAttributes)(pwsz, dw);
-}
-DWORD WINAPI CountedGetFileAttributesW(LPCWSTR pwsz)
-{
-    CCallTimer timer(kGetFileAttributes);
-    return Original<decltype(&::GetFileAttributesW)>(kGetFileAttributes)(pwsz);
-}
-BOOL WINAPI CountedCreateDirectoryW(LPCWSTR pwsz, LPSECURITY_ATTRIBUTES psa)
-{
-    CCallTimer timer(kCreateDirectory);
-    return Original<decltype(&::CreateDirectoryW)>(kCreateDirectory)(pwsz, psa);
-}
-HANDLE WINAPI CountedFindFirstFileW(LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
-{
-    CCallTimer timer(kFindFirstFile);
-    return Original<decltype(&::FindFirstFileW)>(kFindFirstFile)(pwsz, pfd);
-}
-BOOL WINAPI CountedFindNextFileW(HANDLE h, LPWIN32_FIND_DATAW pfd)
-{
-    CCallTimer timer(kFindNextFile);
-    return Original<decltype(&::FindNextFileW)>(kFindNextFile)(h, pfd);
-}
+    static R WINAPI Call(Args... args)
+    {
+        CCallTimer timer(kCall);
+        return Original<R(WINAPI*)(Args...)>(kCall)(args...);
+    }
+};
+#define KEFL_COUNTED(kCall, function) reinterpret_cast<void*>(&CCounted<kCall, decltype(&::function)>::Call)
 
 // Puts the counting functions into KEFL.dll's import table, over the stand-ins where there are
 // any (BackupRead, BackupWrite): those are then timed as KEFL.dll meets them.
@@ -380,23 +324,23 @@ public:
     explicit CCallCounters(HMODULE hModule)
     {
         Patch(hModule, "CreateFileW", kCreateFileSource, reinterpret_cast<void*>(&CountedCreateFileW));
-        Patch(hModule, "CloseHandle", kCloseHandle, reinterpret_cast<void*>(&CountedCloseHandle));
-        Patch(hModule, "WriteFile", kWriteFile, reinterpret_cast<void*>(&CountedWriteFile));
+        Patch(hModule, "CloseHandle", kCloseHandle, KEFL_COUNTED(kCloseHandle, CloseHandle));
+        Patch(hModule, "WriteFile", kWriteFile, KEFL_COUNTED(kWriteFile, WriteFile));
         Patch(hModule, "WaitForSingleObject", kWaitForSingleObject,
-              reinterpret_cast<void*>(&CountedWaitForSingleObject));
-        Patch(hModule, "ReleaseMutex", kReleaseMutex, reinterpret_cast<void*>(&CountedReleaseMutex));
-        Patch(hModule, "GetLocalTime", kGetLocalTime, reinterpret_cast<void*>(&CountedGetLocalTime));
-        Patch(hModule, "BackupRead", kBackupRead, reinterpret_cast<void*>(&CountedBackupRead));
-        Patch(hModule, "BackupWrite", kBackupWrite, reinterpret_cast<void*>(&CountedBackupWrite));
-        Patch(hModule, "SetFileTime", kSetFileTime, reinterpret_cast<void*>(&CountedSetFileTime));
+              KEFL_COUNTED(kWaitForSingleObject, WaitForSingleObject));
+        Patch(hModule, "ReleaseMutex", kReleaseMutex, KEFL_COUNTED(kReleaseMutex, ReleaseMutex));
+        Patch(hModule, "GetLocalTime", kGetLocalTime, KEFL_COUNTED(kGetLocalTime, GetLocalTime));
+        Patch(hModule, "BackupRead", kBackupRead, KEFL_COUNTED(kBackupRead, BackupRead));
+        Patch(hModule, "BackupWrite", kBackupWrite, KEFL_COUNTED(kBackupWrite, BackupWrite));
+        Patch(hModule, "SetFileTime", kSetFileTime, KEFL_COUNTED(kSetFileTime, SetFileTime));
         Patch(hModule, "SetFileAttributesW", kSetFileAttributes,
-              reinterpret_cast<void*>(&CountedSetFileAttributesW));
+              KEFL_COUNTED(kSetFileAttributes, SetFileAttributesW));
         Patch(hModule, "GetFileAttributesW", kGetFileAttributes,
-              reinterpret_cast<void*>(&CountedGetFileAttributesW));
+              KEFL_COUNTED(kGetFileAttributes, GetFileAttributesW));
         Patch(hModule, "CreateDirectoryW", kCreateDirectory,
-              reinterpret_cast<void*>(&CountedCreateDirectoryW));
-        Patch(hModule, "FindFirstFileW", kFindFirstFile, reinterpret_cast<void*>(&CountedFindFirstFileW));
-        Patch(hModule, "FindNextFileW", kFindNextFile, reinterpret_cast<void*>(&CountedFindNextFileW));
+              KEFL_COUNTED(kCreateDirectory, CreateDirectoryW));
+        Patch(hModule, "FindFirstFileW", kFindFirstFile, KEFL_COUNTED(kFindFirstFile, FindFirstFileW));
+        Patch(hModule, "FindNextFileW", kFindNextFile, KEFL_COUNTED(kFindNextFile, FindNextFileW));
     }
     bool AllApplied() const
     {
