@@ -17,23 +17,21 @@ std::mutex g_lock;
 std::map<std::string, std::map<HANDLE, std::string>> g_live;
 std::map<std::string, std::pair<int, int>> g_counts;
 
-// What gives KEFL.dll handles: the answer (iOut -1) or argument iOut; a second one through argument
-// iOut2, or right behind the first (iOut2 == iOut: PROCESS_INFORMATION). Without a kind, a call
-// that takes back its first argument; a find handle only FindClose takes back.
+// What gives KEFL.dll handles: the answer (iOut -1) or argument iOut; a second one of the kind
+// through argument iOut2, or a thread right behind the first (iOut2 == iOut: PROCESS_INFORMATION).
+// Without a kind, a call that takes back its first argument; a find handle only FindClose takes back.
 struct CCall
 {
     const char *pszDll, *pszCall, *pszKind = nullptr;
-    int iOut = -1;
-    const char* pszKind2 = nullptr;
-    int iOut2 = -1;
+    int iOut = -1, iOut2 = -1;
 };
 constexpr CCall kCalls[] = {{"KERNEL32.dll", "CreateFileW", "file"},
                             {"KERNEL32.dll", "FindFirstFileW", "find"},
                             {"KERNEL32.dll", "CreateMutexW", "mutex"},
                             {"KERNEL32.dll", "CreateEventW", "event"},
                             {"KERNEL32.dll", "CreateThread", "thread"},
-                            {"KERNEL32.dll", "CreatePipe", "pipe", 0, "pipe", 1},
-                            {"KERNEL32.dll", "CreateProcessW", "process", 9, "thread", 9},
+                            {"KERNEL32.dll", "CreatePipe", "pipe", 0, 1},
+                            {"KERNEL32.dll", "CreateProcessW", "process", 9, 9},
                             {"KERNEL32.dll", "DuplicateHandle", "duplicate", 3},
                             {"ADVAPI32.dll", "OpenProcessToken", "token", 2},
                             {"KERNEL32.dll", "CloseHandle"},
@@ -72,9 +70,9 @@ template <size_t i, class R, class... A> void Count(CPatches& patches, HMODULE h
                 return r;
             }
             Opened(c.pszKind, ph[0], c.pszCall);
-            if constexpr (c.pszKind2 != nullptr)
-                Opened(c.pszKind2, c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<HANDLE*>(auArgs[c.iOut2]),
-                       c.pszCall);
+            if constexpr (c.iOut2 >= 0)
+                Opened(c.iOut2 == c.iOut ? "thread" : c.pszKind,
+                       c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<HANDLE*>(auArgs[c.iOut2]), c.pszCall);
             return r;
         });
 }
@@ -100,14 +98,14 @@ TEST_F(HandleLeakTest, ASessionWithFailuresGivesBackEveryHandleItGot)
     // to a missing file fail.
     RemoveTree(L"E:", true), RemoveTree(L"R:\\Cfg");
     WriteTextFile(HostDir() + L"\\qtx.ini", "[File Locations]\r\nConfig=R:\\Cfg\r\n");
-    MakeFolders(L"R:\\Backup\\D\\ZOVACFG");
     WriteTextFile(L"R:\\Backup\\#\\disrec.ini",
                   "[WinDir]\r\nDriveLetter=C\r\nDirectory=\\W\r\nPhysicalDrive=0\r\n"
                   "BootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=0\r\n");
     WriteTextFile(L"R:\\Backup\\#\\JPoint.dat", "[E:\\J]\r\nTarget=E:\\z\r\nBackupTarget=R:\\x\r\n");
     WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\Missing.txt\r\nH2=E:\\good.txt\r\n");
     // E: restored but for held.txt, which the test holds open, and the folder "blocked", where a file is.
-    MakeFolders(L"R:\\Backup\\E\\z"), MakeFolders(L"R:\\Backup\\E\\blocked");
+    for (const wchar_t* pwszFolder : {L"D\\ZOVACFG", L"E\\z", L"E\\blocked"})
+        MakeFolders(L"R:\\Backup\\" + std::wstring(pwszFolder));
     for (const wchar_t* pwszName : {L"good.txt", L"held.txt", L"z\\after.txt", L"blocked\\in.txt"})
         WriteBytes(L"R:\\Backup\\E\\" + std::wstring(pwszName), Pattern(100000, 1));
     WriteBytes(L"E:\\blocked", "a file where a folder goes"), WriteBytes(L"E:\\held.txt", "held");
