@@ -4,6 +4,7 @@
 #include "platform/ModulePath.h"
 #include "platform/WindowsVersion.h"
 #include "trace/TraceObjects.h"
+#include "platform/ProfileString.h"
 
 namespace morvane
 {
@@ -32,9 +33,7 @@ void VESKImpl::ReadHostLocation(const wchar_t* pwszFunction, const wchar_t* pwsz
 {
     g_VeskTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
     const std::wstring sIniPath = HostConfigFile(pwszFunction);
-    wchar_t wszValue[260] = {};
-    ::GetPrivateProfileStringW(L"File Locations", pwszKey, pwszDefault, wszValue, 260, sIniPath.c_str());
-    sValue = wszValue;
+    sValue = ReadProfileString(L"File Locations", pwszKey, pwszDefault, sIniPath.c_str());
     g_VeskTrace.TraceValue(TRACE_INFO, pwszFunction, pwszKey, sValue);
     g_VeskTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"... ending");
 }

@@ -3,6 +3,7 @@
 #include "client/VESKImpl.h"
 #include "platform/ModulePath.h"
 #include "trace/TraceObjects.h"
+#include "platform/FormatText.h"
 
 #include <cstdio>
 #include <vector>
@@ -103,8 +104,9 @@ void VESKImpl::GetResourceVersionStr(std::wstring& sVersion)
                            static_cast<int64_t>(lpTranslate->wCodePage));
 
     wchar_t wszBlock[64];
-    std::swprintf(wszBlock, 64, L"\\StringFileInfo\\%04x%04x\\", lpTranslate->wLanguage,
-                  lpTranslate->wCodePage);
+    // Two words take at most eight hexadecimal digits: the block name always fits.
+    (void)FormatInto(wszBlock, L"\\StringFileInfo\\%04x%04x\\", lpTranslate->wLanguage,
+                     lpTranslate->wCodePage);
     std::wstring sFileVersion;
     std::wstring sPrivateBuild;
     if (!QueryString(info, (std::wstring(wszBlock) + L"FileVersion").c_str(),

@@ -2,6 +2,7 @@
 
 #include "credentials/AnswerFileNames.h"
 #include "trace/TraceObjects.h"
+#include "platform/ProfileString.h"
 
 #include <cstring>
 
@@ -61,10 +62,9 @@ bool KeflCredentials::GetCredentialsFromAnsFile(const std::wstring& sAnsFile)
     static const wchar_t kFn[] = L"KeflCredentials::GetCredentialsFromAnsFile";
     if (!BeginAnswerFileOperation(kFn, sAnsFile))
         return false;
-    wchar_t wszLocation[260] = {};
-    ::GetPrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"", wszLocation, 260,
-                               sAnsFile.c_str());
-    m_sTargetPath = wszLocation;
+    // A backup folder deeper than 260 characters is read whole, not cut into another folder's name.
+    m_sTargetPath =
+        ReadProfileString(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"", sAnsFile.c_str());
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
     if (m_sTargetPath.empty())
     {

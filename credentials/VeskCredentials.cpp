@@ -2,6 +2,7 @@
 
 #include "credentials/AnswerFileNames.h"
 #include "trace/TraceObjects.h"
+#include "platform/FormatText.h"
 
 #include <cstdio>
 #include <sstream>
@@ -126,9 +127,8 @@ bool VeskCredentials::SetAnsFileFromPit(const std::wstring& sAnsFile)
         return false;
     }
     wchar_t wszPit[20] = {};
-    if (m_Pit.wDay != 0 &&
-        std::swprintf(wszPit, 20, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", m_Pit.wDay, m_Pit.wMonth,
-                      m_Pit.wYear, m_Pit.wHour, m_Pit.wMinute, m_Pit.wSecond) < 0)
+    if (m_Pit.wDay != 0 && !FormatInto(wszPit, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", m_Pit.wDay,
+                                       m_Pit.wMonth, m_Pit.wYear, m_Pit.wHour, m_Pit.wMinute, m_Pit.wSecond))
     {
         // A five-digit year does not fit the value that readers take; writing it cut would
         // name another time.

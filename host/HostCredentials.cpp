@@ -1,6 +1,7 @@
 #include "host/HostCredentials.h"
 
 #include "host/HostOutput.h"
+#include "platform/FormatText.h"
 
 #include <windows.h>
 
@@ -93,8 +94,8 @@ void PrintCredentials(morvane::VeskCredentials& credentials, std::wstring& sLoca
         return;
     }
     wchar_t wszPit[32];
-    std::swprintf(wszPit, 32, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
-                  st.wMinute, st.wSecond);
+    (void)morvane::FormatInto(wszPit, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear,
+                              st.wHour, st.wMinute, st.wSecond); // 29 characters at most
     sPointInTime = wszPit;
     PrintLine(L"Point in time: " + sPointInTime);
 }

@@ -1,7 +1,9 @@
 #include "host/ProgressDisplay.h"
 
+#include "platform/FormatText.h"
+
 #include <algorithm>
-#include <cstdio>
+#include <cmath>
 
 namespace keflhost
 {
@@ -22,7 +24,9 @@ CProgressDisplay::CProgressDisplay(COutputSink& output, Clock clock)
 
 int32_t CProgressDisplay::OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext)
 {
-    auto* pDisplay = reinterpret_cast<CProgressDisplay*>(static_cast<uintptr_t>(ullContext));
+    // The interface carries the context as a number; it is the display's address.
+    auto* pDisplay = reinterpret_cast<CProgressDisplay*>( // NOLINT(performance-no-int-to-ptr)
+        static_cast<uintptr_t>(ullContext));
     if (pMsg && pDisplay)
         pDisplay->Show(*pMsg);
     return 0;
@@ -110,27 +114,35 @@ void CProgressDisplay::Draw(bool bFinal)
 
 std::wstring CProgressDisplay::Bytes(uint64_t ullBytes)
 {
+    static const struct
+    {
+        double dUnit;
+        const wchar_t* pwszFormat;
+    } kUnits[] = {
+        {1024.0 * 1024.0 * 1024.0, L"%.2f GiB"}, {1024.0 * 1024.0, L"%.1f MiB"}, {1024.0, L"%.1f KiB"}};
+    const auto dBytes = static_cast<double>(ullBytes);
     wchar_t wsz[32];
-    if (ullBytes < 1024)
-        std::swprintf(wsz, 32, L"%u B", static_cast<unsigned>(ullBytes));
-    else if (ullBytes < 1024 * 1024)
-        std::swprintf(wsz, 32, L"%.1f KiB", ullBytes / 1024.0);
-    else if (ullBytes < 1024ull * 1024 * 1024)
-        std::swprintf(wsz, 32, L"%.1f MiB", ullBytes / (1024.0 * 1024.0));
-    else
-        std::swprintf(wsz, 32, L"%.2f GiB", ullBytes / (1024.0 * 1024.0 * 1024.0));
-    return wsz;
+    for (const auto& unit : kUnits)
+    {
+        if (dBytes >= unit.dUnit)
+        {
+            (void)morvane::FormatInto(wsz, unit.pwszFormat, dBytes / unit.dUnit); // 18 digits at most
+            return wsz;
+        }
+    }
+    return std::to_wstring(ullBytes) + L" B";
 }
 
 std::wstring CProgressDisplay::Duration(uint64_t ullSeconds)
 {
     wchar_t wsz[32];
-    if (ullSeconds >= 3600)
-        std::swprintf(wsz, 32, L"%u:%02u:%02u", static_cast<unsigned>(ullSeconds / 3600),
-                      static_cast<unsigned>(ullSeconds / 60 % 60), static_cast<unsigned>(ullSeconds % 60));
+    const auto uiSeconds = static_cast<unsigned>(ullSeconds % 60);
+    const auto uiMinutes = static_cast<unsigned>(ullSeconds / 60 % 60);
+    if (ullSeconds >= 3600) // 31 characters hold every count of hours
+        (void)morvane::FormatInto(wsz, L"%llu:%02u:%02u", static_cast<unsigned long long>(ullSeconds / 3600),
+                                  uiMinutes, uiSeconds);
     else
-        std::swprintf(wsz, 32, L"%u:%02u", static_cast<unsigned>(ullSeconds / 60),
-                      static_cast<unsigned>(ullSeconds % 60));
+        (void)morvane::FormatInto(wsz, L"%u:%02u", uiMinutes, uiSeconds);
     return wsz;
 }
 
@@ -142,10 +154,10 @@ std::wstring CProgressDisplay::Bar(uint64_t ullDone, uint64_t ullTotal, uint64_t
     ullTotal = std::max(ullTotal, ullDone);
     const double dShare = ullTotal == 0 ? 1.0 : static_cast<double>(ullDone) / static_cast<double>(ullTotal);
     const int iFilled = static_cast<int>(dShare * kWidth);
-    wchar_t wszPercent[8];
-    std::swprintf(wszPercent, 8, L"%3d%%", static_cast<int>(dShare * 100.0));
+    const std::wstring sPercent = std::to_wstring(static_cast<int>(dShare * 100.0));
     std::wstring sBar = L"[" + std::wstring(iFilled, L'#') + std::wstring(kWidth - iFilled, L'.') + L"] " +
-                        wszPercent + L"  " + Bytes(ullDone) + L" of " + Bytes(ullTotal);
+                        std::wstring(3 - std::min<size_t>(3, sPercent.size()), L' ') + sPercent + L"%  " +
+                        Bytes(ullDone) + L" of " + Bytes(ullTotal);
     const uint64_t ullSeconds = ullElapsedMs / 1000;
     if (ullElapsedMs > 0)
         sBar += L"  " + Bytes(ullDone * 1000 / ullElapsedMs) + L"/s";
@@ -155,7 +167,7 @@ std::wstring CProgressDisplay::Bar(uint64_t ullDone, uint64_t ullTotal, uint64_t
     {
         const double dLeftMs = static_cast<double>(ullElapsedMs) * static_cast<double>(ullTotal - ullDone) /
                                static_cast<double>(ullDone);
-        sBar += L"  " + Duration(static_cast<uint64_t>(dLeftMs / 1000.0 + 0.5)) + L" left";
+        sBar += L"  " + Duration(static_cast<uint64_t>(std::llround(dLeftMs / 1000.0))) + L" left";
     }
     return sBar;
 }

@@ -5,6 +5,7 @@
 #include "host/LibraryTrace.h"
 #include "host/RestoreVerify.h"
 #include "winecompat/LinkStandIns.h"
+#include "platform/FormatText.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -33,8 +34,9 @@ std::wstring Time(const morvane::Filespace& fs)
     if (!fs.bFsTimeValid)
         return L"-";
     wchar_t wsz[32];
-    std::swprintf(wsz, 32, L"%04u-%02u-%02u %02u:%02u:%02u UTC", fs.stFsTime.wYear, fs.stFsTime.wMonth,
-                  fs.stFsTime.wDay, fs.stFsTime.wHour, fs.stFsTime.wMinute, fs.stFsTime.wSecond);
+    (void)morvane::FormatInto(wsz, L"%04u-%02u-%02u %02u:%02u:%02u UTC", fs.stFsTime.wYear,
+                              fs.stFsTime.wMonth, fs.stFsTime.wDay, fs.stFsTime.wHour, fs.stFsTime.wMinute,
+                              fs.stFsTime.wSecond); // 31 characters at most
     return wsz;
 }
 

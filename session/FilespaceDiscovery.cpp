@@ -4,6 +4,8 @@
 
 #include "client/MessageIds.h"
 #include "trace/TraceObjects.h"
+#include "platform/FormatText.h"
+#include "platform/ProfileString.h"
 
 #include <cwchar>
 #include <cwctype>
@@ -182,9 +184,7 @@ bool KEFLImpl::GetBOOTandSYSTEM()
         return TraceFailed(kFn, L"... ending([WinDir] PhysicalDrive missing)");
     }
 
-    wchar_t wszWinDir[260] = {};
-    ::GetPrivateProfileStringW(L"WinDir", L"Directory", L"", wszWinDir, 260, pwszIni);
-    m_sWinDir = wszWinDir;
+    m_sWinDir = ReadProfileString(L"WinDir", L"Directory", L"", pwszIni);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sWinDir", m_sWinDir);
     if (m_sWinDir.empty())
     {
@@ -193,7 +193,8 @@ bool KEFLImpl::GetBOOTandSYSTEM()
     }
 
     wchar_t wszDriveSection[130] = {};
-    std::swprintf(wszDriveSection, 130, L"PhysicalDrive%u", static_cast<unsigned>(iPhysicalDrive));
+    (void)FormatInto(wszDriveSection, L"PhysicalDrive%u",
+                     static_cast<unsigned>(iPhysicalDrive)); // ten digits at most
     const UINT uiPartStyle = ::GetPrivateProfileIntW(wszDriveSection, L"PartitionStyle", 0, pwszIni);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiPartStyle", static_cast<int64_t>(uiPartStyle));
 
@@ -216,7 +217,8 @@ bool KEFLImpl::GetBOOTandSYSTEM()
                 return TraceFailed(kFn, L"... ending([WinDir] BootPartition missing)");
             }
             wchar_t wszPartitionKey[32] = {};
-            std::swprintf(wszPartitionKey, 32, L"DriveLetter%u", static_cast<unsigned>(iBootPartition));
+            (void)FormatInto(wszPartitionKey, L"DriveLetter%u",
+                             static_cast<unsigned>(iBootPartition)); // fits
             ::GetPrivateProfileStringW(wszDriveSection, wszPartitionKey, L"-", wszLetter, 2, pwszIni);
             m_wcWinSYSTEM = static_cast<wchar_t>(std::towupper(wszLetter[0]));
             g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_wcWinSYSTEM", m_wcWinSYSTEM);

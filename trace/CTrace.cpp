@@ -3,6 +3,8 @@
 #include "platform/ModulePath.h"
 #include "platform/WindowsVersion.h"
 #include "trace/TraceText.h"
+#include "platform/FormatText.h"
+#include "platform/ProfileString.h"
 
 #include <shlwapi.h>
 #include <winsock2.h>
@@ -19,12 +21,11 @@ namespace
 
 // Another writer holding the log for a whole minute is stuck; its line wins, ours is dropped.
 constexpr DWORD kMutexWaitMs = 60000;
-constexpr DWORD kPathChars = 260;
 // Where the host is installed on the recovery system; used when the host's own path is unknown.
 constexpr wchar_t kDefaultModuleDir[] = L"X:\\Program Files\\Morvane\\DURN\\";
 constexpr wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
 
-constexpr uint64_t kMiB = 1024 * 1024;
+constexpr uint64_t kMiB = 1024ull * 1024;
 // The default size limit: a quarter of the log volume's free space, at most 256 MiB, at least
 // 1 MiB (a smaller log would not show even one restore).
 constexpr uint64_t kMaxDefaultLimitMiB = 256;
@@ -99,8 +100,9 @@ CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const w
     CLastErrorGuard keepError;
     m_hMutex.reset(::CreateMutexW(nullptr, FALSE, m_sFileName.c_str()));
 
+    // This class's own: no derived class exists yet while it is being made.
     std::wstring sLogDir;
-    GetLogDirectory(sLogDir);
+    CTrace::GetLogDirectory(sLogDir);
     m_sFilePath = sLogDir + L"\\" + m_sFileName;
 
     // Every load starts a new log and keeps one previous generation.
@@ -141,17 +143,15 @@ void CTrace::GetLogDirectory(std::wstring& sLogDir)
     {
         CLastErrorGuard keepError;
         std::wstring sModuleDir;
-        GetModuleDirectory(sModuleDir);
+        // Also reached from the constructor, where this class's own is the one meant.
+        GetModuleDirectory(sModuleDir); // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         const std::wstring sDefault = m_uiOSCode == OSCODE_WINPE_52
                                           ? std::wstring(kRecoveryConfigDir) + L"\\Logfiles"
                                           : sModuleDir + L"\\Logfiles";
         const std::wstring sIniPath = sModuleDir + L"\\qtx.ini";
-        wchar_t wszDir[kPathChars] = {};
-        ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), wszDir, kPathChars,
-                                   sIniPath.c_str());
-        if (!::PathFileExistsW(wszDir))
-            ::CreateDirectoryW(wszDir, nullptr);
-        m_sLogDir = wszDir;
+        m_sLogDir = ReadProfileString(L"File Locations", L"Logfiles", sDefault.c_str(), sIniPath.c_str());
+        if (!::PathFileExistsW(m_sLogDir.c_str()))
+            ::CreateDirectoryW(m_sLogDir.c_str(), nullptr);
     }
     sLogDir = m_sLogDir;
 }
@@ -456,7 +456,8 @@ void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wch
     if (!IsOn(uiLevel))
         return;
     wchar_t wszValue[64];
-    std::swprintf(wszValue, 64, L"%g", dValue * 10000.0 / 10000.0);
+    (void)FormatInto(wszValue, L"%g",
+                     dValue * 10000.0 / 10000.0); // six significant digits and an exponent fit
     WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
 }
 
@@ -527,9 +528,11 @@ void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wcha
     if (!IsOn(uiLevel))
         return;
     wchar_t wszGuid[40];
-    std::swprintf(wszGuid, 40, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
-                  static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
-                  guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+    // A GUID is 36 characters, always.
+    (void)FormatInto(wszGuid, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
+                     static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
+                     guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6],
+                     guid.Data4[7]);
     WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
 }
 
@@ -539,8 +542,9 @@ void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wcha
     if (!IsOn(uiLevel))
         return;
     wchar_t wszTime[32];
-    std::swprintf(wszTime, 32, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
-                  st.wMinute, st.wSecond);
+    // Five-digit fields at most: 29 characters fit.
+    (void)FormatInto(wszTime, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
+                     st.wMinute, st.wSecond);
     WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
 }
 

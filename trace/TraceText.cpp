@@ -1,4 +1,5 @@
 #include "trace/TraceText.h"
+#include "platform/FormatText.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -148,8 +149,9 @@ std::wstring WidenNarrow(const char* psz)
 void AppendTimestamp(std::wstring& sOut, const SYSTEMTIME& st)
 {
     wchar_t wszTime[26];
-    std::swprintf(wszTime, 26, L"[%4.4u-%2.2u-%2.2u %2.2u:%2.2u:%2.2u.%3.3u]", st.wYear, st.wMonth, st.wDay,
-                  st.wHour, st.wMinute, st.wSecond, st.wMilliseconds);
+    // The prefix has a fixed width: a clock past the year 9999 would have its timestamp cut.
+    (void)FormatInto(wszTime, L"[%4.4u-%2.2u-%2.2u %2.2u:%2.2u:%2.2u.%3.3u]", st.wYear, st.wMonth, st.wDay,
+                     st.wHour, st.wMinute, st.wSecond, st.wMilliseconds);
     sOut += wszTime;
 }
 

@@ -51,6 +51,20 @@ TEST_F(KeflFixture, AnswerFilesRoundTripOrTellWhyTheirPointInTimeIsRefused)
         const std::wstring sWhy = L"VeskCredentials::ParsePit : ... ending(" + sExpected + L" out of range)";
         EXPECT_TRUE(!bRefused || HasText({vLog.begin() + cLogLines, vLog.end()}, sWhy)) << sWhy;
     }
+
+    // Past the fields' usual sizes: a location longer than 260 characters is read whole; a year of
+    // five digits does not fit the 19 characters that readers take, so it is refused, not written cut.
+    const std::wstring sLong = L"R:\\" + std::wstring(300, L'd');
+    WriteTextFile(sIn, "[ZovaBackupLocation]\r\nLocation=" + std::string(sLong.begin(), sLong.end()) +
+                           "\r\nPointInTime=1/1/10000 0:0:0\r\n");
+    auto pCreds = library.CredentialsFactory();
+    ASSERT_TRUE(pCreds->GetCredentialsFromAnsFile(sIn));
+    EXPECT_EQ(sLong, static_cast<KeflCredentials&>(*pCreds).m_sTargetPath);
+    RemoveFile(sOut);
+    EXPECT_FALSE(pCreds->SetAnsFileFromCredentials(sOut));
+    wchar_t wszPit[40] = {};
+    ::GetPrivateProfileStringW(L"ZovaBackupLocation", L"PointInTime", L"none", wszPit, 40, sOut.c_str());
+    EXPECT_STREQ(L"none", wszPit);
 }
 
 TEST_F(KeflFixture, ExportedOperationsCompareEveryFieldAndCopy)
