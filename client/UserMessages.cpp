@@ -51,7 +51,8 @@ int32_t VESKImpl::LogStdMsg(uint32_t uiSeverity, uint32_t uiMsgId)
     return iRc;
 }
 
-int32_t VESKImpl::LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...)
+// A string-table text takes its values printf-style, as every client of the recovery host formats them.
+int32_t VESKImpl::LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...) // NOLINT(cert-dcl50-cpp)
 {
     static const wchar_t kFn[] = L"VESKImpl::LogVarMsg";
     TraceEntry(kFn, uiSeverity, uiMsgId);

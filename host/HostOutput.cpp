@@ -125,7 +125,9 @@ void PrintLine(const std::wstring& sText)
     Output().Line(sText);
 }
 
-int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t /*ullContext*/)
+// The message comes by value because the library's callback type has it so.
+int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, // NOLINT(performance-unnecessary-value-param)
+               uint64_t /*ullContext*/)
 {
     const wchar_t* pwszSeverity = uiSeverity == morvane::MSG_SEVERITY_ERROR     ? L"error"
                                   : uiSeverity == morvane::MSG_SEVERITY_WARNING ? L"warning"

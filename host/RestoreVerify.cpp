@@ -46,7 +46,9 @@ template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector
             const std::wstring sName = fd.cFileName;
             if (sName == L"." || sName == L"..")
                 continue;
-            const std::wstring sPath = sRelative + L"\\" + sName;
+            std::wstring sPath = sRelative;
+            sPath += L'\\';
+            sPath += sName;
             const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
             if (fn(sPath, fd) && bFolder)
                 vPending.push_back(sPath);
@@ -160,7 +162,7 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
         },
         nullptr);
 
-    std::unique_ptr<BYTE[]> pBuffer(new BYTE[2 * kHalfBytes]);
+    std::unique_ptr<BYTE[]> pBuffer(new BYTE[size_t{2} * kHalfBytes]);
     uint64_t ullDone = 0;
     const auto advance = [&](uint64_t cb)
     {

@@ -98,10 +98,10 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
         // The folder's content comes next, before the rest of this listing.
         g_KeflTrace.TraceMessage(TRACE_VERBOSE, kCountFiles, L"starting ...");
         sPattern = LongPath(sPath + L"\\*");
-        hFind.reset(::FindFirstFileW(sPattern.c_str(), &fd));
-        if (!hFind)
+        CUniqueFind hListing(::FindFirstFileW(sPattern.c_str(), &fd));
+        if (!hListing)
             return EndWalk(sPath, ::GetLastError(), L"... ending(FindFirstFile failed)", vStack.size());
-        vStack.push_back({std::move(hFind), uiEntry, sPath.size()});
+        vStack.push_back({std::move(hListing), uiEntry, sPath.size()});
         bHaveEntry = true;
     }
     return true;
