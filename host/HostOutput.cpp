@@ -1,5 +1,7 @@
 #include "host/HostOutput.h"
 
+#include "platform/Utf8.h"
+
 namespace keflhost
 {
 
@@ -27,9 +29,8 @@ void CHostOutput::Reclaim()
     // A pipe or file is still ours through the duplicate. A console is the user's only while the
     // process is attached to it: Init detached it and attached a hidden one.
     CONSOLE_SCREEN_BUFFER_INFO info = {};
-    const bool bStillOurs =
-        ::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info);
-    if (m_bConsole && !bStillOurs)
+    if (m_bConsole &&
+        !(::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info)))
         Reattach();
     for (const std::wstring& sPending : m_vPending)
         Write(sPending + L"\n");
@@ -69,15 +70,7 @@ void CHostOutput::Write(const std::wstring& sText)
         ::WriteConsoleW(m_hOut.get(), sText.data(), static_cast<DWORD>(sText.size()), &dwWritten, nullptr);
         return;
     }
-    std::string sUtf8;
-    if (!sText.empty())
-    {
-        const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()),
-                                             nullptr, 0, nullptr, nullptr);
-        sUtf8.resize(cb > 0 ? static_cast<size_t>(cb) : 0);
-        ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), static_cast<int>(sText.size()), sUtf8.data(), cb,
-                              nullptr, nullptr);
-    }
+    const std::string sUtf8 = morvane::ToUtf8(sText);
     ::WriteFile(m_hOut.get(), sUtf8.data(), static_cast<DWORD>(sUtf8.size()), &dwWritten, nullptr);
 }
 

@@ -1,6 +1,9 @@
 #include "host/LibraryTrace.h"
 
+#include "platform/ModulePath.h"
+#include "platform/ProfileString.h"
 #include "platform/UniqueHandle.h"
+#include "platform/Utf8.h"
 
 #include <map>
 
@@ -8,18 +11,6 @@ namespace keflhost
 {
 namespace
 {
-
-std::wstring Widen(std::string_view s)
-{
-    std::wstring sWide;
-    const int cch = ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-    if (cch > 0)
-    {
-        sWide.resize(static_cast<size_t>(cch));
-        ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sWide.data(), cch);
-    }
-    return sWide;
-}
 
 // A value line's text after "name = ": quoted text without its quotes, a number as it stands.
 std::wstring_view ValueOf(std::wstring_view sText, std::wstring_view sName)
@@ -130,7 +121,7 @@ void CTraceParser::Line(std::string_view sLine)
     auto itState = m_states.find(sThread);
     if (itState == m_states.end())
         itState = m_states.emplace(std::string(sThread), CThreadState()).first;
-    const std::wstring sWide = Widen(sText);
+    const std::wstring sWide = morvane::FromUtf8(sText);
     if (chLevel == 'E')
     {
         ErrorLine(itState->second, sWide);
@@ -207,16 +198,14 @@ CTraceFindings ParseTrace(std::string_view sUtf8, size_t cbPiece)
 CLibraryTrace::CLibraryTrace()
 {
     // As the library finds its log folder: the program's folder, or qtx.ini's [File Locations].
-    std::wstring sModule(32768, L'\0'); // the longest path there is
-    sModule.resize(::GetModuleFileNameW(nullptr, sModule.data(), static_cast<DWORD>(sModule.size())));
+    std::wstring sModule;
+    DWORD dwLastError = 0;
     const std::wstring sDir =
-        sModule.rfind(L'\\') != std::wstring::npos ? sModule.substr(0, sModule.rfind(L'\\')) : L".";
-    const std::wstring sDefault = sDir + L"\\Logfiles";
-    std::wstring sLogDir(32768, L'\0');
-    const DWORD cch =
-        ::GetPrivateProfileStringW(L"File Locations", L"Logfiles", sDefault.c_str(), sLogDir.data(),
-                                   static_cast<DWORD>(sLogDir.size()), (sDir + L"\\qtx.ini").c_str());
-    sLogDir.resize(cch);
+        morvane::GetModulePath(nullptr, sModule, dwLastError) && sModule.rfind(L'\\') != std::wstring::npos
+            ? sModule.substr(0, sModule.rfind(L'\\'))
+            : L".";
+    const std::wstring sLogDir = morvane::ReadProfileString(
+        L"File Locations", L"Logfiles", (sDir + L"\\Logfiles").c_str(), (sDir + L"\\qtx.ini").c_str());
     m_sPath = sLogDir + L"\\KEFL_trace.log";
 }
 

@@ -2,6 +2,7 @@
 
 #include "host/HostOutput.h"
 #include "platform/UniqueHandle.h"
+#include "platform/Utf8.h"
 
 #include <nlohmann/json.hpp>
 
@@ -10,29 +11,17 @@ namespace keflhost
 namespace
 {
 
-std::string Utf8(const std::wstring& s)
-{
-    std::string sUtf8;
-    const int cb =
-        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0, nullptr, nullptr);
-    if (cb > 0)
-    {
-        sUtf8.resize(static_cast<size_t>(cb));
-        ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), sUtf8.data(), cb, nullptr,
-                              nullptr);
-    }
-    return sUtf8;
-}
+using morvane::ToUtf8;
 
 nlohmann::ordered_json Failures(const std::vector<CFailure>& vFailures)
 {
     nlohmann::ordered_json failures = nlohmann::ordered_json::array();
     for (const CFailure& failure : vFailures)
-        failures.push_back({{"kind", Utf8(KindName(failure.kind))},
-                            {"path", Utf8(failure.sPath)},
+        failures.push_back({{"kind", ToUtf8(KindName(failure.kind))},
+                            {"path", ToUtf8(failure.sPath)},
                             {"error", failure.dwError},
-                            {"errorText", Utf8(ErrorText(failure.dwError))},
-                            {"reason", Utf8(failure.sReason)}});
+                            {"errorText", ToUtf8(ErrorText(failure.dwError))},
+                            {"reason", ToUtf8(failure.sReason)}});
     return failures;
 }
 
@@ -57,32 +46,32 @@ nlohmann::ordered_json ExitBits(int iStatus)
 std::string ReportJson(const CRunRecord& record)
 {
     nlohmann::ordered_json report;
-    report["library"] = {{"description", Utf8(record.sDescription)}, {"version", Utf8(record.sVersion)}};
-    report["credentials"] = {{"location", Utf8(record.sLocation)},
+    report["library"] = {{"description", ToUtf8(record.sDescription)}, {"version", ToUtf8(record.sVersion)}};
+    report["credentials"] = {{"location", ToUtf8(record.sLocation)},
                              {"pointInTime", record.sPointInTime.empty()
                                                  ? nlohmann::ordered_json(nullptr)
-                                                 : nlohmann::ordered_json(Utf8(record.sPointInTime))}};
+                                                 : nlohmann::ordered_json(ToUtf8(record.sPointInTime))}};
     if (!record.sNotStarted.empty())
     {
-        report["notStarted"] = Utf8(record.sNotStarted);
+        report["notStarted"] = ToUtf8(record.sNotStarted);
         nlohmann::ordered_json lines = nlohmann::ordered_json::array();
         for (const std::wstring& sLine : record.vNotStartedTrace)
-            lines.push_back(Utf8(sLine));
+            lines.push_back(ToUtf8(sLine));
         report["notStartedTrace"] = lines;
     }
     nlohmann::ordered_json filespaces = nlohmann::ordered_json::array();
     for (const CFilespaceRecord& fs : record.vFilespaces)
     {
-        nlohmann::ordered_json entry = {{"name", Utf8(fs.sName)},     {"path", Utf8(fs.sPath)},
-                                        {"result", Utf8(fs.sResult)}, {"files", fs.ullFiles},
-                                        {"folders", fs.ullFolders},   {"bytes", fs.ullBytes},
-                                        {"seconds", fs.dSeconds},     {"failures", Failures(fs.vFailures)}};
+        nlohmann::ordered_json entry = {{"name", ToUtf8(fs.sName)},     {"path", ToUtf8(fs.sPath)},
+                                        {"result", ToUtf8(fs.sResult)}, {"files", fs.ullFiles},
+                                        {"folders", fs.ullFolders},     {"bytes", fs.ullBytes},
+                                        {"seconds", fs.dSeconds},       {"failures", Failures(fs.vFailures)}};
         if (fs.bVerified)
         {
             nlohmann::ordered_json differences = nlohmann::ordered_json::array();
             for (const CDifference& difference : fs.verification.vDifferences)
                 differences.push_back(
-                    {{"path", Utf8(difference.sPath)}, {"difference", Utf8(difference.sWhat)}});
+                    {{"path", ToUtf8(difference.sPath)}, {"difference", ToUtf8(difference.sWhat)}});
             entry["verify"] = {{"files", fs.verification.ullFiles},
                                {"folders", fs.verification.ullFolders},
                                {"bytes", fs.verification.ullBytes},

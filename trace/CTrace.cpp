@@ -5,6 +5,7 @@
 #include "trace/TraceText.h"
 #include "platform/FormatText.h"
 #include "platform/ProfileString.h"
+#include "platform/Utf8.h"
 
 #include <shlwapi.h>
 #include <winsock2.h>
@@ -47,20 +48,6 @@ const wchar_t* MarkerFor(uint32_t uiLevel)
     default:
         return L"";
     }
-}
-
-std::string ToUtf8(std::wstring_view sText)
-{
-    std::string sUtf8;
-    if (sText.empty())
-        return sUtf8;
-    const int cchText = static_cast<int>(sText.size());
-    const int cb = ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, nullptr, 0, nullptr, nullptr);
-    if (cb <= 0)
-        return sUtf8;
-    sUtf8.resize(static_cast<size_t>(cb));
-    ::WideCharToMultiByte(CP_UTF8, 0, sText.data(), cchText, sUtf8.data(), cb, nullptr, nullptr);
-    return sUtf8;
 }
 
 // The releasing half of every write: whatever happened, the mutex is given back.
