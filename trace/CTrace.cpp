@@ -79,6 +79,20 @@ uint64_t AppendToFile(HANDLE hFile, const std::string& sLine)
     return cbWritten;
 }
 
+// A line is made of strings; when there is no memory for them, the line is dropped like one that
+// cannot be written. Tracing never throws: it is called from failure paths, destructors and the
+// command monitor's thread, where an exception would end the process.
+template <class MakeLine> void DropUnmadeLine(MakeLine makeLine) noexcept
+{
+    try
+    {
+        makeLine();
+    }
+    catch (...) // NOLINT(bugprone-empty-catch): the line is given up, nothing else is
+    {
+    }
+}
+
 } // namespace
 
 CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey)
@@ -338,201 +352,273 @@ void CTrace::WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wc
     WriteValue(uiLevel, pwszFunction, pwszName, sQuoted);
 }
 
-void CTrace::TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage)
+void CTrace::TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    std::wstring sText(pwszFunction);
-    sText += L" : ";
-    sText += sMessage;
-    sText += kTraceLineEnd;
-    WriteLine(uiLevel, sText);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            std::wstring sText(pwszFunction);
+            sText += L" : ";
+            sText += sMessage;
+            sText += kTraceLineEnd;
+            WriteLine(uiLevel, sText);
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        wchar_t wcValue)
+                        wchar_t wcValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    std::wstring sValue(L"'");
-    AppendCharEscape(sValue, wcValue);
-    sValue.push_back(L'\'');
-    WriteValue(uiLevel, pwszFunction, pwszName, sValue);
-}
-
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, char cValue)
-{
-    if (!IsOn(uiLevel))
-        return;
-    wchar_t wc = L'\0';
-    if (std::mbtowc(&wc, &cValue, 1) < 0)
-        wc = L'?';
-    TraceValue(uiLevel, pwszFunction, pwszName, wc);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            std::wstring sValue(L"'");
+            AppendCharEscape(sValue, wcValue);
+            sValue.push_back(L'\'');
+            WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        const wchar_t* pwszValue)
+                        char cValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>");
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            wchar_t wc = L'\0';
+            if (std::mbtowc(&wc, &cValue, 1) < 0)
+                wc = L'?';
+            TraceValue(uiLevel, pwszFunction, pwszName, wc);
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        const char* pszValue)
+                        const wchar_t* pwszValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteQuoted(uiLevel, pwszFunction, pwszName, pszValue ? WidenNarrow(pszValue) : std::wstring(L"<null>"));
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>");
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        const std::wstring& sValue)
+                        const char* pszValue) noexcept
 {
-    TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str());
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteQuoted(uiLevel, pwszFunction, pwszName,
+                        pszValue ? WidenNarrow(pszValue) : std::wstring(L"<null>"));
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        const std::string& sValue)
+                        const std::wstring& sValue) noexcept
 {
-    TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str());
+    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        std::wstring_view sValue)
+                        const std::string& sValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteQuoted(uiLevel, pwszFunction, pwszName, sValue);
+    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        int64_t llValue)
+                        std::wstring_view sValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue));
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteQuoted(uiLevel, pwszFunction, pwszName, sValue);
+        });
+}
+
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        int64_t llValue) noexcept
+{
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue));
+        });
 }
 
 void CTrace::TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                      uint64_t ullValue)
+                      uint64_t ullValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    std::wstring sValue(L"0x");
-    AppendHex(sValue, ullValue, true);
-    m_bUpperHex.store(true, std::memory_order_relaxed);
-    WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            std::wstring sValue(L"0x");
+            AppendHex(sValue, ullValue, true);
+            m_bUpperHex.store(true, std::memory_order_relaxed);
+            WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+        });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        CTraceBool32 bValue)
+                        CTraceBool32 bValue) noexcept
 {
-    TraceValue(uiLevel, pwszFunction, pwszName, bValue.bValue != FALSE);
+    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, bValue.bValue != FALSE); });
 }
 
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, bool bValue)
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        bool bValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteValue(uiLevel, pwszFunction, pwszName, bValue ? L"true" : L"false");
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteValue(uiLevel, pwszFunction, pwszName, bValue ? L"true" : L"false");
+        });
 }
 
-void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName, double dValue)
+void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
+                        double dValue) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    wchar_t wszValue[64];
-    (void)FormatInto(wszValue, L"%g",
-                     dValue * 10000.0 / 10000.0); // six significant digits and an exponent fit
-    WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            wchar_t wszValue[64];
+            (void)FormatInto(wszValue, L"%g",
+                             dValue * 10000.0 / 10000.0); // six significant digits and an exponent fit
+            WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
+        });
 }
 
 void CTrace::TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                        const uint8_t* pbData, uint32_t cbData)
+                        const uint8_t* pbData, uint32_t cbData) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    std::wstring sText = NameText(pwszFunction, pwszName);
-    sText += L" = ";
-    if (pbData)
-        AppendByteDump(sText, pbData, cbData, m_bUpperHex.load(std::memory_order_relaxed));
-    else
-        sText += kTraceLineEnd;
-    WriteLine(uiLevel, sText);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            std::wstring sText = NameText(pwszFunction, pwszName);
+            sText += L" = ";
+            if (pbData)
+                AppendByteDump(sText, pbData, cbData, m_bUpperHex.load(std::memory_order_relaxed));
+            else
+                sText += kTraceLineEnd;
+            WriteLine(uiLevel, sText);
+        });
 }
 
-void CTrace::TraceBanner(const std::wstring& sText)
+void CTrace::TraceBanner(const std::wstring& sText) noexcept
 {
-    if (GetTraceMask() == 0)
-        return;
-    const std::wstring sMiddle = L"** " + sText + L" **";
-    const std::wstring sStars(sMiddle.size(), L'*');
-    std::wstring sBanner(kTraceLineEnd);
-    sBanner += sStars;
-    sBanner += kTraceLineEnd;
-    sBanner += sMiddle;
-    sBanner += kTraceLineEnd;
-    sBanner += sStars;
-    sBanner += kTraceLineEnd;
-    sBanner += kTraceLineEnd;
-    WriteLine(0, sBanner, true);
+    DropUnmadeLine(
+        [&]
+        {
+            if (GetTraceMask() == 0)
+                return;
+            const std::wstring sMiddle = L"** " + sText + L" **";
+            const std::wstring sStars(sMiddle.size(), L'*');
+            std::wstring sBanner(kTraceLineEnd);
+            sBanner += sStars;
+            sBanner += kTraceLineEnd;
+            sBanner += sMiddle;
+            sBanner += kTraceLineEnd;
+            sBanner += sStars;
+            sBanner += kTraceLineEnd;
+            sBanner += kTraceLineEnd;
+            WriteLine(0, sBanner, true);
+        });
 }
 
 void CTrace::TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                       uint32_t uiAddress, bool bHostOrder)
+                       uint32_t uiAddress, bool bHostOrder) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    in_addr addr;
-    addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
-    const char* pszDotted = ::inet_ntoa(addr);
-    WriteValue(uiLevel, pwszFunction, pwszName,
-               pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            in_addr addr;
+            addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
+            const char* pszDotted = ::inet_ntoa(addr);
+            WriteValue(uiLevel, pwszFunction, pwszName,
+                       pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
+        });
 }
 
 void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                       const wchar_t* pwszAddress)
+                       const wchar_t* pwszAddress) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteValue(uiLevel, pwszFunction, pwszName,
-               NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteValue(uiLevel, pwszFunction, pwszName,
+                       NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
+        });
 }
 
 void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                       const char* pszAddress)
+                       const char* pszAddress) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    WriteValue(uiLevel, pwszFunction, pwszName,
-               NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            WriteValue(uiLevel, pwszFunction, pwszName,
+                       NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
+        });
 }
 
 void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                       const GUID& guid)
+                       const GUID& guid) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    wchar_t wszGuid[40];
-    // A GUID is 36 characters, always.
-    (void)FormatInto(wszGuid, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
-                     static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
-                     guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6],
-                     guid.Data4[7]);
-    WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            wchar_t wszGuid[40];
+            // A GUID is 36 characters, always.
+            (void)FormatInto(wszGuid, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
+                             static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0],
+                             guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
+                             guid.Data4[6], guid.Data4[7]);
+            WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
+        });
 }
 
 void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                       const SYSTEMTIME& st)
+                       const SYSTEMTIME& st) noexcept
 {
-    if (!IsOn(uiLevel))
-        return;
-    wchar_t wszTime[32];
-    // Five-digit fields at most: 29 characters fit.
-    (void)FormatInto(wszTime, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear, st.wHour,
-                     st.wMinute, st.wSecond);
-    WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
+    DropUnmadeLine(
+        [&]
+        {
+            if (!IsOn(uiLevel))
+                return;
+            wchar_t wszTime[32];
+            // Five-digit fields at most: 29 characters fit.
+            (void)FormatInto(wszTime, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear,
+                             st.wHour, st.wMinute, st.wSecond);
+            WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
+        });
 }
 
 } // namespace morvane

@@ -2,7 +2,7 @@
 // The trace log. One object per log file; every line is written under a system-wide mutex named
 // after the file, with the file opened for append and closed again around the line, so that any
 // number of threads and processes can share one log without losing or splitting lines. Nothing
-// here ever reports an error: a line that cannot be written is dropped.
+// here ever reports an error or throws: a line that cannot be made or written is dropped.
 //
 // Each file has a size limit, because the log folder may lie on a small RAM disk that the restore
 // needs too. At the limit one warning line says so and information and verbose lines stop; error
@@ -55,44 +55,45 @@ public:
     virtual bool ResetTraceFile();
     virtual uint32_t GetTraceMask();
 
-    virtual void TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage);
+    virtual void TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction,
+                              std::wstring_view sMessage) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            wchar_t wcValue);
+                            wchar_t wcValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            char cValue);
+                            char cValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            const wchar_t* pwszValue);
+                            const wchar_t* pwszValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            const char* pszValue);
+                            const char* pszValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            const std::wstring& sValue);
+                            const std::wstring& sValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            const std::string& sValue);
+                            const std::string& sValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            std::wstring_view sValue);
+                            std::wstring_view sValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            int64_t llValue);
+                            int64_t llValue) noexcept;
     virtual void TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                          uint64_t ullValue);
+                          uint64_t ullValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            CTraceBool32 bValue);
+                            CTraceBool32 bValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            bool bValue);
+                            bool bValue) noexcept;
     virtual void TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            double dValue);
+                            double dValue) noexcept;
     virtual void TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                            const uint8_t* pbData, uint32_t cbData);
-    virtual void TraceBanner(const std::wstring& sText);
+                            const uint8_t* pbData, uint32_t cbData) noexcept;
+    virtual void TraceBanner(const std::wstring& sText) noexcept;
     virtual void TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                           uint32_t uiAddress, bool bHostOrder);
+                           uint32_t uiAddress, bool bHostOrder) noexcept;
     virtual void TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                           const wchar_t* pwszAddress);
+                           const wchar_t* pwszAddress) noexcept;
     virtual void TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                           const char* pszAddress);
+                           const char* pszAddress) noexcept;
     virtual void TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                           const GUID& guid);
+                           const GUID& guid) noexcept;
     virtual void TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
-                           const SYSTEMTIME& st);
+                           const SYSTEMTIME& st) noexcept;
 
     // The test that callers make before they build a function or value text; it includes the levels
     // that the size limit has stopped.
