@@ -1,15 +1,32 @@
-// The library's two exports. Neither catches: when memory runs out the allocation exception
-// reaches the host, and neither ever returns null.
+// The library's two exports. A factory that cannot make its object (no memory for it) answers
+// null, with the reason in the trace, rather than throw into a host that may not catch.
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "client/KEFL.h"
+#include "trace/TraceObjects.h"
+
+namespace
+{
+
+template <class Make> auto MadeOrNull(const wchar_t* pwszFunction, Make make) noexcept
+{
+    return morvane::CatchAtEdge(make,
+                                [pwszFunction](const morvane::CEdgeFailure& failure) -> decltype(make())
+                                {
+                                    morvane::TraceFailedAtEdge(pwszFunction, failure);
+                                    return nullptr;
+                                });
+}
+
+} // namespace
 
 extern "C" morvane::VESK* Factory()
 {
-    return new morvane::KEFL();
+    return MadeOrNull(L"Factory", []() -> morvane::VESK* { return new morvane::KEFL(); });
 }
 
 extern "C" morvane::VeskCredentials* CredentialsFactory()
 {
-    return new morvane::KeflCredentials();
+    return MadeOrNull(L"CredentialsFactory",
+                      []() -> morvane::VeskCredentials* { return new morvane::KeflCredentials(); });
 }

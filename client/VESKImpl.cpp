@@ -3,6 +3,7 @@
 #include "platform/WindowsVersion.h"
 #include "trace/TraceObjects.h"
 
+#include <algorithm>
 #include <cwchar>
 
 namespace morvane
@@ -49,9 +50,14 @@ void VESKImpl::GetLastErrorMsg(std::wstring& sErrorMsg)
 
 void VESKImpl::SetLastErrorMsg(const std::wstring& sErrorMsg)
 {
+    SetLastErrorMsg(sErrorMsg.c_str());
+}
+
+void VESKImpl::SetLastErrorMsg(const wchar_t* pwszErrorMsg) noexcept
+{
     // Cut, never rejected: the host shows what fits.
-    const size_t cch = sErrorMsg.size() < kErrorMsgChars - 1 ? sErrorMsg.size() : kErrorMsgChars - 1;
-    std::wmemcpy(m_wszErrorMsg, sErrorMsg.c_str(), cch);
+    const size_t cch = std::min(std::wcslen(pwszErrorMsg), kErrorMsgChars - 1);
+    std::wmemcpy(m_wszErrorMsg, pwszErrorMsg, cch);
     m_wszErrorMsg[cch] = L'\0';
     g_VeskTrace.TraceValue(TRACE_INFO, L"VESKImpl::SetLastErrorMsg", L"sErrorMsg", m_wszErrorMsg);
 }

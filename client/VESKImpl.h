@@ -36,6 +36,8 @@ public:
 
     virtual void GetLastErrorMsg(std::wstring& sErrorMsg);
     virtual void SetLastErrorMsg(const std::wstring& sErrorMsg);
+    // The same without allocating: the text of a failed allocation must reach the host too.
+    void SetLastErrorMsg(const wchar_t* pwszErrorMsg) noexcept;
     virtual void SetLogMsgCallbackFn(LogMsgCallbackFn pfnLogMsg, uint64_t ullContext);
     virtual void SetProgMsgCallbackFn(ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext);
     // Mends one group of hard links: the names that exist now are found, and every missing one is

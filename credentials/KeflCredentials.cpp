@@ -22,6 +22,18 @@ bool BeginAnswerFileOperation(const wchar_t* pwszFunction, const std::wstring& s
     return false;
 }
 
+// The credentials' operations are called by the host: what their work throws ends here, traced,
+// as a failed answer.
+template <class Work> bool AtEdge(const wchar_t* pwszFunction, Work work) noexcept
+{
+    return CatchAtEdge(work,
+                       [pwszFunction](const CEdgeFailure& failure)
+                       {
+                           TraceFailedAtEdge(pwszFunction, failure);
+                           return false;
+                       });
+}
+
 } // namespace
 
 KeflCredentials::KeflCredentials() = default;
@@ -52,58 +64,72 @@ void KeflCredentials::Clear()
 bool KeflCredentials::Check()
 {
     static const wchar_t kFn[] = L"KeflCredentials::Check";
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
-    g_KeflTrace.TraceTime(TRACE_INFO, kFn, L"m_Pit", m_Pit);
-    return true;
+    return AtEdge(kFn,
+                  [&]
+                  {
+                      g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
+                      g_KeflTrace.TraceTime(TRACE_INFO, kFn, L"m_Pit", m_Pit);
+                      return true;
+                  });
 }
 
 bool KeflCredentials::GetCredentialsFromAnsFile(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::GetCredentialsFromAnsFile";
-    if (!BeginAnswerFileOperation(kFn, sAnsFile))
-        return false;
-    // A backup folder deeper than 260 characters is read whole, not cut into another folder's name.
-    m_sTargetPath =
-        ReadProfileString(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"", sAnsFile.c_str());
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
-    if (m_sTargetPath.empty())
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not found)");
-        return false;
-    }
-    // A point in time that cannot be used means the latest backup, not a failed restore.
-    if (!GetPitFromAnsFile(sAnsFile))
-    {
-        g_KeflTrace.TraceMessage(TRACE_WARNING, kFn, L"... ending(No valid Point-in-Time)");
-        m_Pit = SYSTEMTIME();
-        return true;
-    }
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
-    return true;
+    return AtEdge(kFn,
+                  [&]
+                  {
+                      if (!BeginAnswerFileOperation(kFn, sAnsFile))
+                          return false;
+                      // A backup folder deeper than 260 characters is read whole, not cut into another
+                      // folder's name.
+                      m_sTargetPath = ReadProfileString(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), L"",
+                                                        sAnsFile.c_str());
+                      g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_sTargetPath", m_sTargetPath);
+                      if (m_sTargetPath.empty())
+                      {
+                          g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not found)");
+                          return false;
+                      }
+                      // A point in time that cannot be used means the latest backup, not a failed restore.
+                      if (!GetPitFromAnsFile(sAnsFile))
+                      {
+                          g_KeflTrace.TraceMessage(TRACE_WARNING, kFn, L"... ending(No valid Point-in-Time)");
+                          m_Pit = SYSTEMTIME();
+                          return true;
+                      }
+                      g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+                      return true;
+                  });
 }
 
 bool KeflCredentials::SetAnsFileFromCredentials(const std::wstring& sAnsFile)
 {
     static const wchar_t kFn[] = L"KeflCredentials::SetAnsFileFromCredentials";
-    if (!BeginAnswerFileOperation(kFn, sAnsFile))
-        return false;
-    // Empties the section in the system's own profile, not in the answer file: the answer
-    // file's other keys of the section are kept and only the two below are rewritten.
-    ::WriteProfileSectionW(g_sAnsSection.c_str(), L"\0");
-    if (m_sTargetPath.empty())
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not in Credentials)");
-        return false;
-    }
-    ::WritePrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(), m_sTargetPath.c_str(),
-                                 sAnsFile.c_str());
-    if (!SetAnsFileFromPit(sAnsFile))
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to set Point-in-Time)");
-        return false;
-    }
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
-    return true;
+    return AtEdge(
+        kFn,
+        [&]
+        {
+            if (!BeginAnswerFileOperation(kFn, sAnsFile))
+                return false;
+            // Empties the section in the system's own profile, not in the answer file: the answer
+            // file's other keys of the section are kept and only the two below are rewritten.
+            ::WriteProfileSectionW(g_sAnsSection.c_str(), L"\0");
+            if (m_sTargetPath.empty())
+            {
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Location not in Credentials)");
+                return false;
+            }
+            ::WritePrivateProfileStringW(g_sAnsSection.c_str(), g_sAnsLocationKey.c_str(),
+                                         m_sTargetPath.c_str(), sAnsFile.c_str());
+            if (!SetAnsFileFromPit(sAnsFile))
+            {
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to set Point-in-Time)");
+                return false;
+            }
+            g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+            return true;
+        });
 }
 
 } // namespace morvane

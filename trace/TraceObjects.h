@@ -1,6 +1,8 @@
 #pragma once
 // The module's two trace logs, alive from load to unload: KEFL_trace.log for the client and its
 // session, VESK_trace.log for the shared base services.
+#include "platform/CatchAtEdge.h"
+#include "platform/FormatText.h"
 #include "trace/KEFLTrace.h"
 
 namespace morvane
@@ -34,6 +36,14 @@ inline bool TraceFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason, 
     g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszReason);
     TraceLastError(pwszFunction, dwLastError);
     return false;
+}
+
+// What ended an entry point at its edge: "function : .. ending(text)", made without allocating.
+inline void TraceFailedAtEdge(const wchar_t* pwszFunction, const CEdgeFailure& failure) noexcept
+{
+    wchar_t wszReason[256];
+    (void)FormatInto(wszReason, L".. ending(%ls)", failure.Text()); // a cut text still says it
+    g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, wszReason);
 }
 
 } // namespace morvane
