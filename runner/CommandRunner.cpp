@@ -161,12 +161,12 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
         CloseChildHandles();
         return false;
     }
-    // The monitor runs detached; the session waits for it through the command mutex, which the
-    // monitor has made once it signals its start.
+    // The session waits for the monitor through the command mutex, which the monitor has made once
+    // it signals its start, and through its thread handle.
     if (hStarted)
         ::WaitForSingleObject(hStarted.get(), INFINITE);
     m_monitorParams.hStarted = nullptr;
-    hMonitor.reset();
+    m_hMonitor = std::move(hMonitor);
 
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwThreadId", static_cast<int64_t>(dwThreadId));
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
@@ -187,12 +187,22 @@ void CCommandRunner::CloseChildHandles()
 
 void CCommandRunner::WaitForMonitor()
 {
-    if (!m_hCommandMutex)
-        return;
-    // Abandoned (the monitor ended without releasing it) gives us ownership as well.
-    ::WaitForSingleObject(m_hCommandMutex.get(), INFINITE);
-    ::ReleaseMutex(m_hCommandMutex.get());
-    m_hCommandMutex.reset();
+    // Nobody reads the run's output any more. The monitor never touches these two.
+    m_hPipeRead.reset();
+    m_hConsoleIn.reset();
+    if (m_hCommandMutex)
+    {
+        // Abandoned (the monitor ended without releasing it) gives us ownership as well.
+        ::WaitForSingleObject(m_hCommandMutex.get(), INFINITE);
+        ::ReleaseMutex(m_hCommandMutex.get());
+        m_hCommandMutex.reset();
+    }
+    // The thread's last steps follow the release; the library may be unloaded after the session.
+    if (m_hMonitor)
+    {
+        ::WaitForSingleObject(m_hMonitor.get(), INFINITE);
+        m_hMonitor.reset();
+    }
 }
 
 } // namespace morvane

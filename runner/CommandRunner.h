@@ -6,16 +6,18 @@
 // ReadChar forward here, so the trace names are the session's.
 //
 // Who closes what:
-// - RunCommand closes everything it made when it fails, and closes the monitor thread's handle at
-//   once (the thread runs detached; the command mutex is how the session waits for it).
+// - RunCommand closes everything it made when it fails. It keeps the monitor thread's handle, so
+//   that the session's end waits until the thread has ended, not only until it let go of the mutex.
 // - The monitor thread owns the command mutex while the child runs. Once the child has ended it
 //   closes the process handle, the child's main-thread handle and the PIPE WRITE END (the third
 //   handle of its parameter block), then releases the mutex. Closing our copy of the write end is
 //   what lets the reader see the output end: the child's copy went with the child.
 // - The reader (ReadChar) closes the pipe read end and the console input handle when the pipe
 //   reports the output end (ERROR_BROKEN_PIPE after the last byte was read).
-// - WaitForMonitor (session end) waits for, releases and closes the command mutex;
-//   CloseChildHandles (session reset) closes whatever of the run is still open.
+// - WaitForMonitor (session end) first closes the reader's handles (a child still writing then
+//   meets a broken pipe and ends, instead of waiting on a full pipe that nobody reads), then waits
+//   for, releases and closes the command mutex, and waits for the monitor thread to end;
+//   CloseChildHandles (session end and reset) closes whatever of the run is still open.
 // Each handle lives in one owner of platform/UniqueHandle.h, so a handle closed by one of these is
 // marked invalid and never closed a second time; the destructor closes what is left.
 //
@@ -74,8 +76,8 @@ public:
     // Session reset: closes each handle of the run that is still open. Call it when no monitor
     // runs (after WaitForMonitor, or when the run never started one).
     void CloseChildHandles();
-    // Session end: when a monitor made a command mutex, waits without time limit until the
-    // monitor releases it, then releases and closes it.
+    // Session end: stops reading, and when a monitor runs, waits without time limit until it
+    // releases the command mutex and has ended; closes the mutex and the thread's handle.
     void WaitForMonitor();
 
     static constexpr uint32_t kBufferBytes = 65536;
@@ -114,6 +116,7 @@ private:
     DWORD m_dwProcessId = 0;       // from CreateProcessW
     DWORD m_dwThreadId = 0;        // from CreateProcessW
     CUniqueHandle m_hCommandMutex; // made by the monitor, owned by it while the child runs
+    CUniqueHandle m_hMonitor;      // the monitor thread, waited for by WaitForMonitor
     CMonitorParams m_monitorParams;
 
     std::atomic<bool> m_bAbort{false};

@@ -156,8 +156,10 @@ bool KEFLImpl::Fini()
 {
     static const wchar_t kFn[] = L"KEFLImpl::Fini";
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    // A command's monitor thread may still be watching its child: wait until it lets go.
+    // A command's monitor thread may still be watching its child: wait until it has ended. Then
+    // nothing of the run stays open, also when reading its output failed.
     m_CommandRunner.WaitForMonitor();
+    m_CommandRunner.CloseChildHandles();
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }
