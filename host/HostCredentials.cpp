@@ -48,6 +48,11 @@ CCredentialsPtr CredentialsFromAnswerFile(morvane::CredentialsFactoryFn pfnFacto
                                           const std::wstring& sAnsFile)
 {
     CCredentialsPtr pCredentials(pfnFactory());
+    if (!pCredentials)
+    {
+        PrintLine(L"keflhost: KEFL.dll's CredentialsFactory made no credentials");
+        return nullptr;
+    }
     if (!pCredentials->GetCredentialsFromAnsFile(sAnsFile))
     {
         PrintLine(L"keflhost: the answer file " + sAnsFile + L" names no backup location");

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -146,15 +147,13 @@ int Finish(const COptions& options, keflhost::CRunRecord& record, int iStatus)
     return iStatus;
 }
 
-int Run(int argc, wchar_t** argv)
+int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& record)
 {
-    COptions options;
     if (!ParseOptions(argc, argv, options) || options.bHelp)
     {
         PrintLine(kUsage);
         return options.bHelp ? keflhost::kExitOk : keflhost::kExitNotStarted;
     }
-    keflhost::CRunRecord record;
 
     morvane::CUniqueLibrary hKefl(::LoadLibraryW(L"KEFL.dll"));
     if (!hKefl)
@@ -215,20 +214,49 @@ int Run(int argc, wchar_t** argv)
     return Finish(options, record, iStatus);
 }
 
+// An error that ended the run early: nothing could start before the first filespace did, and
+// after that, what was not done counts as not restored. The report is still written.
+int Stopped(const COptions& options, keflhost::CRunRecord& record, const wchar_t* pwszWhy,
+            const char* pszWhat = "") noexcept
+{
+    const int iStatus = record.vFilespaces.empty() ? keflhost::kExitNotStarted : keflhost::kExitFilesFailed;
+    try
+    {
+        std::wstring sWhy = pwszWhy;
+        sWhy.append(pszWhat, pszWhat + std::strlen(pszWhat));
+        PrintLine(L"keflhost: stopped by an error: " + sWhy);
+        if (iStatus == keflhost::kExitNotStarted)
+            record.sNotStarted = L"stopped by an error: " + sWhy;
+        return Finish(options, record, iStatus);
+    }
+    catch (...) // no memory left even for the message: the status still says it
+    {
+        return iStatus;
+    }
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
     // Standard output as it is before the library touches the console.
     keflhost::Output();
+    COptions options;
+    keflhost::CRunRecord record;
     try
     {
-        return Run(argc, argv);
+        return Run(argc, argv, options, record);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return Stopped(options, record, L"out of memory");
     }
     catch (const std::exception& e)
     {
-        PrintLine(L"keflhost: stopped by an error: " +
-                  std::wstring(e.what(), e.what() + std::strlen(e.what())));
-        return keflhost::kExitNotStarted;
+        return Stopped(options, record, L"", e.what());
+    }
+    catch (...)
+    {
+        return Stopped(options, record, L"an unknown exception");
     }
 }
