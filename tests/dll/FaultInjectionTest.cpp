@@ -1,7 +1,7 @@
 // Whole sessions on a small backup with one of KEFL.dll's system calls failed at a time: a spread
-// of the call numbers of each function, each number in a session of its own. The runs happen in
-// child processes of this program, so that a crash or a hang costs one run and not the sweep.
-// Counted at KEFL.dll's import table, on top of the Wine stand-ins; Wine counts no handles.
+// of the call numbers of each function, each number in a session of its own, run in child
+// processes of this program so that a crash or a hang costs one run and not the sweep. Counted
+// and failed at KEFL.dll's import table, on top of the Wine stand-ins; Wine counts no handles.
 #include "dll/SessionFixture.h"
 
 #include "support/BackupStreams.h"
@@ -9,12 +9,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <iomanip>
+#include <deque>
+#include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -24,8 +23,8 @@ namespace
 {
 
 // A function KEFL.dll calls, failed with dwError in the sweep (when set) and counted always. What
-// gives handles names their kind: the answer (iOut -1) or argument iOut, a second one through
-// iOut2 (iOut2 == iOut: the thread behind a process). Kind "" takes back its first argument.
+// gives handles: the answer (iOut -1) or argument iOut, a second one through argument iOut2 or
+// (iOut2 == iOut) right behind the first. Kind "" takes back its first argument.
 struct CCall
 {
     const char *pszDll, *pszName;
@@ -34,40 +33,37 @@ struct CCall
     int iOut = -1, iOut2 = -1;
 };
 constexpr const char *kK32 = "KERNEL32.dll", *kAdv = "ADVAPI32.dll";
+constexpr DWORD kDenied = ERROR_ACCESS_DENIED;
 constexpr CCall kCalls[] = {
-    {kK32, "CreateFileW", ERROR_ACCESS_DENIED, "file"}, {kK32, "ReadFile", ERROR_CRC},
-    {kK32, "WriteFile", ERROR_DISK_FULL}, {kK32, "BackupRead", ERROR_CRC},
-    {kK32, "BackupWrite", ERROR_DISK_FULL}, {kK32, "CreateDirectoryW", ERROR_ACCESS_DENIED},
-    {kK32, "FindFirstFileW", ERROR_ACCESS_DENIED, "find"}, {kK32, "FindNextFileW", ERROR_NETNAME_DELETED},
-    {kK32, "SetFileAttributesW", ERROR_ACCESS_DENIED}, {kK32, "CreateHardLinkW", ERROR_ACCESS_DENIED},
-    {kK32, "DeleteFileW", ERROR_ACCESS_DENIED}, {kK32, "DeviceIoControl", ERROR_ACCESS_DENIED},
-    {nullptr, "CreateSymbolicLinkW", ERROR_ACCESS_DENIED}, // looked up only
+    {kK32, "CreateFileW", kDenied, "file"}, {kK32, "ReadFile", ERROR_CRC}, {kK32, "WriteFile", ERROR_DISK_FULL},
+    {kK32, "BackupRead", ERROR_CRC}, {kK32, "BackupWrite", ERROR_DISK_FULL}, {kK32, "CreateDirectoryW", kDenied},
+    {kK32, "FindFirstFileW", kDenied, "find"}, {kK32, "FindNextFileW", ERROR_NETNAME_DELETED},
+    {kK32, "SetFileAttributesW", kDenied}, {kK32, "CreateHardLinkW", kDenied}, {kK32, "DeleteFileW", kDenied},
+    {kK32, "DeviceIoControl", kDenied}, {nullptr, "CreateSymbolicLinkW", kDenied}, // looked up only
     {kK32, "CreatePipe", ERROR_NOT_ENOUGH_MEMORY, "pipe", 0, 1},
     {kK32, "CreateProcessW", ERROR_NOT_ENOUGH_MEMORY, "process", 9, 9},
     {kK32, "GetVolumeNameForVolumeMountPointW", ERROR_NOT_READY},
     {kK32, "GetVolumePathNamesForVolumeNameW", ERROR_NOT_READY}, {"msvcrt.dll", "malloc", ENOMEM},
-    {kK32, "SetFileTime", ERROR_ACCESS_DENIED}, {kK32, "MoveFileExW", ERROR_ACCESS_DENIED},
-    {kAdv, "OpenProcessToken", ERROR_ACCESS_DENIED, "token", 2},
-    {kAdv, "AdjustTokenPrivileges", ERROR_ACCESS_DENIED}, {kAdv, "LookupPrivilegeValueW", ERROR_ACCESS_DENIED},
+    {kK32, "SetFileTime", kDenied}, {kK32, "MoveFileExW", kDenied}, {kAdv, "OpenProcessToken", kDenied, "token", 2},
+    {kAdv, "AdjustTokenPrivileges", kDenied}, {kAdv, "LookupPrivilegeValueW", kDenied},
     {kK32, "CreateMutexW", 0, "mutex"}, {kK32, "CreateEventW", 0, "event"}, {kK32, "CreateThread", 0, "thread"},
     {kK32, "DuplicateHandle", 0, "duplicate", 3}, {kK32, "CloseHandle", 0, ""}, {kK32, "FindClose", 0, ""}};
 constexpr size_t kRows = std::size(kCalls);
-using CreateSymbolicLinkFn = BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
 const auto kTypes = std::tuple(
     &::CreateFileW, &::ReadFile, &::WriteFile, &::BackupRead, &::BackupWrite, &::CreateDirectoryW,
     &::FindFirstFileW, &::FindNextFileW, &::SetFileAttributesW, &::CreateHardLinkW, &::DeleteFileW,
-    &::DeviceIoControl, CreateSymbolicLinkFn{}, &::CreatePipe, &::CreateProcessW,
-    &::GetVolumeNameForVolumeMountPointW, &::GetVolumePathNamesForVolumeNameW, &::malloc, &::SetFileTime,
-    &::MoveFileExW, &::OpenProcessToken, &::AdjustTokenPrivileges, &::LookupPrivilegeValueW, &::CreateMutexW,
-    &::CreateEventW, &::CreateThread, &::DuplicateHandle, &::CloseHandle, &::FindClose);
+    &::DeviceIoControl, static_cast<BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD)>(nullptr), &::CreatePipe,
+    &::CreateProcessW, &::GetVolumeNameForVolumeMountPointW, &::GetVolumePathNamesForVolumeNameW, &::malloc,
+    &::SetFileTime, &::MoveFileExW, &::OpenProcessToken, &::AdjustTokenPrivileges, &::LookupPrivilegeValueW,
+    &::CreateMutexW, &::CreateEventW, &::CreateThread, &::DuplicateHandle, &::CloseHandle, &::FindClose);
 
-// Calls of a session by function, apart on the trace's own files (index 1) and on all others.
-std::atomic<int> g_aCalls[kRows][2];
+// A session's calls by function, apart on the trace's own file (1) and on all others (0); the
+// handles open, each with whether it is the trace's. The command monitor thread calls too.
+std::atomic<int> g_aaCalls[kRows][2];
 std::atomic<size_t> g_iFailRow = kRows;
 std::atomic<int> g_iFailTrace = 0, g_iFailCall = 0;
-std::mutex g_lock; // the command monitor thread calls too
-std::map<HANDLE, std::string> g_live;
-std::set<HANDLE> g_traceFiles;
+std::mutex g_lock;
+std::map<HANDLE, bool> g_live;
 void* g_apReal[kRows];
 void* g_apStandIn[kRows];
 
@@ -77,11 +73,12 @@ template <size_t i, class R, class... A> R Counted(A... a)
     const uintptr_t auArgs[] = {(uintptr_t)a..., 0};
     const std::string_view sName = c.pszName;
     std::unique_lock lock(g_lock);
+    const auto it = g_live.find((HANDLE)auArgs[0]);
     const int iTrace = sName == "CreateFileW" ? std::wcsstr((LPCWSTR)auArgs[0], L"_trace.log") != nullptr
-                       : sName == "ReadFile" || sName == "WriteFile" ? g_traceFiles.count((HANDLE)auArgs[0])
+                       : sName == "ReadFile" || sName == "WriteFile" ? it != g_live.end() && it->second
                                                                       : 0;
     lock.unlock();
-    if (++g_aCalls[i][iTrace] == g_iFailCall && g_iFailRow == i && g_iFailTrace == iTrace)
+    if (++g_aaCalls[i][iTrace] == g_iFailCall && g_iFailRow == i && g_iFailTrace == iTrace)
     {
         sName == "malloc" ? void(errno = ENOMEM) : ::SetLastError(c.dwError);
         if constexpr (std::is_same_v<R, HANDLE>)
@@ -96,12 +93,10 @@ template <size_t i, class R, class... A> R Counted(A... a)
         return r;
     lock.lock();
     if (!*c.pszKind)
-        return g_live.erase((HANDLE)auArgs[0]), g_traceFiles.erase((HANDLE)auArgs[0]), r;
-    g_live[ph[0]] = c.pszKind;
-    if (iTrace)
-        g_traceFiles.insert(ph[0]);
+        return g_live.erase((HANDLE)auArgs[0]), r;
+    g_live[ph[0]] = iTrace;
     if constexpr (c.iOut2 >= 0)
-        g_live[c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<HANDLE*>(auArgs[c.iOut2])] = c.pszKind;
+        g_live[c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<HANDLE*>(auArgs[c.iOut2])] = false;
     return r;
 }
 
@@ -123,108 +118,67 @@ FARPROC WINAPI LookUpCounted(HMODULE hModule, LPCSTR pszName)
     return pfn;
 }
 
-// The restore target E: as the backup has it: nested folders, files past 64 KiB (reads and writes
-// repeat), a hard-link group of three; a junction and a symbolic link (recorded, Wine makes none).
-const std::wstring kFiles[] = {L"a.txt", L"big.bin", L"h1.bin", L"Docs\\b.txt", L"Docs\\big.bin",
-                               L"Docs\\h2.bin", L"Docs\\Sub\\c.txt", L"Docs\\Sub\\big.bin", L"Docs\\Sub\\Deep\\d.txt",
-                               L"Media\\e.bin", L"Media\\h3.bin", L"Media\\Old\\f.txt", L"Media\\Old\\big.bin",
-                               L"g.txt"};
+// Drive E: in the backup: nested folders, files past 64 KiB (reads and writes repeat), a hard-link
+// group of three; a junction and a symbolic link (recorded: Wine makes none).
+const std::wstring kFiles[] = {L"a.txt", L"big.bin", L"h1.bin", L"Docs\\b.txt", L"Docs\\big.bin", L"Docs\\h2.bin",
+                               L"Docs\\Sub\\c.txt", L"Docs\\Sub\\big.bin", L"Docs\\Sub\\Deep\\d.txt", L"Media\\e.bin",
+                               L"Media\\h3.bin", L"Media\\Old\\f.txt", L"Media\\Old\\big.bin", L"g.txt"};
 const std::wstring kGroup[] = {L"E:\\h1.bin", L"E:\\Docs\\h2.bin", L"E:\\Media\\h3.bin"};
 const std::string kGroupBytes = Pattern(90000, 7);
-// Trace level 3: errors, warnings and information (no verbose lines).
-const wchar_t kTraceLevel[] = L"3";
+constexpr const char* kColumns[] = {"runs",       "crashes",   "hangs",         "silent losses", "lost names",
+                                    "leaks",      "long waits", "trace changed", "Fini false"};
 
-// One result line of a run: its four results, Fini's, whether the host heard of an error, the
-// filespace list, whether E: was as backed up, names lost, handles kept, links recorded, time.
+// What a session gave: the four results, an error shown to the host, the filespaces listed, E: as
+// backed up, whole names of the group that the link pass lost, handles kept after Fini, time.
 struct CRun
 {
-    std::string sResults;
-    int bFini = 0, bError = 0;
-    std::string sList;
-    int bFilesOk = 0, iLostNames = 0, iLeaks = 0, iLinks = 0, iMs = 0;
-};
-CRun Parse(const std::string& sLine)
-{
-    CRun run;
-    std::istringstream(sLine) >> run.sResults >> run.bFini >> run.bError >> run.sList >> run.bFilesOk >>
-        run.iLostNames >> run.iLeaks >> run.iLinks >> run.iMs;
-    return run;
-}
-
-class FaultInjectionTest : public SessionFixture
-{
-protected:
-    std::string Session()
-    {
-        RemoveTree(L"E:", true);
-        g_vMessages.clear();
-        for (auto& calls : g_aCalls)
-            calls[0] = calls[1] = 0;
-        const size_t cLive = (std::lock_guard(g_lock), g_live.size());
-        const size_t cLinks = winecompat::CLinkPatches::RecordedLinks().size();
-        const ULONGLONG ullStart = ::GetTickCount64();
-        int bError = 0;
-        const auto call = [&](bool bResult) { return bError |= !ErrorText().empty(), char('0' + bResult); };
-        std::string sResults(1, call(m_pClient->Init(Credentials(kBackup).get())));
-        std::vector<morvane::Filespace> vFilespaces;
-        sResults += call(m_pClient->GetFilespaceList(vFilespaces));
-        morvane::Filespace fs{};
-        fs.wcFsDriveLetter = L'E', fs.sFsPath = L"E:\\";
-        sResults += call(m_pClient->RestoreFilespace(fs));
-        int bFilesOk = 1, iLost = 0;
-        for (const std::wstring& sFile : kFiles)
-            bFilesOk &= ReadBytes(L"E:\\" + sFile) == ReadBytes(L"R:\\Backup\\E\\" + sFile);
-        std::vector<std::wstring> vBefore; // the group's names that are whole before the link pass
-        std::copy_if(std::begin(kGroup), std::end(kGroup), std::back_inserter(vBefore),
-                     [](const std::wstring& sName) { return ReadBytes(sName) == kGroupBytes; });
-        sResults += call(m_pClient->RestoreLinks());
-        for (const std::wstring& sName : vBefore)
-            iLost += ReadBytes(sName) != kGroupBytes;
-        const bool bFini = m_pClient->Fini();
-        for (const CMessage& message : g_vMessages)
-            bError |= message.uiSeverity == morvane::MSG_SEVERITY_ERROR;
-        std::string sList = "-";
-        for (const morvane::Filespace& listed : vFilespaces)
-            sList += char(listed.wcFsDriveLetter) + std::to_string(listed.dwFsFlags);
-        return sResults + " " + std::to_string(bFini) + " " + std::to_string(bError) + " " + sList + " " +
-               std::to_string(bFilesOk) + " " + std::to_string(iLost) + " " +
-               std::to_string((std::lock_guard(g_lock), g_live.size()) - cLive) + " " +
-               std::to_string(winecompat::CLinkPatches::RecordedLinks().size() - cLinks) + " " +
-               std::to_string(::GetTickCount64() - ullStart);
-    }
+    std::string sResults, sList = "-";
+    bool bFini = false, bError = false, bFilesOk = false;
+    int iLost = 0, iLeaks = 0;
+    ULONGLONG ullMs = 0;
 };
 
-// The child's run under way, ended as a hang by the watchdog after 120 s.
+// The child's run under way: its watchdog ends the run as a hang after 120 s.
 std::atomic<ULONGLONG> g_ullRunStart = 0;
 std::atomic<int> g_iRun = 0;
 FILE* g_pResults = nullptr;
 
-constexpr const char* kColumns[] = {"runs",       "crashes",   "hangs",         "silent losses", "lost names",
-                                    "leaks",      "long waits", "trace changed", "Fini false"};
-
-// This program again, for this test only, with the runs named in its environment.
-DWORD RunChild(const std::string& sRuns, size_t cRuns)
+class FaultInjectionTest : public SessionFixture
 {
-    wchar_t wszExe[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
-    std::wstring sCommand = L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=FaultInjectionTest.*";
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi{};
-    ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", sRuns.c_str());
-    // Detached: the session makes a console of its own for XCOPY.
-    const BOOL bStarted = ::CreateProcessW(wszExe, sCommand.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS,
-                                           nullptr, HostDir().c_str(), &si, &pi);
-    ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", nullptr);
-    DWORD dwExit = ~0u;
-    if (!bStarted)
-        return ADD_FAILURE() << "CreateProcess failed with " << ::GetLastError(), dwExit;
-    if (::WaitForSingleObject(pi.hProcess, static_cast<DWORD>(130000 * cRuns)) == WAIT_TIMEOUT)
-        ::TerminateProcess(pi.hProcess, dwExit);
-    ::GetExitCodeProcess(pi.hProcess, &dwExit);
-    ::CloseHandle(pi.hThread), ::CloseHandle(pi.hProcess);
-    return dwExit;
-}
+protected:
+    CRun Session()
+    {
+        RemoveTree(L"E:", true), RemoveTree(L"R:\\Cfg");
+        g_vMessages.clear();
+        for (auto& aCalls : g_aaCalls)
+            aCalls[0] = aCalls[1] = 0;
+        const size_t cLive = g_live.size(); // no session under way: nothing else changes it
+        const ULONGLONG ullStart = ::GetTickCount64();
+        CRun run;
+        const auto result = [&](bool b) { run.bError |= ErrorText() != L"No error", run.sResults += "01"[b]; };
+        result(m_pClient->Init(Credentials(kBackup).get()));
+        std::vector<morvane::Filespace> vFilespaces;
+        result(m_pClient->GetFilespaceList(vFilespaces));
+        morvane::Filespace fs{};
+        fs.wcFsDriveLetter = L'E', fs.sFsPath = L"E:\\";
+        result(m_pClient->RestoreFilespace(fs));
+        run.bFilesOk = std::all_of(std::begin(kFiles), std::end(kFiles), [](const std::wstring& s)
+                                   { return ReadBytes(L"E:\\" + s) == ReadBytes(L"R:\\Backup\\E\\" + s); });
+        std::vector<std::wstring> vWhole;
+        std::copy_if(std::begin(kGroup), std::end(kGroup), std::back_inserter(vWhole),
+                     [](const std::wstring& s) { return ReadBytes(s) == kGroupBytes; });
+        result(m_pClient->RestoreLinks());
+        for (const std::wstring& sName : vWhole)
+            run.iLost += ReadBytes(sName) != kGroupBytes;
+        run.bFini = m_pClient->Fini();
+        for (const CMessage& message : g_vMessages)
+            run.bError |= message.uiSeverity == morvane::MSG_SEVERITY_ERROR;
+        for (const morvane::Filespace& listed : vFilespaces)
+            run.sList += char(listed.wcFsDriveLetter) + std::to_string(listed.dwFsFlags);
+        run.iLeaks = static_cast<int>(g_live.size() - cLive), run.ullMs = ::GetTickCount64() - ullStart;
+        return run;
+    }
+};
 
 } // namespace
 
@@ -233,52 +187,52 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
     const HMODULE hKefl = m_pLibrary->Module();
     const CBackupStreamPatches streams(hKefl);
     const winecompat::CLinkPatches links(hKefl);
-    [&]<size_t... i>(std::index_sequence<i...>)
-    {
-        (Install<i>(m_patches, hKefl, std::get<i>(kTypes)), ...);
-    }
+    [&]<size_t... i>(std::index_sequence<i...>) { (Install<i>(m_patches, hKefl, std::get<i>(kTypes)), ...); }
     (std::make_index_sequence<kRows>());
     g_pfnGetProcAddress = m_patches.Patch(hKefl, kK32, "GetProcAddress", &LookUpCounted);
-    WriteTraceIni({{L"KEFL_TraceLevel", kTraceLevel}, {L"VESK_TraceLevel", kTraceLevel}});
-    // The command monitor's pause between polls of XCOPY, a second, shortened: it is most of a
-    // session's time. The restore's own waits stay real: a long one is what the sweep looks for.
+    // The command monitor's pause of a second between polls of XCOPY is most of a session's time.
+    // The restore's own waits stay: a long one is what the sweep looks for.
     static decltype(&::Sleep) s_pfnSleep = nullptr;
     s_pfnSleep = m_patches.Patch(hKefl, kK32, "Sleep", +[](DWORD dwMs) { s_pfnSleep(dwMs == 1000 ? 10 : dwMs); });
+    // Errors, warnings and information: the trace's own calls are swept too; verbose lines cost time.
+    WriteTraceIni({{L"KEFL_TraceLevel", L"3"}, {L"VESK_TraceLevel", L"3"}});
     m_pClient = m_pLibrary->Factory(); // looks the link functions up at the counted ones
     m_pClient->SetLogMsgCallbackFn(&RecordMessage, 0);
-    // The configuration is copied from drive D: to R:\Cfg by XCOPY during the listing.
+    // The configuration is on drive D:, copied to R:\Cfg by XCOPY during the listing.
     WriteTextFile(HostDir() + L"\\qtx.ini", "[File Locations]\r\nConfig=R:\\Cfg\r\n");
+    MakeFolders(L"R:\\Backup\\D\\ZOVACFG");
     WriteTextFile(L"R:\\Backup\\#\\disrec.ini", "[WinDir]\r\nDriveLetter=C\r\nDirectory=\\W\r\nPhysicalDrive=0\r\n"
                                                 "BootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=0\r\n");
-    MakeFolders(L"R:\\Backup\\D\\ZOVACFG");
     WriteTextFile(L"R:\\Backup\\#\\JPoint.dat", "[E:\\JLink]\r\nTarget=E:\\Docs\r\nBackupTarget=R:\\x\r\n");
     WriteTextFile(L"R:\\Backup\\#\\SPoint.dat", "[E:\\SLink.txt]\r\nTarget=E:\\a.txt\r\nBackupTarget=R:\\x\r\n");
-    WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\h1.bin\r\nH2=E:\\Docs\\h2.bin\r\nH3=E:\\Media\\h3.bin\r\n");
+    WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\h1.bin\r\nH2=E:\\Docs\\h2.bin\r\nH3=E:\\Media\\h3.bin");
     for (uint32_t i = 0; i < std::size(kFiles); ++i)
     {
         const std::wstring sPath = L"R:\\Backup\\E\\" + kFiles[i];
         MakeFolders(sPath.substr(0, sPath.rfind(L'\\')));
-        const bool bGroup = std::find(std::begin(kGroup), std::end(kGroup), L"E:\\" + kFiles[i]) != std::end(kGroup);
-        WriteBytes(sPath, bGroup ? kGroupBytes : Pattern(kFiles[i].ends_with(L"big.bin") ? 150000 + i : 3000 * i, i));
+        const bool bBig = kFiles[i].ends_with(L"big.bin"), bGroup = kFiles[i].find(L"h") != std::wstring::npos;
+        WriteBytes(sPath, bGroup ? kGroupBytes : Pattern(bBig ? 150000 + i : 3000 * i, i));
     }
     ::FreeConsole(); // Wine cannot open "CONIN$" of the test program's own console
+    const CRun clean = Session(); // counts the calls
+    EXPECT_TRUE(clean.sResults == "1111" && clean.bFilesOk && clean.bFini && !clean.bError && !clean.iLost &&
+                !clean.iLeaks);
 
-    // A child: the runs its parent asks for, one line each in the result file once it has ended.
+    // A child: the runs its parent names; a line for each, once it has ended, with what went wrong.
     char szRuns[4096] = "";
     if (::GetEnvironmentVariableA("KEFL_FAULT_RUNS", szRuns, sizeof(szRuns)))
     {
         std::istringstream runs(szRuns);
         size_t iRow = kRows;
         int iTrace = 0;
-        std::string sFile;
-        runs >> iRow >> iTrace >> sFile;
-        ASSERT_TRUE(g_pResults = std::fopen(sFile.c_str(), "a")) << sFile;
+        runs >> iRow >> iTrace;
+        ASSERT_TRUE(g_pResults = std::fopen("kefl-fault-runs.txt", "a"));
         std::thread(
             []
             {
                 for (;; ::Sleep(500))
-                    if (const ULONGLONG ullStart = g_ullRunStart; ullStart && ::GetTickCount64() - ullStart > 120000)
-                        std::fprintf(g_pResults, "%d hang\n", g_iRun.load()), std::fflush(g_pResults),
+                    if (const ULONGLONG ull = g_ullRunStart; ull && ::GetTickCount64() - ull > 120000)
+                        std::fprintf(g_pResults, "%d 2\n", g_iRun.load()), std::fflush(g_pResults),
                             ::TerminateProcess(::GetCurrentProcess(), 4);
             })
             .detach();
@@ -286,94 +240,84 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
         for (int iCall = 0; runs >> iCall;)
         {
             g_iRun = g_iFailCall = iCall, g_ullRunStart = ::GetTickCount64();
-            std::string sLine;
-            try
-            {
-                sLine = Session();
-            }
-            catch (const std::exception& e) // left an interface method: the run ends as a crash
-            {
-                return void(std::fprintf(g_pResults, "%d crash %s\n", iCall, e.what())), void(std::fflush(g_pResults));
-            }
+            const CRun run = Session();
             g_ullRunStart = 0;
-            std::fprintf(g_pResults, "%d %s\n", iCall, sLine.c_str()), std::fflush(g_pResults);
+            const bool abFailed[] = {
+                !run.bError && ((run.sResults[1] == '1' && run.sList != clean.sList) ||
+                                (run.sResults[2] == '1' && !run.bFilesOk)),
+                run.iLost > 0, run.iLeaks > clean.iLeaks, run.ullMs > 60000,
+                iTrace && run.sResults != clean.sResults, !run.bFini};
+            std::fprintf(g_pResults, "%d", iCall);
+            for (size_t j = 0; j < std::size(abFailed); ++j)
+                std::fprintf(g_pResults, abFailed[j] ? " %zu" : "", 3 + j);
+            std::fprintf(g_pResults, " | results %s, list %s, names lost %d, handles kept %d, %llu ms\n",
+                         run.sResults.c_str(), run.sList.c_str(), run.iLost, run.iLeaks, run.ullMs);
+            std::fflush(g_pResults);
         }
         return;
     }
 
-    // The parent: a clean session counts the calls, then each row's spread runs in children.
-    const CRun clean = Parse(Session());
-    EXPECT_EQ("1111", clean.sResults);
-    EXPECT_TRUE(clean.bFilesOk && clean.bFini && !clean.bError);
-    int aaClean[kRows][2];
-    for (size_t i = 0; i < kRows; ++i)
-        aaClean[i][0] = g_aCalls[i][0], aaClean[i][1] = g_aCalls[i][1];
+    // The parent: each function's spread in children, a new one after a crash or a hang.
     const ULONGLONG ullStart = ::GetTickCount64();
     const int cSpread = ::GetEnvironmentVariableW(L"KEFL_TESTS_QUICK", nullptr, 0) ? 4 : 16;
-    char szFile[MAX_PATH] = {};
-    ::GetTempPathA(MAX_PATH, szFile);
-    const std::string sFile = szFile + std::string("kefl-fault-runs.txt");
-    std::ostringstream table;
-    table << "function                              calls";
+    const std::wstring sExe = HostDir() + L"\\kefl_dll_tests.exe", sFile = HostDir() + L"\\kefl-fault-runs.txt";
+    std::string sTable = "function                            calls";
     for (const char* pszColumn : kColumns)
-        table << " | " << pszColumn;
+        sTable += std::string(" | ") + pszColumn;
     for (size_t i = 0; i < kRows; ++i)
         for (int iTrace = 0; iTrace < 2; ++iTrace)
         {
-            const int cCalls = aaClean[i][iTrace];
-            if (!kCalls[i].dwError || cCalls == 0) // not reached here (or not on this system)
+            const int cCalls = g_aaCalls[i][iTrace]; // of the clean session: the children's are their own
+            if (!kCalls[i].dwError || cCalls == 0) // not reached (or not on this system)
                 continue;
             const std::string sName = kCalls[i].pszName + std::string(iTrace ? " (trace)" : "");
-            std::vector<int> vCalls;
+            std::deque<int> calls;
             for (int k = 0; k < std::min(cCalls, cSpread); ++k)
-                vCalls.push_back(cCalls <= cSpread ? k + 1 : 1 + k * (cCalls - 1) / (cSpread - 1));
+                calls.push_back(cCalls <= cSpread ? k + 1 : 1 + k * (cCalls - 1) / (cSpread - 1));
             int aTally[std::size(kColumns)] = {};
-            while (!vCalls.empty())
+            while (!calls.empty())
             {
-                std::string sRuns = std::to_string(i) + " " + std::to_string(iTrace) + " " + sFile;
-                for (int iCall : vCalls)
+                std::string sRuns = std::to_string(i) + " " + std::to_string(iTrace);
+                for (int iCall : calls)
                     sRuns += " " + std::to_string(iCall);
-                std::remove(sFile.c_str());
-                const DWORD dwExit = RunChild(sRuns, vCalls.size());
-                std::map<int, std::string> lines;
-                std::ifstream results(sFile);
-                for (std::string sLine; std::getline(results, sLine);)
-                    lines[std::stoi(sLine)] = sLine.substr(sLine.find(' ') + 1);
-                size_t k = 0;
-                while (k < vCalls.size())
+                ::DeleteFileW(sFile.c_str()), ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", sRuns.c_str());
+                std::wstring sCommand = L"\"" + sExe + L"\" --gtest_filter=FaultInjectionTest.*";
+                STARTUPINFOW si{sizeof(si), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+                PROCESS_INFORMATION pi{};
+                // Detached: the session makes a console of its own for XCOPY.
+                ASSERT_TRUE(::CreateProcessW(sExe.c_str(), sCommand.data(), nullptr, nullptr, FALSE,
+                                             DETACHED_PROCESS, nullptr, HostDir().c_str(), &si, &pi));
+                DWORD dwExit = ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", nullptr) & 0;
+                ::WaitForSingleObject(pi.hProcess, INFINITE), ::GetExitCodeProcess(pi.hProcess, &dwExit);
+                ::CloseHandle(pi.hThread), ::CloseHandle(pi.hProcess);
+                std::ifstream results(std::string(sFile.begin(), sFile.end())); // ASCII
+                bool bHang = false;
+                for (std::string sLine; !calls.empty() && !bHang && std::getline(results, sLine); calls.pop_front())
                 {
-                    const std::string sRun = sName + " #" + std::to_string(vCalls[k]);
-                    const auto it = lines.find(vCalls[k++]);
+                    std::istringstream line(sLine);
                     ++aTally[0];
-                    if (it == lines.end() || !std::isdigit(it->second[0])) // the rest in a new child
-                    {
-                        ++aTally[it != lines.end() && it->second == "hang" ? 2 : 1];
-                        std::string sLast;
-                        const CLines log = KeflLog();
-                        for (size_t j = log.size() > 5 ? log.size() - 5 : 0; j < log.size(); ++j)
-                            for (wchar_t wc : L"\n    " + log[j])
-                                sLast += static_cast<char>(wc);
-                        ADD_FAILURE() << sRun << ": " << (it == lines.end() ? "crash" : it->second) << ", exit code "
-                                      << std::hex << dwExit << std::dec << ", the trace's last lines:" << sLast;
-                        break;
-                    }
-                    const CRun run = Parse(it->second);
-                    const bool abFailed[] = {
-                        !run.bError && ((run.sResults[1] == '1' && run.sList != clean.sList) ||
-                                        (run.sResults[2] == '1' && !run.bFilesOk) ||
-                                        (run.sResults[0] == '1' && run.sResults[3] == '1' && run.iLinks != clean.iLinks)),
-                        run.iLostNames > 0, run.iLeaks > clean.iLeaks, run.iMs > 60000,
-                        iTrace && run.sResults != clean.sResults, !run.bFini};
-                    for (size_t j = 0; j < std::size(abFailed); ++j)
-                        if (abFailed[j])
-                            ++aTally[3 + j], ADD_FAILURE() << sRun << ": " << kColumns[3 + j] << " (" << it->second << ")";
+                    line >> sLine; // the call number
+                    for (size_t j = 0; line >> j; bHang |= j == 2)
+                        ++aTally[j], ADD_FAILURE() << sName << " #" << calls.front() << ": " << kColumns[j] << " ("
+                                                   << line.str().substr(line.str().find('|') + 1) << ")";
                 }
-                vCalls.erase(vCalls.begin(), vCalls.begin() + static_cast<ptrdiff_t>(k));
+                if (calls.empty() || bHang)
+                    continue;
+                ++aTally[0], ++aTally[1];
+                std::string sLast; // the run that crashed the child: the last lines of its trace
+                const CLines log = KeflLog();
+                for (size_t j = log.size() > 6 ? log.size() - 6 : 0; j < log.size(); ++j)
+                    for (wchar_t wc : L"\n    " + log[j])
+                        sLast += static_cast<char>(wc);
+                ADD_FAILURE() << sName << " #" << calls.front() << ": crash, exit code 0x" << std::hex << dwExit
+                              << std::dec << ", the trace ends:" << sLast;
+                calls.pop_front();
             }
-            table << "\n" << std::left << std::setw(38) << sName << std::right << std::setw(7) << cCalls;
+            char szRow[64];
+            std::snprintf(szRow, sizeof(szRow), "\n%-34s %6d", sName.c_str(), cCalls);
+            sTable += szRow;
             for (size_t j = 0; j < std::size(kColumns); ++j)
-                table << " | " << std::setw(static_cast<int>(std::strlen(kColumns[j]))) << aTally[j];
+                sTable += std::string(" | ") + std::string(std::strlen(kColumns[j]) - std::to_string(aTally[j]).size(), ' ') + std::to_string(aTally[j]);
         }
-    std::printf("%s\nclean run: %s %d %d %s; sweep %.0f s\n", table.str().c_str(), clean.sResults.c_str(),
-                clean.iLeaks, clean.iLinks, clean.sList.c_str(), (::GetTickCount64() - ullStart) / 1000.0);
+    std::printf("%s\nsweep %.0f s\n", sTable.c_str(), double(::GetTickCount64() - ullStart) / 1000);
 }
