@@ -1,30 +1,22 @@
-// Whole sessions on a small backup with one of KEFL.dll's system calls failed at a time: a spread
-// of the call numbers of each function, each number in a session of its own, run in child
-// processes of this program so that a crash or a hang costs one run and not the sweep. Counted
-// and failed at KEFL.dll's import table, on top of the Wine stand-ins; Wine counts no handles.
+// Whole sessions with one of KEFL.dll's system calls failed at a time, each call number of a spread
+// in a session of its own, in child processes so that a crash or a hang costs one run, not the
+// sweep. Counted and failed at KEFL.dll's imports over the Wine stand-ins (Wine counts no handles).
 #include "dll/SessionFixture.h"
-
 #include "support/BackupStreams.h"
 #include "winecompat/LinkStandIns.h"
-
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <deque>
-#include <cstdio>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 #include <thread>
 
 using namespace kefltest;
-
 namespace
 {
 
-// A function KEFL.dll calls, failed with dwError in the sweep (when set) and counted always. What
-// gives handles: the answer (iOut -1) or argument iOut, a second one through argument iOut2 or
-// (iOut2 == iOut) right behind the first. Kind "" takes back its first argument.
+// A function KEFL.dll calls, failed with dwError in the sweep (when set), counted always. Handles
+// come as the answer (iOut -1) or through argument iOut, a second through iOut2 (iOut: right behind
+// the first); kind "" takes back its first argument.
 struct CCall
 {
     const char *pszDll, *pszName;
@@ -49,16 +41,8 @@ constexpr CCall kCalls[] = {
     {kK32, "CreateMutexW", 0, "mutex"}, {kK32, "CreateEventW", 0, "event"}, {kK32, "CreateThread", 0, "thread"},
     {kK32, "DuplicateHandle", 0, "duplicate", 3}, {kK32, "CloseHandle", 0, ""}, {kK32, "FindClose", 0, ""}};
 constexpr size_t kRows = std::size(kCalls);
-const auto kTypes = std::tuple(
-    &::CreateFileW, &::ReadFile, &::WriteFile, &::BackupRead, &::BackupWrite, &::CreateDirectoryW,
-    &::FindFirstFileW, &::FindNextFileW, &::SetFileAttributesW, &::CreateHardLinkW, &::DeleteFileW,
-    &::DeviceIoControl, static_cast<BOOLEAN(WINAPI*)(LPCWSTR, LPCWSTR, DWORD)>(nullptr), &::CreatePipe,
-    &::CreateProcessW, &::GetVolumeNameForVolumeMountPointW, &::GetVolumePathNamesForVolumeNameW, &::malloc,
-    &::SetFileTime, &::MoveFileExW, &::OpenProcessToken, &::AdjustTokenPrivileges, &::LookupPrivilegeValueW,
-    &::CreateMutexW, &::CreateEventW, &::CreateThread, &::DuplicateHandle, &::CloseHandle, &::FindClose);
-
-// A session's calls by function, apart on the trace's own file (1) and on all others (0); the
-// handles open, each with whether it is the trace's. The command monitor thread calls too.
+// A session's calls by function, on the trace's own file (1) apart; the handles open, each with
+// whether it is the trace's. The command monitor thread calls too.
 std::atomic<int> g_aaCalls[kRows][2];
 std::atomic<size_t> g_iFailRow = kRows;
 std::atomic<int> g_iFailTrace = 0, g_iFailCall = 0;
@@ -67,44 +51,33 @@ std::map<HANDLE, bool> g_live;
 void* g_apReal[kRows];
 void* g_apStandIn[kRows];
 
-template <size_t i, class R, class... A> R Counted(A... a)
+// On x64 each of these takes integers and pointers and answers one in RAX (a BOOL in its low half):
+// one stand-in passes any of them on with the ten arguments of the longest, CreateProcessW.
+using U = uintptr_t;
+template <size_t i> U Counted(U a0, U a1, U a2, U a3, U a4, U a5, U a6, U a7, U a8, U a9)
 {
     static constexpr CCall c = kCalls[i];
-    const uintptr_t auArgs[] = {(uintptr_t)a..., 0};
+    const U auArgs[] = {a0, a1, a2, a3, a4, a5, a6, a7, a8, a9};
     const std::string_view sName = c.pszName;
     std::unique_lock lock(g_lock);
-    const auto it = g_live.find((HANDLE)auArgs[0]);
-    const int iTrace = sName == "CreateFileW" ? std::wcsstr((LPCWSTR)auArgs[0], L"_trace.log") != nullptr
-                       : sName == "ReadFile" || sName == "WriteFile" ? it != g_live.end() && it->second
-                                                                      : 0;
+    const auto it = g_live.find((HANDLE)a0);
+    const int iTrace = sName == "CreateFileW" ? std::wcsstr((LPCWSTR)a0, L"_trace.log") != nullptr
+                                              : sName.ends_with("eFile") && it != g_live.end() && it->second;
     lock.unlock();
     if (++g_aaCalls[i][iTrace] == g_iFailCall && g_iFailRow == i && g_iFailTrace == iTrace)
-    {
-        sName == "malloc" ? void(errno = ENOMEM) : ::SetLastError(c.dwError);
-        if constexpr (std::is_same_v<R, HANDLE>)
-            return c.pszKind ? INVALID_HANDLE_VALUE : nullptr;
-        return R{};
-    }
-    R r = reinterpret_cast<R (*)(A...)>(g_apReal[i])(a...);
-    auto ph = reinterpret_cast<HANDLE*>(&r);
-    if constexpr (c.iOut >= 0)
-        ph = reinterpret_cast<HANDLE*>(auArgs[c.iOut]);
-    if (const intptr_t iR = (intptr_t)r; !c.pszKind || iR == 0 || iR == -1 || !ph) // failed, or only closes
+        return (sName == "malloc" ? void(errno = ENOMEM) : ::SetLastError(c.dwError)), c.pszKind && c.iOut < 0 ? ~U(0) : 0;
+    const U r = reinterpret_cast<decltype(&Counted<i>)>(g_apReal[i])(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9);
+    const bool bOk = c.iOut >= 0 || !*c.pszKind ? DWORD(r) != 0 : r != 0 && r != ~U(0);
+    if (!c.pszKind || !bOk || (c.iOut >= 0 && !auArgs[c.iOut])) // failed, or a duplication that only closes
         return r;
-    lock.lock();
+    const std::lock_guard relock(g_lock);
+    const auto ph = c.iOut >= 0 ? reinterpret_cast<const HANDLE*>(auArgs[c.iOut]) : reinterpret_cast<const HANDLE*>(&r);
     if (!*c.pszKind)
-        return g_live.erase((HANDLE)auArgs[0]), r;
+        return g_live.erase((HANDLE)a0), r;
     g_live[ph[0]] = iTrace;
-    if constexpr (c.iOut2 >= 0)
-        g_live[c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<HANDLE*>(auArgs[c.iOut2])] = false;
+    if (c.iOut2 >= 0)
+        g_live[c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<const HANDLE*>(auArgs[c.iOut2])] = false;
     return r;
-}
-
-template <size_t i, class R, class... A> void Install(CPatches& patches, HMODULE hModule, R (*)(A...))
-{
-    g_apStandIn[i] = reinterpret_cast<void*>(&Counted<i, R, A...>);
-    if (const CCall& c = kCalls[i]; c.pszDll)
-        g_apReal[i] = reinterpret_cast<void*>(patches.Patch(hModule, c.pszDll, c.pszName, &Counted<i, R, A...>));
 }
 
 // CreateSymbolicLinkW and CreateHardLinkW are looked up by name: the counted ones answer there.
@@ -113,7 +86,7 @@ FARPROC WINAPI LookUpCounted(HMODULE hModule, LPCSTR pszName)
 {
     FARPROC pfn = g_pfnGetProcAddress(hModule, pszName);
     for (size_t i = 0; i < kRows && pfn && reinterpret_cast<uintptr_t>(pszName) > 0xFFFF; ++i)
-        if (std::strcmp(pszName, kCalls[i].pszName) == 0)
+        if (std::string_view(pszName) == kCalls[i].pszName)
             return g_apReal[i] = g_apReal[i] ? g_apReal[i] : (void*)pfn, (FARPROC)g_apStandIn[i];
     return pfn;
 }
@@ -128,8 +101,8 @@ const std::string kGroupBytes = Pattern(90000, 7);
 constexpr const char* kColumns[] = {"runs",       "crashes",   "hangs",         "silent losses", "lost names",
                                     "leaks",      "long waits", "trace changed", "Fini false"};
 
-// What a session gave: the four results, an error shown to the host, the filespaces listed, E: as
-// backed up, whole names of the group that the link pass lost, handles kept after Fini, time.
+// A session's four results, an error shown to the host, the filespaces listed, E: as backed up,
+// whole names of the group the link pass lost, handles kept after Fini, time.
 struct CRun
 {
     std::string sResults, sList = "-";
@@ -140,13 +113,15 @@ struct CRun
 
 // The child's run under way: its watchdog ends the run as a hang after 120 s.
 std::atomic<ULONGLONG> g_ullRunStart = 0;
-std::atomic<int> g_iRun = 0;
 FILE* g_pResults = nullptr;
 
-class FaultInjectionTest : public SessionFixture
+} // namespace
+
+using FaultInjectionTest = SessionFixture;
+
+TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
 {
-protected:
-    CRun Session()
+    const auto session = [&]
     {
         RemoveTree(L"E:", true), RemoveTree(L"R:\\Cfg");
         g_vMessages.clear();
@@ -164,12 +139,12 @@ protected:
         result(m_pClient->RestoreFilespace(fs));
         run.bFilesOk = std::all_of(std::begin(kFiles), std::end(kFiles), [](const std::wstring& s)
                                    { return ReadBytes(L"E:\\" + s) == ReadBytes(L"R:\\Backup\\E\\" + s); });
-        std::vector<std::wstring> vWhole;
-        std::copy_if(std::begin(kGroup), std::end(kGroup), std::back_inserter(vWhole),
-                     [](const std::wstring& s) { return ReadBytes(s) == kGroupBytes; });
+        bool abWhole[std::size(kGroup)];
+        for (size_t i = 0; i < std::size(kGroup); ++i)
+            abWhole[i] = ReadBytes(kGroup[i]) == kGroupBytes;
         result(m_pClient->RestoreLinks());
-        for (const std::wstring& sName : vWhole)
-            run.iLost += ReadBytes(sName) != kGroupBytes;
+        for (size_t i = 0; i < std::size(kGroup); ++i)
+            run.iLost += abWhole[i] && ReadBytes(kGroup[i]) != kGroupBytes;
         run.bFini = m_pClient->Fini();
         for (const CMessage& message : g_vMessages)
             run.bError |= message.uiSeverity == morvane::MSG_SEVERITY_ERROR;
@@ -177,18 +152,15 @@ protected:
             run.sList += char(listed.wcFsDriveLetter) + std::to_string(listed.dwFsFlags);
         run.iLeaks = static_cast<int>(g_live.size() - cLive), run.ullMs = ::GetTickCount64() - ullStart;
         return run;
-    }
-};
-
-} // namespace
-
-TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
-{
+    };
     const HMODULE hKefl = m_pLibrary->Module();
     const CBackupStreamPatches streams(hKefl);
     const winecompat::CLinkPatches links(hKefl);
-    [&]<size_t... i>(std::index_sequence<i...>) { (Install<i>(m_patches, hKefl, std::get<i>(kTypes)), ...); }
+    [&]<size_t... i>(std::index_sequence<i...>) { ((g_apStandIn[i] = (void*)&Counted<i>), ...); }
     (std::make_index_sequence<kRows>());
+    for (size_t i = 0; i < kRows; ++i)
+        if (kCalls[i].pszDll)
+            g_apReal[i] = m_patches.Patch(hKefl, kCalls[i].pszDll, kCalls[i].pszName, g_apStandIn[i]);
     g_pfnGetProcAddress = m_patches.Patch(hKefl, kK32, "GetProcAddress", &LookUpCounted);
     // The command monitor's pause of a second between polls of XCOPY is most of a session's time.
     // The restore's own waits stay: a long one is what the sweep looks for.
@@ -206,48 +178,46 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
     WriteTextFile(L"R:\\Backup\\#\\JPoint.dat", "[E:\\JLink]\r\nTarget=E:\\Docs\r\nBackupTarget=R:\\x\r\n");
     WriteTextFile(L"R:\\Backup\\#\\SPoint.dat", "[E:\\SLink.txt]\r\nTarget=E:\\a.txt\r\nBackupTarget=R:\\x\r\n");
     WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\h1.bin\r\nH2=E:\\Docs\\h2.bin\r\nH3=E:\\Media\\h3.bin");
-    for (uint32_t i = 0; i < std::size(kFiles); ++i)
-    {
-        const std::wstring sPath = L"R:\\Backup\\E\\" + kFiles[i];
-        MakeFolders(sPath.substr(0, sPath.rfind(L'\\')));
-        const bool bBig = kFiles[i].ends_with(L"big.bin"), bGroup = kFiles[i].find(L"h") != std::wstring::npos;
-        WriteBytes(sPath, bGroup ? kGroupBytes : Pattern(bBig ? 150000 + i : 3000 * i, i));
-    }
+    for (uint32_t i = 0; i < std::size(kFiles); ++i) // the group's files start with "h"
+        MakeFolders((L"R:\\Backup\\E\\" + kFiles[i]).substr(0, 12 + kFiles[i].rfind(L'\\'))),
+            WriteBytes(L"R:\\Backup\\E\\" + kFiles[i], kFiles[i].find(L'h') != std::wstring::npos ? kGroupBytes
+                                       : Pattern(kFiles[i].ends_with(L"big.bin") ? 150000 + i : 3000 * i, i));
     ::FreeConsole(); // Wine cannot open "CONIN$" of the test program's own console
-    const CRun clean = Session(); // counts the calls
+    const CRun clean = session(); // counts the calls
     EXPECT_TRUE(clean.sResults == "1111" && clean.bFilesOk && clean.bFini && !clean.bError && !clean.iLost &&
                 !clean.iLeaks);
+    int aaClean[kRows][2]; // the clean session's calls: each session counts its own
+    for (size_t i = 0; i < kRows; ++i)
+        aaClean[i][0] = g_aaCalls[i][0], aaClean[i][1] = g_aaCalls[i][1];
+    const int cSpread = ::GetEnvironmentVariableW(L"KEFL_TESTS_QUICK", nullptr, 0) ? 4 : 16;
+    const auto callNumber = [&](size_t i, int iTrace, int k)
+    { return aaClean[i][iTrace] <= cSpread ? k + 1 : 1 + k * (aaClean[i][iTrace] - 1) / (cSpread - 1); };
 
-    // A child: the runs its parent names; a line for each, once it has ended, with what went wrong.
-    char szRuns[4096] = "";
-    if (::GetEnvironmentVariableA("KEFL_FAULT_RUNS", szRuns, sizeof(szRuns)))
+    // A child: its function's spread from the kth number on; a line for each run, once it has ended,
+    // with the columns that it counts in.
+    size_t iRow = kRows;
+    int iTrace = 0, k = 0;
+    if (char szRuns[64] = ""; ::GetEnvironmentVariableA("KEFL_FAULT_RUNS", szRuns, sizeof(szRuns)))
     {
-        std::istringstream runs(szRuns);
-        size_t iRow = kRows;
-        int iTrace = 0;
-        runs >> iRow >> iTrace;
+        std::istringstream(szRuns) >> iRow >> iTrace >> k;
         ASSERT_TRUE(g_pResults = std::fopen("kefl-fault-runs.txt", "a"));
-        std::thread(
-            []
-            {
-                for (;; ::Sleep(500))
-                    if (const ULONGLONG ull = g_ullRunStart; ull && ::GetTickCount64() - ull > 120000)
-                        std::fprintf(g_pResults, "%d 2\n", g_iRun.load()), std::fflush(g_pResults),
-                            ::TerminateProcess(::GetCurrentProcess(), 4);
-            })
-            .detach();
-        g_iFailRow = iRow, g_iFailTrace = iTrace;
-        for (int iCall = 0; runs >> iCall;)
+        std::thread([] {
+            for (;; ::Sleep(500))
+                if (const ULONGLONG ull = g_ullRunStart; ull && ::GetTickCount64() - ull > 120000)
+                    std::fprintf(g_pResults, "%d 2\n", g_iFailCall.load()), std::fflush(g_pResults),
+                        ::TerminateProcess(::GetCurrentProcess(), 4);
+        }).detach();
+        for (const int cRuns = std::min(aaClean[iRow][iTrace], cSpread); k < cRuns; ++k)
         {
-            g_iRun = g_iFailCall = iCall, g_ullRunStart = ::GetTickCount64();
-            const CRun run = Session();
+            g_iFailRow = iRow, g_iFailTrace = iTrace, g_iFailCall = callNumber(iRow, iTrace, k);
+            g_ullRunStart = ::GetTickCount64();
+            const CRun run = session();
             g_ullRunStart = 0;
-            const bool abFailed[] = {
-                !run.bError && ((run.sResults[1] == '1' && run.sList != clean.sList) ||
-                                (run.sResults[2] == '1' && !run.bFilesOk)),
-                run.iLost > 0, run.iLeaks > clean.iLeaks, run.ullMs > 60000,
-                iTrace && run.sResults != clean.sResults, !run.bFini};
-            std::fprintf(g_pResults, "%d", iCall);
+            const bool abFailed[] = {!run.bError && ((run.sResults[1] == '1' && run.sList != clean.sList) ||
+                                                     (run.sResults[2] == '1' && !run.bFilesOk)),
+                                     run.iLost > 0, run.iLeaks > clean.iLeaks, run.ullMs > 60000,
+                                     iTrace && run.sResults != clean.sResults, !run.bFini};
+            std::fprintf(g_pResults, "%d", g_iFailCall.load());
             for (size_t j = 0; j < std::size(abFailed); ++j)
                 std::fprintf(g_pResults, abFailed[j] ? " %zu" : "", 3 + j);
             std::fprintf(g_pResults, " | results %s, list %s, names lost %d, handles kept %d, %llu ms\n",
@@ -259,65 +229,54 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
 
     // The parent: each function's spread in children, a new one after a crash or a hang.
     const ULONGLONG ullStart = ::GetTickCount64();
-    const int cSpread = ::GetEnvironmentVariableW(L"KEFL_TESTS_QUICK", nullptr, 0) ? 4 : 16;
     const std::wstring sExe = HostDir() + L"\\kefl_dll_tests.exe", sFile = HostDir() + L"\\kefl-fault-runs.txt";
-    std::string sTable = "function                            calls";
+    std::string sTable = "function                             calls";
     for (const char* pszColumn : kColumns)
         sTable += std::string(" | ") + pszColumn;
-    for (size_t i = 0; i < kRows; ++i)
-        for (int iTrace = 0; iTrace < 2; ++iTrace)
+    for (iRow = 0; iRow < kRows; ++iRow)
+        for (iTrace = 0; iTrace < 2; ++iTrace)
         {
-            const int cCalls = g_aaCalls[i][iTrace]; // of the clean session: the children's are their own
-            if (!kCalls[i].dwError || cCalls == 0) // not reached (or not on this system)
+            const int cRuns = std::min(aaClean[iRow][iTrace], cSpread);
+            if (!kCalls[iRow].dwError || cRuns == 0) // not reached (or not on this system)
                 continue;
-            const std::string sName = kCalls[i].pszName + std::string(iTrace ? " (trace)" : "");
-            std::deque<int> calls;
-            for (int k = 0; k < std::min(cCalls, cSpread); ++k)
-                calls.push_back(cCalls <= cSpread ? k + 1 : 1 + k * (cCalls - 1) / (cSpread - 1));
+            const std::string sName = kCalls[iRow].pszName + std::string(iTrace ? " (trace)" : "");
             int aTally[std::size(kColumns)] = {};
-            while (!calls.empty())
+            for (k = 0; k < cRuns;)
             {
-                std::string sRuns = std::to_string(i) + " " + std::to_string(iTrace);
-                for (int iCall : calls)
-                    sRuns += " " + std::to_string(iCall);
+                const std::string sRuns = std::to_string(iRow) + " " + std::to_string(iTrace) + " " + std::to_string(k);
                 ::DeleteFileW(sFile.c_str()), ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", sRuns.c_str());
                 std::wstring sCommand = L"\"" + sExe + L"\" --gtest_filter=FaultInjectionTest.*";
                 STARTUPINFOW si{sizeof(si), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
                 PROCESS_INFORMATION pi{};
-                // Detached: the session makes a console of its own for XCOPY.
+                DWORD dwExit = 0; // detached: the session makes a console of its own for XCOPY
                 ASSERT_TRUE(::CreateProcessW(sExe.c_str(), sCommand.data(), nullptr, nullptr, FALSE,
                                              DETACHED_PROCESS, nullptr, HostDir().c_str(), &si, &pi));
-                DWORD dwExit = ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", nullptr) & 0;
                 ::WaitForSingleObject(pi.hProcess, INFINITE), ::GetExitCodeProcess(pi.hProcess, &dwExit);
                 ::CloseHandle(pi.hThread), ::CloseHandle(pi.hProcess);
                 std::ifstream results(std::string(sFile.begin(), sFile.end())); // ASCII
                 bool bHang = false;
-                for (std::string sLine; !calls.empty() && !bHang && std::getline(results, sLine); calls.pop_front())
+                for (std::string sLine; k < cRuns && !bHang && std::getline(results, sLine); ++k, ++aTally[0])
                 {
-                    std::istringstream line(sLine);
-                    ++aTally[0];
-                    line >> sLine; // the call number
+                    std::istringstream line(sLine.substr(sLine.find(' ')));
                     for (size_t j = 0; line >> j; bHang |= j == 2)
-                        ++aTally[j], ADD_FAILURE() << sName << " #" << calls.front() << ": " << kColumns[j] << " ("
-                                                   << line.str().substr(line.str().find('|') + 1) << ")";
+                        ++aTally[j], ADD_FAILURE() << sName << " #" << callNumber(iRow, iTrace, k) << ": "
+                                                   << kColumns[j] << " (" << sLine.substr(sLine.find('|') + 1) << ")";
                 }
-                if (calls.empty() || bHang)
+                if (k == cRuns || bHang)
                     continue;
-                ++aTally[0], ++aTally[1];
                 std::string sLast; // the run that crashed the child: the last lines of its trace
                 const CLines log = KeflLog();
                 for (size_t j = log.size() > 6 ? log.size() - 6 : 0; j < log.size(); ++j)
-                    for (wchar_t wc : L"\n    " + log[j])
-                        sLast += static_cast<char>(wc);
-                ADD_FAILURE() << sName << " #" << calls.front() << ": crash, exit code 0x" << std::hex << dwExit
-                              << std::dec << ", the trace ends:" << sLast;
-                calls.pop_front();
+                    sLast += "\n    " + std::string(log[j].begin(), log[j].end()); // ASCII
+                ADD_FAILURE() << sName << " #" << callNumber(iRow, iTrace, k++) << ": crash, exit code 0x" << std::hex
+                              << dwExit << std::dec << ", the trace ends:" << sLast;
+                ++aTally[0], ++aTally[1];
             }
-            char szRow[64];
-            std::snprintf(szRow, sizeof(szRow), "\n%-34s %6d", sName.c_str(), cCalls);
+            char szRow[200];
+            std::snprintf(szRow, sizeof(szRow), "\n%-34s %6d | %4d | %7d | %5d | %13d | %10d | %5d | %10d | %13d | %10d",
+                          sName.c_str(), aaClean[iRow][iTrace], aTally[0], aTally[1], aTally[2], aTally[3],
+                          aTally[4], aTally[5], aTally[6], aTally[7], aTally[8]);
             sTable += szRow;
-            for (size_t j = 0; j < std::size(kColumns); ++j)
-                sTable += std::string(" | ") + std::string(std::strlen(kColumns[j]) - std::to_string(aTally[j]).size(), ' ') + std::to_string(aTally[j]);
         }
     std::printf("%s\nsweep %.0f s\n", sTable.c_str(), double(::GetTickCount64() - ullStart) / 1000);
 }
