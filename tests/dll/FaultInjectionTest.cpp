@@ -217,9 +217,9 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
                     continue;
                 std::string sLast; // the run that crashed the child: the end of its trace
                 for (const std::wstring& sTraceLine : KeflLog())
-                    sLast = sLast.substr(sLast.size() > 800 ? sLast.size() - 800 : 0) + "\n    " + std::string(sTraceLine.begin(), sTraceLine.end());
-                ADD_FAILURE() << sName << " #" << callNumber(iRow, iTrace, k++) << ": crash, exit code 0x" << std::hex
-                              << dwExit << std::dec << ", the trace ends:" << sLast;
+                    sLast = (sLast.size() > 900 ? sLast.substr(sLast.find('\n', sLast.size() - 900)) : sLast) + "\n    " +
+                            std::string(sTraceLine.begin(), sTraceLine.end()); // ASCII
+                ADD_FAILURE() << sName << " #" << callNumber(iRow, iTrace, k++) << ": crash, exit code " << dwExit << sLast;
                 ++aTally[0], ++aTally[1];
             }
             char szRow[200];
