@@ -29,11 +29,10 @@ constexpr CCall kCalls[] = {
     {kK32, "CreateMutexW", 0, "mutex"}, {kK32, "CreateEventW", 0, "event"}, {kK32, "CreateThread", 0, "thread"},
     {kK32, "DuplicateHandle", 0, "duplicate", 3}, {kK32, "CloseHandle", 0, ""}, {kK32, "FindClose", 0, ""}};
 constexpr size_t kRows = std::size(kCalls);
-// A session's calls by function (the trace's own file apart), the handles open (whether the trace's).
-std::atomic<int> g_aaCalls[kRows][2];
+std::atomic<int> g_aaCalls[kRows][2]; // a session's calls by function, the trace's own file apart
 std::atomic<size_t> g_iFailRow = kRows, g_iFailTrace = 0, g_iFailCall = 0;
 std::mutex g_lock;
-std::map<HANDLE, bool> g_live;
+std::map<HANDLE, bool> g_live; // the handles open: whether the trace's
 void *g_apReal[kRows], *g_apStandIn[kRows];
 
 // x64 passes these integers and pointers alike (a BOOL in RAX's low half): one stand-in, ten arguments.
@@ -84,6 +83,7 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
 {
     morvane::Filespace fs{};
     fs.wcFsDriveLetter = L'E', fs.sFsPath = L"E:\\";
+    const auto pCredentials = Credentials(kBackup); // made once: the sessions start at Init
     const auto session = [&]
     {
         RemoveTree(L"E:", true), RemoveTree(L"R:\\Cfg"), g_vMessages.clear();
@@ -91,7 +91,7 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
         const size_t cLive = g_live.size(); // no session under way: nothing else changes it
         CRun run{"", "-", false, false, false, 0, 0, ::GetTickCount64()};
         const auto result = [&](bool b) { run.bError |= ErrorText() != L"No error", run.sResults += "01"[b]; };
-        result(m_pClient->Init(Credentials(kBackup).get()));
+        result(m_pClient->Init(pCredentials.get()));
         std::vector<morvane::Filespace> vFilespaces;
         result(m_pClient->GetFilespaceList(vFilespaces));
         result(m_pClient->RestoreFilespace(fs));
