@@ -174,9 +174,9 @@ void PutBack(const wchar_t* pwszFunction, const std::wstring& sJumboAside, const
 } // namespace
 
 CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
-                             CreateHardLinkFn pfnCreateHardLinkW)
+                             CreateHardLinkFn pfnCreateHardLinkW, const CUnrestoredFiles& unrestored)
     : m_base(base), m_hModule(hModule), m_pfnCreateSymbolicLinkW(pfnCreateSymbolicLinkW),
-      m_pfnCreateHardLinkW(pfnCreateHardLinkW)
+      m_pfnCreateHardLinkW(pfnCreateHardLinkW), m_unrestored(unrestored)
 {
 }
 
@@ -427,6 +427,10 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
     if (!PrepareLink(kFn, m_pfnCreateHardLinkW != nullptr, L"... ending(CreateHardLink is not available)",
                      sLink, sTarget))
         return false;
+    // A target the restore could not copy whole holds no good data: a link to it would take the
+    // place of the link's own copy, which may well be whole.
+    if (m_unrestored.Contains(sTarget))
+        return TraceFailed(kFn, L"... ending(Target was not restored)");
     const std::wstring sJumboLink = LongPath(sLink);
     const std::wstring sJumboTarget = LongPath(sTarget);
     const CFolderTimesKept folderTimes(kFn, sJumboLink);

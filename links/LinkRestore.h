@@ -4,6 +4,7 @@
 // under those names.
 #include "client/VESKImpl.h"
 #include "links/Point.h"
+#include "links/UnrestoredFiles.h"
 
 #include <windows.h>
 
@@ -19,9 +20,10 @@ class CLinkRestorer
 {
 public:
     // base: parent folders, progress and string resources; the two entry points as looked up at
-    // the session's construction (null where the system lacks them).
+    // the session's construction (null where the system lacks them); the files the session's
+    // restores could not copy, which no hard link is made to.
     CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
-                  CreateHardLinkFn pfnCreateHardLinkW);
+                  CreateHardLinkFn pfnCreateHardLinkW, const CUnrestoredFiles& unrestored);
 
     bool RestoreLinks(const PointList& junctionPoints, const PointList& symbolicLinks,
                       const PointList& hardLinks);
@@ -53,6 +55,7 @@ private:
     HMODULE m_hModule;
     CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW;
     CreateHardLinkFn m_pfnCreateHardLinkW;
+    const CUnrestoredFiles& m_unrestored;
 };
 
 } // namespace morvane

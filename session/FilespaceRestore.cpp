@@ -4,6 +4,7 @@
 #include "session/FilespaceWalk.h"
 
 #include "client/MessageIds.h"
+#include "platform/CatchAtEdge.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
@@ -316,12 +317,23 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             sSrc.assign(sSrcFolder);
             walk.AppendPath(uiEntry, sSrc);
             const std::wstring sLongDst = LongPath(sDst);
-            if (!CopyFileWithProgress(LongPath(sSrc), sLongDst, entry, progress))
+            // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
+            const bool bCopied =
+                CatchAtEdge([&] { return CopyFileWithProgress(LongPath(sSrc), sLongDst, entry, progress); },
+                            [](const CEdgeFailure& failure)
+                            {
+                                TraceFailedAtEdge(kCopyFile, failure);
+                                return false;
+                            });
+            if (!bCopied)
             {
                 g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
                 g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
+                m_unrestored.Failed(sDst);
                 bFailed = true;
             }
+            else
+                m_unrestored.Restored(sDst);
         }
         ++progress.ullDone;
         if (m_pfnProgMsg)

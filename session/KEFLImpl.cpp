@@ -70,7 +70,7 @@ bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
 
 CLinkRestorer KEFLImpl::LinkRestorer()
 {
-    return CLinkRestorer(*this, m_hModule, m_pfnCreateSymbolicLinkW, m_pfnCreateHardLinkW);
+    return CLinkRestorer(*this, m_hModule, m_pfnCreateSymbolicLinkW, m_pfnCreateHardLinkW, m_unrestored);
 }
 
 bool KEFLImpl::RestoreLinks()

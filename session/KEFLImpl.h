@@ -113,6 +113,9 @@ private:
     PointList m_HardLinks;      // HPoint.dat
     PointList m_SymbolicLinks;  // SPoint.dat
 
+    // The files this session's restores could not copy whole: the link pass links none to them.
+    CUnrestoredFiles m_unrestored;
+
     // The child processes of the session (XCOPY) and their monitor thread.
     CCommandRunner m_CommandRunner{*this};
 

@@ -41,6 +41,7 @@ void KEFLImpl::Reset()
     m_MountPoints.clear();
     m_HardLinks.clear();
     m_SymbolicLinks.clear();
+    m_unrestored.Clear();
     // Nothing of an earlier backup may reach this one: its location, and what its configuration
     // said of BOOT and SYSTEM and where it was copied to.
     m_sTargetLocation.clear();
