@@ -109,9 +109,10 @@ DWORD WINAPI CCommandRunner::ThreadEndCommand(LPVOID pParam)
             ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, pParams->dwProcessId);
             bBreakSent = true;
         }
-        // Nine polls in quick succession, then a second's pause.
+        // Nine polls in quick succession, then a second's pause, which ends when the child does:
+        // the listing waits for the configuration copy, not for the rest of a second.
         if (++uiPolls % kPollsPerPause == 0)
-            ::Sleep(1000);
+            ::WaitForSingleObject(hProcess, 1000);
     }
 
     if (bExitStatusKnown)
