@@ -1,7 +1,9 @@
 // One filespace copied back onto the recovered machine, file by file as backup streams.
 #include "session/KEFLImpl.h"
 
+#include "session/CopyWorkers.h"
 #include "session/FilespaceWalk.h"
+#include "session/RestoreProgress.h"
 
 #include "client/MessageIds.h"
 #include "platform/CatchAtEdge.h"
@@ -32,6 +34,9 @@ constexpr DWORD kCopyBufferBytes = 65536;
 // this far apart.
 constexpr int kOpenAttempts = 10;
 constexpr DWORD kOpenRetryMs = 30000;
+// A destination that another worker holds: its copy of the same file ends within moments.
+constexpr int kSharedDestinationAttempts = 40;
+constexpr DWORD kSharedDestinationRetryMs = 50;
 
 const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
@@ -118,16 +123,25 @@ void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLon
         RestoreMetadata(pwszFunction, hFolder.get(), sLongDst, entry);
 }
 
-// The destination of a copy, replacing what an earlier restore left there.
-CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError)
+// The destination of a copy, replacing what an earlier restore left there. With other files in
+// flight, a destination that is shared a moment is waited for: an earlier restore may have left
+// two of the names as hard links of one file, which two workers then open at once.
+CUniqueFile OpenDestination(const std::wstring& sDst, bool bOthersInFlight, DWORD& dwLastError)
 {
-    auto open = [&sDst]
+    auto open = [&sDst, &dwLastError, bOthersInFlight]
     {
-        return CUniqueFile(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                         FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        for (int iAttempt = 1;; ++iAttempt)
+        {
+            CUniqueFile hDst(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                           FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+            dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
+            if (dwLastError != ERROR_SHARING_VIOLATION || !bOthersInFlight ||
+                iAttempt == kSharedDestinationAttempts)
+                return hDst;
+            ::Sleep(kSharedDestinationRetryMs);
+        }
     };
     CUniqueFile hDst = open();
-    dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
     if (dwLastError != ERROR_ACCESS_DENIED)
         return hDst;
     // A read-only, hidden or system file from an earlier restore refuses to be replaced until it
@@ -139,9 +153,22 @@ CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError)
                                                 ? dwOld & ~kReplaceRefusingAttributes
                                                 : FILE_ATTRIBUTE_NORMAL))
         return hDst;
-    hDst = open();
-    dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
-    return hDst;
+    return open();
+}
+
+// A folder of the walk, made unless it exists; false, traced, when it cannot be made.
+bool CreateFolder(const std::wstring& sDst)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
+    if (::CreateDirectoryW(LongPath(sDst).c_str(), nullptr))
+        return true;
+    const DWORD dwLastError = ::GetLastError();
+    if (dwLastError == ERROR_ALREADY_EXISTS)
+        return true;
+    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+    TraceLastError(kFn, dwLastError);
+    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to create folder");
+    return false;
 }
 
 bool EndRestore(const wchar_t* pwszReason)
@@ -275,70 +302,49 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
         return EndRestore(L"... ending(CountFiles failed)");
     }
-    progress.ullTotal = walk.ullBytes;
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullFiles", static_cast<int64_t>(walk.ullFiles));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullDirectories",
                            static_cast<int64_t>(walk.ullDirectories));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
 
-    // Parents come before their children in the walk, so each folder exists before its content.
-    // A failing entry is noted and the walk goes on: as much as possible is restored. The paths
-    // are built into two buffers that keep their size from entry to entry.
-    bool bFailed = false;
+    // Parents come before their children in the walk, so each folder exists before its content:
+    // the folders are made here, in walk order, and each file goes to a worker. A failing entry is
+    // noted and the walk goes on: as much as possible is restored. The paths are built into two
+    // buffers that keep their size from entry to entry.
+    CRestoreProgress reporter(progress, m_pfnProgMsg, m_pProgMsgCtx, walk.ullBytes);
     std::wstring sSrc;
     std::wstring sDst;
-    for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
     {
-        const CWalkEntry& entry = walk.Entry(uiEntry);
-        sDst.assign(sDstFolder);
-        walk.AppendPath(uiEntry, sDst);
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
-        if (entry.IsDirectory())
+        CCopyWorkers workers(RestoreThreads(), [&reporter] { reporter.Report(); });
+        const bool bOthersInFlight = workers.Workers() > 1;
+        for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
-            if (!IsSkippedDirectory(sDst) && !::CreateDirectoryW(LongPath(sDst).c_str(), nullptr))
+            const CWalkEntry& entry = walk.Entry(uiEntry);
+            sDst.assign(sDstFolder);
+            walk.AppendPath(uiEntry, sDst);
+            if (entry.IsDirectory())
             {
-                const DWORD dwLastError = ::GetLastError();
-                if (dwLastError != ERROR_ALREADY_EXISTS)
-                {
-                    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
-                    TraceLastError(kFn, dwLastError);
-                    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to create folder");
-                    bFailed = true;
-                }
+                g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+                reporter.EntryDone(IsSkippedDirectory(sDst) || CreateFolder(sDst));
             }
-        }
-        else if (IsSkippedFile(sDst))
-        {
-            // Counted, but left out by rule: what will be restored is the total.
-            progress.ullTotal -= std::min(progress.ullTotal, entry.ullSize);
-        }
-        else
-        {
-            sSrc.assign(sSrcFolder);
-            walk.AppendPath(uiEntry, sSrc);
-            const std::wstring sLongDst = LongPath(sDst);
-            // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
-            const bool bCopied =
-                CatchAtEdge([&] { return CopyFileWithProgress(LongPath(sSrc), sLongDst, entry, progress); },
-                            [](const CEdgeFailure& failure)
-                            {
-                                TraceFailedAtEdge(kCopyFile, failure);
-                                return false;
-                            });
-            if (!bCopied)
+            else if (IsSkippedFile(sDst))
             {
-                g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
-                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
-                m_unrestored.Failed(sDst);
-                bFailed = true;
+                g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+                // Counted, but left out by rule: what will be restored is the total.
+                reporter.Skipped(entry.ullSize);
+                reporter.EntryDone(true);
             }
             else
-                m_unrestored.Restored(sDst);
+            {
+                sSrc.assign(sSrcFolder);
+                walk.AppendPath(uiEntry, sSrc);
+                workers.Submit([this, &reporter, entry, sSrc, sDst, bOthersInFlight]
+                               { RestoreFile(sSrc, sDst, entry, bOthersInFlight, reporter); });
+            }
         }
-        ++progress.ullDone;
-        if (m_pfnProgMsg)
-            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        workers.Finish();
     }
+    const bool bFailed = reporter.AnyFailed();
 
     // Folders last, deepest first: restoring a folder's content changes its times.
     for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)
@@ -368,8 +374,43 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     return true;
 }
 
+uint32_t KEFLImpl::RestoreThreads()
+{
+    const uint32_t uiSetting = g_KeflTrace.ReadSetting(L"KEFL_RestoreThreads", CCopyWorkers::kDefaultWorkers);
+    const uint32_t uiThreads =
+        uiSetting >= 1 && uiSetting <= CCopyWorkers::kMaxWorkers ? uiSetting : CCopyWorkers::kDefaultWorkers;
+    g_KeflTrace.TraceValue(TRACE_INFO, kRestoreFilespace, L"uiRestoreThreads",
+                           static_cast<int64_t>(uiThreads));
+    return uiThreads;
+}
+
+void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
+                           bool bOthersInFlight, CRestoreProgress& progress)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+    // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
+    const bool bCopied = CatchAtEdge(
+        [&]
+        { return CopyFileWithProgress(LongPath(sSrc), LongPath(sDst), entry, bOthersInFlight, progress); },
+        [](const CEdgeFailure& failure)
+        {
+            TraceFailedAtEdge(kCopyFile, failure);
+            return false;
+        });
+    if (!bCopied)
+    {
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
+        m_unrestored.Failed(sDst);
+    }
+    else
+        m_unrestored.Restored(sDst);
+    progress.EntryDone(bCopied);
+}
+
 bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst,
-                                    const CWalkEntry& entry, ProgMsg& progress)
+                                    const CWalkEntry& entry, bool bOthersInFlight, CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kCopyFile;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
@@ -397,7 +438,7 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         return false;
     }
 
-    CUniqueFile hDst = OpenDestination(sDst, dwLastError);
+    CUniqueFile hDst = OpenDestination(sDst, bOthersInFlight, dwLastError);
     if (!hDst)
     {
         TraceLastError(kFn, dwLastError);
@@ -444,11 +485,9 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         // The count knew each file's data only; the stream headers (and a file grown since the
         // count) raise the total as they are read, so that bytes done never pass it.
         ullTotalBytesRead += dwBytesRead;
-        if (ullTotalBytesRead > entry.ullSize)
-            progress.ullTotal += std::min<uint64_t>(dwBytesRead, ullTotalBytesRead - entry.ullSize);
-        progress.ullBytesDone += dwBytesRead;
-        if (m_pfnProgMsg)
-            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        progress.Read(dwBytesRead, ullTotalBytesRead > entry.ullSize
+                                       ? std::min<uint64_t>(dwBytesRead, ullTotalBytesRead - entry.ullSize)
+                                       : 0);
 
         DWORD dwRemaining = dwBytesRead;
         while (dwRemaining > 0)

@@ -17,4 +17,10 @@ void KEFLTrace::ReadPsfTraceLevel()
                        std::memory_order_relaxed);
 }
 
+uint32_t KEFLTrace::ReadSetting(const wchar_t* pwszKey, uint32_t uiDefault)
+{
+    CLastErrorGuard keepError;
+    return ::GetPrivateProfileIntW(L"Main", pwszKey, static_cast<INT>(uiDefault), TraceIniPath().c_str());
+}
+
 } // namespace morvane

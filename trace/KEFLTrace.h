@@ -13,6 +13,9 @@ public:
               const wchar_t* pwszMaxMBKey = nullptr);
 
     void ReadPsfTraceLevel();
+    // Another number of trace.ini's [Main] section, where the recovery system is tuned (the
+    // restore's threads); uiDefault when the key is missing.
+    uint32_t ReadSetting(const wchar_t* pwszKey, uint32_t uiDefault);
     uint32_t GetPsfTraceLevel() const { return m_uiPsfFlags.load(std::memory_order_relaxed); }
     // True when every bit of uiFlags is set.
     bool IsPsfTraceFlagSet(uint32_t uiFlags) const { return (GetPsfTraceLevel() & uiFlags) == uiFlags; }

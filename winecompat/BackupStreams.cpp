@@ -3,6 +3,7 @@
 #include "winecompat/IatPatch.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 
@@ -15,7 +16,7 @@ namespace
 constexpr DWORD kHeaderBytes = static_cast<DWORD>(offsetof(WIN32_STREAM_ID, cStreamName));
 
 CBackupStreamFaults g_Faults;
-int g_iLiveContexts = 0;
+std::atomic<int> g_iLiveContexts{0}; // the restore copies on several threads
 
 struct CStreamContext
 {
