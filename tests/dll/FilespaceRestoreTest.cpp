@@ -36,9 +36,12 @@ HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShar
     return g_pfnRealCreateFile(pwszPath, dwAccess, dwShare, pSa, dwDisposition, dwFlags, hTemplate);
 }
 
-// The waits of 30 s between open attempts return at once and are counted.
+// The waits of 30 s between open attempts return at once and are counted; where a test sets
+// g_hOthersDone, the first one lasts until the test signals it (at most 10 s).
 decltype(&::Sleep) g_pfnRealSleep = nullptr;
 int g_iRetryWaits = 0;
+HANDLE g_hOthersDone = nullptr;
+bool g_bOthersDoneMeanwhile = false;
 
 // Windows reports a junction or symbolic link in the find data: the reparse-point attribute and
 // its tag in dwReserved0. Wine makes neither; these names in the backup stand for them.
@@ -78,7 +81,13 @@ protected:
         g_pfnRealCreateFile = m_patches.Patch(hKefl, "KERNEL32.dll", "CreateFileW", &CreateFileAsWindows);
         g_pfnRealSleep = m_patches.Patch(
             hKefl, "KERNEL32.dll", "Sleep",
-            +[](DWORD dwMs) { dwMs == 30000 ? void(++g_iRetryWaits) : g_pfnRealSleep(dwMs); });
+            +[](DWORD dwMs)
+            {
+                if (dwMs != 30000)
+                    return g_pfnRealSleep(dwMs);
+                if (++g_iRetryWaits == 1 && g_hOthersDone)
+                    g_bOthersDoneMeanwhile = ::WaitForSingleObject(g_hOthersDone, 10000) == WAIT_OBJECT_0;
+            });
         g_pfnRealFindFirst = m_patches.Patch(
             hKefl, "KERNEL32.dll", "FindFirstFileW",
             +[](LPCWSTR pwszPattern, LPWIN32_FIND_DATAW pfd)
@@ -180,10 +189,23 @@ TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAM
     fs.wcFsDriveLetter = L'E';
     for (int iRun = 1; iRun <= 2; ++iRun)
     {
+        // One file at a time on the calling thread, as it always was, then eight in flight.
         SCOPED_TRACE("restore " + std::to_string(iRun));
-        g_vProgress.clear();
+        auto traceIni = Verbose();
+        traceIni[L"KEFL_RestoreThreads"] = iRun == 1 ? L"1" : L"8";
+        WriteTraceIni(traceIni);
+        g_vProgress.clear(), g_progressThreads.clear();
+        const size_t cLinesBefore = KeflLog().size();
         const auto source = ReadMetadata(kSourceE); // as the walk sees it: a read may move last access
         ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
+        std::set<uint32_t> copiers; // the threads that traced copies in this run
+        const auto vLog = KeflLog();
+        for (size_t i = cLinesBefore; i < vLog.size(); ++i)
+            if (const auto line = ParseTraceLine(vLog[i]);
+                line && line->sText.starts_with(L"KEFLImpl::CopyFile"))
+                copiers.insert(line->uiThreadId);
+        EXPECT_TRUE(!copiers.empty() && (iRun == 1) == copiers.contains(::GetCurrentThreadId()));
+        EXPECT_EQ(std::set<DWORD>{::GetCurrentThreadId()}, g_progressThreads) << "the host's own thread only";
         const auto target = ReadMetadata(L"E:");
         for (const auto& [sRel, metadata] : source) // links and skipped files are not on E:
             EXPECT_TRUE((!target.count(sRel) && !restored.count(sRel)) ||
@@ -245,6 +267,14 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
         +[](HANDLE, BOOL, PTOKEN_PRIVILEGES, DWORD, PTOKEN_PRIVILEGES, PDWORD) -> BOOL
         { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
     g_iLockedOpens = g_iRetryWaits = 0;
+    // Eight files in flight: while the locked file waits out its retries, every other entry (the
+    // folder and seven files) is done on the other workers.
+    const morvane::CUniqueHandle hOthersDone(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    g_hOthersDone = hOthersDone.get();
+    m_pClient->SetProgMsgCallbackFn(
+        +[](const morvane::ProgMsg* pMsg, uint64_t)
+        { return pMsg->ullDone == 8 && ::SetEvent(g_hOthersDone), RecordProgress(pMsg, 0); },
+        0);
     BackupStreamFaults().sReadFailFile = L"unreadable.bin";
     BackupStreamFaults().sWriteFailFile = L"unwritable.bin";
     BackupStreamFaults().sShortWriteFile = L"short.bin";
@@ -254,6 +284,8 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
     EXPECT_EQ(10, g_iLockedOpens);
     EXPECT_EQ(9, g_iRetryWaits);
+    EXPECT_TRUE(g_bOthersDoneMeanwhile) << "a locked file holds one worker, not the restore";
+    g_hOthersDone = nullptr;
     EXPECT_TRUE(ReadBytes(L"E:\\good.txt") == Pattern(200000, 1));
     EXPECT_TRUE(ReadBytes(L"E:\\z\\after.txt") == Pattern(200000, 7)) << "the walk went on";
     EXPECT_EQ(0, LiveBackupContexts()) << "contexts ended after failures too";

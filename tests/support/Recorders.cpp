@@ -5,6 +5,7 @@ namespace kefltest
 
 std::vector<CMessage> g_vMessages;
 std::vector<morvane::ProgMsg> g_vProgress;
+std::set<DWORD> g_progressThreads;
 
 int32_t RecordMessage(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullContext)
 {
@@ -23,6 +24,7 @@ bool HasMessage(uint32_t uiSeverity, const std::wstring& sText)
 int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)
 {
     g_vProgress.push_back(*pMsg);
+    g_progressThreads.insert(::GetCurrentThreadId());
     return 0;
 }
 
