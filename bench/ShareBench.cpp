@@ -1,0 +1,429 @@
+// A restore from a share: every open, read and folder listing on the backup drive waits out a
+// network round trip. A stand-in in KEFL.dll's import table adds the wait (R: only: the restore's
+// own drive and its trace stay local), and the same wait is added to a baseline that lists the
+// tree first and then copies it on 8 threads, which is what a multi-threaded copy tool does.
+//
+// For 1,000 and 10,000 small files (folders of 100, 1 byte to 4 kB), at 0 and 2 ms: KEFL.dll with
+// 1 and with 8 workers (trace.ini's KEFL_RestoreThreads, the default trace level) against the
+// baseline. Targets: at 2 ms, 8 workers within 1.25x of the baseline; at 0 ms, 8 workers no slower
+// than 1. Every copy is counted afterwards. Exits 2 when it could not measure, else 0.
+//
+//   kefl_share_bench [--round-trip-ms N] [--trace-level N] [FILES ...]
+#include "VESK.h"
+#include "VeskCredentials.h"
+#include "platform/UniqueHandle.h"
+#include "winecompat/IatPatch.h"
+#include "winecompat/WineStandIns.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace morvane;
+
+namespace
+{
+
+const std::wstring kRoot = L"R:\\ShareBench";
+const std::wstring kBackup = kRoot + L"\\Backup";
+const std::wstring kTree = kBackup + L"\\E\\Tree";
+const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
+const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.sharebench";
+constexpr unsigned kBaselineThreads = 8;
+
+DWORD g_dwRoundTripMs = 0;
+int g_iTraceLevel = 3; // the default level: errors, warnings and values
+
+double Now()
+{
+    static const double s_dTicks = []
+    {
+        LARGE_INTEGER li;
+        ::QueryPerformanceFrequency(&li);
+        return static_cast<double>(li.QuadPart);
+    }();
+    LARGE_INTEGER li;
+    ::QueryPerformanceCounter(&li);
+    return static_cast<double>(li.QuadPart) / s_dTicks;
+}
+
+void RoundTrip()
+{
+    if (g_dwRoundTripMs != 0)
+        ::Sleep(g_dwRoundTripMs);
+}
+
+bool OnShare(const wchar_t* pwszPath)
+{
+    std::wstring sPath = pwszPath ? pwszPath : L"";
+    if (sPath.rfind(L"\\\\?\\", 0) == 0)
+        sPath.erase(0, 4);
+    return sPath.size() >= 2 && (sPath[0] == L'R' || sPath[0] == L'r') && sPath[1] == L':';
+}
+
+// The handles and finds opened on the share: their reads and next entries wait too.
+std::mutex g_lock;
+std::set<HANDLE> g_onShare;
+bool IsOnShare(HANDLE h)
+{
+    const std::lock_guard lock(g_lock);
+    return g_onShare.count(h) != 0;
+}
+void Remember(HANDLE h)
+{
+    const std::lock_guard lock(g_lock);
+    g_onShare.insert(h);
+}
+
+void* g_pfnCreateFile = nullptr;
+void* g_pfnBackupRead = nullptr;
+void* g_pfnFindFirst = nullptr;
+void* g_pfnFindNext = nullptr;
+void* g_pfnCloseHandle = nullptr;
+void* g_pfnFindClose = nullptr;
+template <typename Fn> Fn Real(void* pfn)
+{
+    return reinterpret_cast<Fn>(pfn);
+}
+
+HANDLE WINAPI ShareCreateFileW(LPCWSTR pwsz, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES psa,
+                               DWORD dwDisp, DWORD dwFlags, HANDLE hTemplate)
+{
+    const bool bShare = OnShare(pwsz);
+    if (bShare)
+        RoundTrip();
+    const HANDLE h = Real<decltype(&::CreateFileW)>(g_pfnCreateFile)(pwsz, dwAccess, dwShare, psa, dwDisp,
+                                                                     dwFlags, hTemplate);
+    if (bShare && h != INVALID_HANDLE_VALUE)
+        Remember(h);
+    return h;
+}
+BOOL WINAPI ShareBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
+                            LPVOID* ppv)
+{
+    if (!bAbort && IsOnShare(h))
+        RoundTrip();
+    return Real<decltype(&::BackupRead)>(g_pfnBackupRead)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
+}
+HANDLE WINAPI ShareFindFirstFileW(LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
+{
+    const bool bShare = OnShare(pwsz);
+    if (bShare)
+        RoundTrip();
+    const HANDLE h = Real<decltype(&::FindFirstFileW)>(g_pfnFindFirst)(pwsz, pfd);
+    if (bShare && h != INVALID_HANDLE_VALUE)
+        Remember(h);
+    return h;
+}
+BOOL WINAPI ShareFindNextFileW(HANDLE h, LPWIN32_FIND_DATAW pfd)
+{
+    if (IsOnShare(h))
+        RoundTrip();
+    return Real<decltype(&::FindNextFileW)>(g_pfnFindNext)(h, pfd);
+}
+BOOL WINAPI ShareCloseHandle(HANDLE h)
+{
+    {
+        const std::lock_guard lock(g_lock);
+        g_onShare.erase(h);
+    }
+    return Real<decltype(&::CloseHandle)>(g_pfnCloseHandle)(h);
+}
+BOOL WINAPI ShareFindClose(HANDLE h)
+{
+    {
+        const std::lock_guard lock(g_lock);
+        g_onShare.erase(h);
+    }
+    return Real<decltype(&::FindClose)>(g_pfnFindClose)(h);
+}
+
+// The stand-in in KEFL.dll's imports, over the Wine stand-ins where there are any (BackupRead).
+class CShareStandIn
+{
+public:
+    explicit CShareStandIn(HMODULE h)
+    {
+        Put(h, "CreateFileW", &ShareCreateFileW, g_pfnCreateFile);
+        Put(h, "BackupRead", &ShareBackupRead, g_pfnBackupRead);
+        Put(h, "FindFirstFileW", &ShareFindFirstFileW, g_pfnFindFirst);
+        Put(h, "FindNextFileW", &ShareFindNextFileW, g_pfnFindNext);
+        Put(h, "CloseHandle", &ShareCloseHandle, g_pfnCloseHandle);
+        Put(h, "FindClose", &ShareFindClose, g_pfnFindClose);
+    }
+    bool Applied() const
+    {
+        for (const auto& p : m_vPatches)
+            if (!p->IsApplied())
+                return false;
+        return true;
+    }
+
+private:
+    template <typename Fn> void Put(HMODULE h, const char* pszFunction, Fn pfn, void*& pfnReal)
+    {
+        m_vPatches.push_back(std::make_unique<winecompat::CIatPatch>(h, "KERNEL32.dll", pszFunction,
+                                                                     reinterpret_cast<void*>(pfn)));
+        pfnReal = const_cast<void*>(m_vPatches.back()->Original());
+    }
+    std::vector<std::unique_ptr<winecompat::CIatPatch>> m_vPatches;
+};
+
+bool WriteFileBytes(const std::wstring& sPath, const void* pv, DWORD cb)
+{
+    CUniqueFile h(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD cbWritten = 0;
+    return h && ::WriteFile(h.get(), pv, cb, &cbWritten, nullptr) && cbWritten == cb;
+}
+
+void Remove(const std::wstring& sDir)
+{
+    WIN32_FIND_DATAW fd;
+    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
+    while (hFind)
+    {
+        const std::wstring sName = fd.cFileName;
+        if (sName != L"." && sName != L"..")
+        {
+            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                Remove(sDir + L"\\" + sName);
+            else
+                ::DeleteFileW((sDir + L"\\" + sName).c_str());
+        }
+        if (!::FindNextFileW(hFind.get(), &fd))
+            break;
+    }
+    hFind.reset();
+    ::RemoveDirectoryW(sDir.c_str());
+}
+
+// The files below sDir, listed as a copy tool lists them, each with its wait on the share.
+void List(const std::wstring& sDir, std::vector<std::wstring>& vFiles, std::vector<std::wstring>& vDirs)
+{
+    WIN32_FIND_DATAW fd;
+    const bool bShare = OnShare(sDir.c_str());
+    if (bShare)
+        RoundTrip();
+    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
+    while (hFind)
+    {
+        const std::wstring sName = fd.cFileName;
+        if (sName != L"." && sName != L"..")
+        {
+            const std::wstring sPath = sDir + L"\\" + sName;
+            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                vDirs.push_back(sPath), List(sPath, vFiles, vDirs);
+            else
+                vFiles.push_back(sPath);
+        }
+        if (bShare)
+            RoundTrip();
+        if (!::FindNextFileW(hFind.get(), &fd))
+            break;
+    }
+}
+
+// The baseline: the tree listed, its folders made, then its files copied on 8 threads, a round
+// trip for each open and each read of the source.
+bool ListThenCopy(const std::wstring& sSrc, const std::wstring& sDst)
+{
+    std::vector<std::wstring> vFiles;
+    std::vector<std::wstring> vDirs;
+    List(sSrc, vFiles, vDirs);
+    ::CreateDirectoryW(sDst.c_str(), nullptr);
+    for (const std::wstring& sDir : vDirs)
+        ::CreateDirectoryW((sDst + sDir.substr(sSrc.size())).c_str(), nullptr);
+    std::atomic<size_t> next{0};
+    std::atomic<bool> bOk{true};
+    auto copy = [&]
+    {
+        std::vector<char> vBuffer(65536);
+        for (size_t i = next++; i < vFiles.size(); i = next++)
+        {
+            RoundTrip();
+            CUniqueFile hSrc(::CreateFileW(vFiles[i].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+            CUniqueFile hDst(::CreateFileW((sDst + vFiles[i].substr(sSrc.size())).c_str(), GENERIC_WRITE, 0,
+                                           nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+            DWORD cbRead = 0;
+            DWORD cbWritten = 0;
+            do
+            {
+                RoundTrip();
+                if (!hSrc || !hDst || !::ReadFile(hSrc.get(), vBuffer.data(), 65536, &cbRead, nullptr) ||
+                    (cbRead && !::WriteFile(hDst.get(), vBuffer.data(), cbRead, &cbWritten, nullptr)))
+                {
+                    bOk = false;
+                    break;
+                }
+            } while (cbRead != 0);
+        }
+    };
+    std::vector<std::thread> vThreads;
+    for (unsigned i = 0; i < kBaselineThreads; ++i)
+        vThreads.emplace_back(copy);
+    for (std::thread& thread : vThreads)
+        thread.join();
+    return bOk;
+}
+
+size_t CountFiles(const std::wstring& sDir)
+{
+    std::vector<std::wstring> vFiles;
+    std::vector<std::wstring> vDirs;
+    List(sDir, vFiles, vDirs);
+    return vFiles.size();
+}
+
+bool MakeTree(size_t nFiles)
+{
+    for (const std::wstring& sDir : {kRoot, kBackup, kBackup + L"\\#", kBackup + L"\\E", kTree})
+        ::CreateDirectoryW(sDir.c_str(), nullptr);
+    if (!WriteFileBytes(kBackup + L"\\#\\HPoint.dat", "", 0))
+        return false;
+    std::vector<char> vData(4096, 's');
+    for (size_t i = 0; i < nFiles; ++i)
+    {
+        const std::wstring sDir = kTree + L"\\S" + std::to_wstring(i / 100);
+        if (i % 100 == 0)
+            ::CreateDirectoryW(sDir.c_str(), nullptr);
+        if (!WriteFileBytes(sDir + L"\\s" + std::to_wstring(i) + L".dat", vData.data(),
+                            static_cast<DWORD>(1 + i * 977 % 4096)))
+            return false;
+    }
+    return true;
+}
+
+struct CKefl
+{
+    CUniqueLibrary hModule;
+    std::unique_ptr<winecompat::CWineStandIns> pWine;
+    std::unique_ptr<CShareStandIn> pShare;
+    FactoryFn pfnFactory = nullptr;
+    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
+};
+
+// One restore of drive E with uiWorkers; its seconds, < 0 on failure.
+double RestoreWith(CKefl& kefl, unsigned uiWorkers)
+{
+    const std::string sLevel = std::to_string(g_iTraceLevel);
+    const std::string sIni = "[Main]\r\nKEFL_TraceLevel=" + sLevel + "\r\nVESK_TraceLevel=" + sLevel +
+                             "\r\nKEFL_RestoreThreads=" + std::to_string(uiWorkers) + "\r\n";
+    ::DeleteFileW(kTraceIni); // a new file each time: the profile cache keeps an unchanged one
+    WriteFileBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
+    struct CDeleter
+    {
+        void operator()(VESK* p) const { delete p; }
+    };
+    std::unique_ptr<VESK, CDeleter> pClient(kefl.pfnFactory());
+    std::unique_ptr<VeskCredentials> pCredentials(kefl.pfnCredentialsFactory());
+    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = kBackup;
+    if (!pClient || !pCredentials || !pClient->Init(pCredentials.get()))
+        return -1.0;
+    Filespace fs{};
+    fs.sFsPath = L"E:\\";
+    fs.wcFsDriveLetter = L'E';
+    const double dStart = Now();
+    const bool bOk = pClient->RestoreFilespace(fs);
+    const double dSeconds = Now() - dStart;
+    pClient->Fini();
+    return bOk ? dSeconds : -1.0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<DWORD> vRoundTrips = {0, 2};
+    std::vector<size_t> vSizes;
+    for (int i = 1; i < argc; ++i)
+    {
+        if (std::strcmp(argv[i], "--round-trip-ms") == 0 && i + 1 < argc)
+            vRoundTrips = {static_cast<DWORD>(std::strtoul(argv[++i], nullptr, 10))};
+        else if (std::strcmp(argv[i], "--trace-level") == 0 && i + 1 < argc)
+            g_iTraceLevel = std::atoi(argv[++i]);
+        else
+            vSizes.push_back(static_cast<size_t>(std::strtoull(argv[i], nullptr, 10)));
+    }
+    if (vSizes.empty())
+        vSizes = {1000, 10000};
+
+    CKefl kefl;
+    kefl.hModule.reset(::LoadLibraryW(L"KEFL.dll"));
+    if (!kefl.hModule)
+        return std::wprintf(L"Cannot load KEFL.dll\n"), 2;
+    kefl.pfnFactory =
+        reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "Factory")));
+    kefl.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
+        reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "CredentialsFactory")));
+    kefl.pWine = std::make_unique<winecompat::CWineStandIns>(kefl.hModule.get());
+    kefl.pShare = std::make_unique<CShareStandIn>(kefl.hModule.get());
+    if (!kefl.pfnFactory || !kefl.pfnCredentialsFactory || !kefl.pShare->Applied())
+        return std::wprintf(L"Cannot put the stand-ins into KEFL.dll's imports\n"), 2;
+    const bool bSavedIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
+
+    int iRc = 0;
+    std::wprintf(L"%8ls %6ls  %10ls %10ls %10ls  %12ls %12ls\n", L"files", L"trip", L"1 worker", L"8 workers",
+                 L"baseline", L"8w/baseline", L"8w/1w");
+    for (size_t nFiles : vSizes)
+    {
+        Remove(kRoot);
+        Remove(L"E:\\Tree");
+        Remove(L"F:\\ShareTree");
+        if (!MakeTree(nFiles))
+            return std::wprintf(L"Cannot make the tree\n"), 2;
+        for (DWORD dwMs : vRoundTrips)
+        {
+            g_dwRoundTripMs = dwMs;
+            double adSeconds[2] = {};
+            size_t anCopied[2] = {};
+            for (int i = 0; i < 2; ++i)
+            {
+                adSeconds[i] = RestoreWith(kefl, i == 0 ? 1 : 8);
+                anCopied[i] = CountFiles(L"E:\\Tree");
+                Remove(L"E:\\Tree");
+            }
+            double dStart = Now();
+            const bool bBaseline = ListThenCopy(kTree, L"F:\\ShareTree");
+            const double dBaseline = Now() - dStart;
+            const size_t nBaseline = CountFiles(L"F:\\ShareTree");
+            Remove(L"F:\\ShareTree");
+            if (adSeconds[0] < 0 || adSeconds[1] < 0 || !bBaseline || anCopied[0] != nFiles ||
+                anCopied[1] != nFiles || nBaseline != nFiles)
+            {
+                std::wprintf(
+                    L"  could not measure: %.2f s %zu files, %.2f s %zu files, baseline %d %zu files\n",
+                    adSeconds[0], anCopied[0], adSeconds[1], anCopied[1], bBaseline ? 1 : 0, nBaseline);
+                iRc = 2;
+                continue;
+            }
+            const double dToBaseline = adSeconds[1] / dBaseline;
+            const double dToOne = adSeconds[1] / adSeconds[0];
+            std::wprintf(L"%8zu %4lums  %8.3fms %8.3fms %8.3fms  %6.2f %-5ls %6.2f %ls\n", nFiles, dwMs,
+                         adSeconds[0] * 1000 / nFiles, adSeconds[1] * 1000 / nFiles,
+                         dBaseline * 1000 / nFiles, dToBaseline,
+                         dwMs == 0             ? L""
+                         : dToBaseline <= 1.25 ? L"PASS"
+                                               : L"MISS",
+                         dToOne,
+                         dwMs != 0       ? L""
+                         : dToOne <= 1.0 ? L"PASS"
+                                         : L"MISS");
+            std::fflush(stdout);
+        }
+    }
+    Remove(kRoot);
+    if (bSavedIni)
+        ::MoveFileExW(kTraceIniSaved, kTraceIni, MOVEFILE_REPLACE_EXISTING);
+    return iRc;
+}
