@@ -42,6 +42,7 @@ constexpr CCall kCalls[] = {
     {kK32, "GetVolumeNameForVolumeMountPointW", ERROR_NOT_READY},
     {kK32, "GetVolumePathNamesForVolumeNameW", ERROR_NOT_READY},
     {kK32, "SetFileTime", kDenied},
+    {kK32, "SetFileInformationByHandle", kDenied},
     {kK32, "MoveFileExW", kDenied},
     {kAdv, "OpenProcessToken", kDenied, "token", 2},
     {kAdv, "AdjustTokenPrivileges", kDenied},
@@ -215,9 +216,11 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
     size_t iRow = kRows, iTrace = 0;
     int k = 0;
     // A child: its function's spread from the kth number on; per run a line with the columns it counts in.
+    // The parent's count decides the spread: a count that varies (XCOPY's output comes in as it comes) would
+    // otherwise end the child short of the runs the parent waits for.
     if (char szRuns[64] = ""; ::GetEnvironmentVariableA("KEFL_FAULT_RUNS", szRuns, sizeof(szRuns)))
     {
-        std::istringstream(szRuns) >> iRow >> iTrace >> k;
+        std::istringstream(szRuns) >> iRow >> iTrace >> k >> vClean[2 * iRow + iTrace];
         ASSERT_TRUE(g_pResults = std::fopen("kefl-fault-runs.txt", "a"));
         std::thread(
             []
@@ -268,7 +271,8 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
             for (k = 0; k < cRuns;)
             {
                 const std::string sRuns =
-                    std::to_string(iRow) + " " + std::to_string(iTrace) + " " + std::to_string(k);
+                    std::to_string(iRow) + " " + std::to_string(iTrace) + " " + std::to_string(k) + " " +
+                    std::to_string(aaClean[iRow][iTrace]);
                 ::DeleteFileW(sFile.c_str()), ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", sRuns.c_str());
                 std::wstring sCommand = L"\"" + sExe + L"\" --gtest_filter=FaultInjectionTest.*";
                 STARTUPINFOW si{sizeof(si), {}, {}, {}, {}, {}, {}, {}, {},
