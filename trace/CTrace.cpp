@@ -80,10 +80,12 @@ uint64_t AppendToFile(HANDLE hFile, const std::string& sLine)
 }
 
 // A line is made of strings; when there is no memory for them, the line is dropped like one that
-// cannot be written. Tracing never throws: it is called from failure paths, destructors and the
-// command monitor's thread, where an exception would end the process.
-template <class MakeLine> void DropUnmadeLine(MakeLine makeLine) noexcept
+// cannot be written; a line below the level is not made at all. Tracing never throws: it is called from
+// failure paths, destructors and the command monitor's thread, where an exception would end the process.
+template <class MakeLine> void DropUnmadeLine(bool bOn, MakeLine makeLine) noexcept
 {
+    if (!bOn)
+        return;
     try
     {
         makeLine();
@@ -354,271 +356,228 @@ void CTrace::WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wc
 
 void CTrace::TraceMessage(uint32_t uiLevel, const wchar_t* pwszFunction, std::wstring_view sMessage) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            std::wstring sText(pwszFunction);
-            sText += L" : ";
-            sText += sMessage;
-            sText += kTraceLineEnd;
-            WriteLine(uiLevel, sText);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       std::wstring sText(pwszFunction);
+                       sText += L" : ";
+                       sText += sMessage;
+                       sText += kTraceLineEnd;
+                       WriteLine(uiLevel, sText);
+                   });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         wchar_t wcValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            std::wstring sValue(L"'");
-            AppendCharEscape(sValue, wcValue);
-            sValue.push_back(L'\'');
-            WriteValue(uiLevel, pwszFunction, pwszName, sValue);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       std::wstring sValue(L"'");
+                       AppendCharEscape(sValue, wcValue);
+                       sValue.push_back(L'\'');
+                       WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+                   });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         char cValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            wchar_t wc = L'\0';
-            if (std::mbtowc(&wc, &cValue, 1) < 0)
-                wc = L'?';
-            TraceValue(uiLevel, pwszFunction, pwszName, wc);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       wchar_t wc = L'\0';
+                       if (std::mbtowc(&wc, &cValue, 1) < 0)
+                           wc = L'?';
+                       TraceValue(uiLevel, pwszFunction, pwszName, wc);
+                   });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         const wchar_t* pwszValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>");
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&] { WriteQuoted(uiLevel, pwszFunction, pwszName, pwszValue ? pwszValue : L"<null>"); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         const char* pszValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteQuoted(uiLevel, pwszFunction, pwszName,
-                        pszValue ? WidenNarrow(pszValue) : std::wstring(L"<null>"));
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       WriteQuoted(uiLevel, pwszFunction, pwszName,
+                                   pszValue ? WidenNarrow(pszValue) : std::wstring(L"<null>"));
+                   });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         const std::wstring& sValue) noexcept
 {
-    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
+    DropUnmadeLine(true, [&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         const std::string& sValue) noexcept
 {
-    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
+    DropUnmadeLine(true, [&] { TraceValue(uiLevel, pwszFunction, pwszName, sValue.c_str()); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         std::wstring_view sValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteQuoted(uiLevel, pwszFunction, pwszName, sValue);
-        });
+    DropUnmadeLine(IsOn(uiLevel), [&] { WriteQuoted(uiLevel, pwszFunction, pwszName, sValue); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         int64_t llValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue));
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&] { WriteValue(uiLevel, pwszFunction, pwszName, std::to_wstring(llValue)); });
 }
 
 void CTrace::TraceHex(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                       uint64_t ullValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            std::wstring sValue(L"0x");
-            AppendHex(sValue, ullValue, true);
-            m_bUpperHex.store(true, std::memory_order_relaxed);
-            WriteValue(uiLevel, pwszFunction, pwszName, sValue);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       std::wstring sValue(L"0x");
+                       AppendHex(sValue, ullValue, true);
+                       m_bUpperHex.store(true, std::memory_order_relaxed);
+                       WriteValue(uiLevel, pwszFunction, pwszName, sValue);
+                   });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         CTraceBool32 bValue) noexcept
 {
-    DropUnmadeLine([&] { TraceValue(uiLevel, pwszFunction, pwszName, bValue.bValue != FALSE); });
+    DropUnmadeLine(true, [&] { TraceValue(uiLevel, pwszFunction, pwszName, bValue.bValue != FALSE); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         bool bValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteValue(uiLevel, pwszFunction, pwszName, bValue ? L"true" : L"false");
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&] { WriteValue(uiLevel, pwszFunction, pwszName, bValue ? L"true" : L"false"); });
 }
 
 void CTrace::TraceValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         double dValue) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            wchar_t wszValue[64];
-            (void)FormatInto(wszValue, L"%g",
-                             dValue * 10000.0 / 10000.0); // six significant digits and an exponent fit
-            WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       wchar_t wszValue[64];
+                       (void)FormatInto(wszValue, L"%g",
+                                        dValue * 10000.0 /
+                                            10000.0); // six significant digits and an exponent fit
+                       WriteValue(uiLevel, pwszFunction, pwszName, wszValue);
+                   });
 }
 
 void CTrace::TraceBytes(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                         const uint8_t* pbData, uint32_t cbData) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            std::wstring sText = NameText(pwszFunction, pwszName);
-            sText += L" = ";
-            if (pbData)
-                AppendByteDump(sText, pbData, cbData, m_bUpperHex.load(std::memory_order_relaxed));
-            else
-                sText += kTraceLineEnd;
-            WriteLine(uiLevel, sText);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       std::wstring sText = NameText(pwszFunction, pwszName);
+                       sText += L" = ";
+                       if (pbData)
+                           AppendByteDump(sText, pbData, cbData, m_bUpperHex.load(std::memory_order_relaxed));
+                       else
+                           sText += kTraceLineEnd;
+                       WriteLine(uiLevel, sText);
+                   });
 }
 
 void CTrace::TraceBanner(const std::wstring& sText) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (GetTraceMask() == 0)
-                return;
-            const std::wstring sMiddle = L"** " + sText + L" **";
-            const std::wstring sStars(sMiddle.size(), L'*');
-            std::wstring sBanner(kTraceLineEnd);
-            sBanner += sStars;
-            sBanner += kTraceLineEnd;
-            sBanner += sMiddle;
-            sBanner += kTraceLineEnd;
-            sBanner += sStars;
-            sBanner += kTraceLineEnd;
-            sBanner += kTraceLineEnd;
-            WriteLine(0, sBanner, true);
-        });
+    DropUnmadeLine(true,
+                   [&]
+                   {
+                       if (GetTraceMask() == 0)
+                           return;
+                       const std::wstring sMiddle = L"** " + sText + L" **";
+                       const std::wstring sStars(sMiddle.size(), L'*');
+                       std::wstring sBanner(kTraceLineEnd);
+                       sBanner += sStars;
+                       sBanner += kTraceLineEnd;
+                       sBanner += sMiddle;
+                       sBanner += kTraceLineEnd;
+                       sBanner += sStars;
+                       sBanner += kTraceLineEnd;
+                       sBanner += kTraceLineEnd;
+                       WriteLine(0, sBanner, true);
+                   });
 }
 
 void CTrace::TraceIPv4(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                        uint32_t uiAddress, bool bHostOrder) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            in_addr addr;
-            addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
-            const char* pszDotted = ::inet_ntoa(addr);
-            WriteValue(uiLevel, pwszFunction, pwszName,
-                       pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       in_addr addr;
+                       addr.s_addr = bHostOrder ? ::htonl(uiAddress) : uiAddress;
+                       const char* pszDotted = ::inet_ntoa(addr);
+                       WriteValue(uiLevel, pwszFunction, pwszName,
+                                  pszDotted ? WidenNarrow(pszDotted) : std::wstring(L"<invalid>"));
+                   });
 }
 
 void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                        const wchar_t* pwszAddress) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteValue(uiLevel, pwszFunction, pwszName,
-                       NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       WriteValue(uiLevel, pwszFunction, pwszName,
+                                  NormaliseIPv6(std::wstring_view(pwszAddress ? pwszAddress : L"")));
+                   });
 }
 
 void CTrace::TraceIPv6(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                        const char* pszAddress) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            WriteValue(uiLevel, pwszFunction, pwszName,
-                       NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       WriteValue(uiLevel, pwszFunction, pwszName,
+                                  NormaliseIPv6(std::string_view(pszAddress ? pszAddress : "")));
+                   });
 }
 
 void CTrace::TraceGuid(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                        const GUID& guid) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            wchar_t wszGuid[40];
-            // A GUID is 36 characters, always.
-            (void)FormatInto(wszGuid, L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
-                             static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0],
-                             guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
-                             guid.Data4[6], guid.Data4[7]);
-            WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       wchar_t wszGuid[40];
+                       // A GUID is 36 characters, always.
+                       (void)FormatInto(wszGuid,
+                                        L"%8.8X-%4.4X-%4.4X-%2.2X%2.2X-%2.2X%2.2X%2.2X%2.2X%2.2X%2.2X",
+                                        static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3,
+                                        guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3],
+                                        guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+                       WriteValue(uiLevel, pwszFunction, pwszName, std::wstring(L"{ ") + wszGuid + L" }");
+                   });
 }
 
 void CTrace::TraceTime(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                        const SYSTEMTIME& st) noexcept
 {
-    DropUnmadeLine(
-        [&]
-        {
-            if (!IsOn(uiLevel))
-                return;
-            wchar_t wszTime[32];
-            // Five-digit fields at most: 29 characters fit.
-            (void)FormatInto(wszTime, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth, st.wYear,
-                             st.wHour, st.wMinute, st.wSecond);
-            WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
-        });
+    DropUnmadeLine(IsOn(uiLevel),
+                   [&]
+                   {
+                       wchar_t wszTime[32];
+                       // Five-digit fields at most: 29 characters fit.
+                       (void)FormatInto(wszTime, L"%2.2u/%2.2u/%4.4u %2.2u:%2.2u:%2.2u", st.wDay, st.wMonth,
+                                        st.wYear, st.wHour, st.wMinute, st.wSecond);
+                       WriteValue(uiLevel, pwszFunction, pwszName, wszTime);
+                   });
 }
 
 } // namespace morvane
