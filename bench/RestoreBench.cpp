@@ -18,6 +18,7 @@
 // a method that drops files would look fast. Exits 2 when it could not measure, else 0.
 #include "VESK.h"
 #include "VeskCredentials.h"
+#include "bench/BenchFiles.h"
 #include "platform/UniqueHandle.h"
 #include "winecompat/IatPatch.h"
 #include "winecompat/WineStandIns.h"
@@ -36,6 +37,7 @@
 #include <vector>
 
 using namespace morvane;
+using namespace benchfiles;
 
 namespace
 {
@@ -48,62 +50,6 @@ const std::wstring kBackup = kBenchRoot + L"\\Backup";
 const std::wstring kSourceTree = kBackup + L"\\E\\Tree";
 const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.restorebench";
-
-double g_dTicksPerSecond = 0.0;
-
-double Seconds()
-{
-    LARGE_INTEGER li;
-    ::QueryPerformanceCounter(&li);
-    return static_cast<double>(li.QuadPart) / g_dTicksPerSecond;
-}
-
-bool WriteBytes(const std::wstring& sPath, const char* pData, DWORD cb)
-{
-    CUniqueFile hFile(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD cbWritten = 0;
-    return hFile && ::WriteFile(hFile.get(), pData, cb, &cbWritten, nullptr) && cbWritten == cb;
-}
-
-void RemoveTree(const std::wstring& sDir)
-{
-    WIN32_FIND_DATAW fd;
-    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (hFind)
-    {
-        do
-        {
-            const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
-                continue;
-            const std::wstring sPath = sDir + L"\\" + sName;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveTree(sPath);
-            else
-                ::DeleteFileW(sPath.c_str());
-        } while (::FindNextFileW(hFind.get(), &fd));
-    }
-    hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
-}
-
-size_t CountFiles(const std::wstring& sDir)
-{
-    size_t n = 0;
-    WIN32_FIND_DATAW fd;
-    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    if (!hFind)
-        return 0;
-    do
-    {
-        const std::wstring sName = fd.cFileName;
-        if (sName == L"." || sName == L"..")
-            continue;
-        n += (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? CountFiles(sDir + L"\\" + sName) : 1;
-    } while (::FindNextFileW(hFind.get(), &fd));
-    return n;
-}
 
 // The tree: folders of 100 files, sizes 1 byte to 39 kB (about 19.5 kB on average). Answers the
 // bytes written, 0 on failure.
@@ -452,10 +398,6 @@ void PrintRate(const wchar_t* pwszName, size_t nFiles, uint64_t ullBytes, double
 
 int main(int argc, char** argv)
 {
-    LARGE_INTEGER liFreq;
-    ::QueryPerformanceFrequency(&liFreq);
-    g_dTicksPerSecond = static_cast<double>(liFreq.QuadPart);
-
     CLibrary lib;
     if (!LoadKefl(lib))
     {

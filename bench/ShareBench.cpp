@@ -11,6 +11,7 @@
 //   kefl_share_bench [--round-trip-ms N] [--trace-level N] [FILES ...]
 #include "VESK.h"
 #include "VeskCredentials.h"
+#include "bench/BenchFiles.h"
 #include "platform/UniqueHandle.h"
 #include "winecompat/IatPatch.h"
 #include "winecompat/WineStandIns.h"
@@ -29,6 +30,7 @@
 #include <vector>
 
 using namespace morvane;
+using namespace benchfiles;
 
 namespace
 {
@@ -42,19 +44,6 @@ constexpr unsigned kBaselineThreads = 8;
 
 DWORD g_dwRoundTripMs = 0;
 int g_iTraceLevel = 3; // the default level: errors, warnings and values
-
-double Now()
-{
-    static const double s_dTicks = []
-    {
-        LARGE_INTEGER li;
-        ::QueryPerformanceFrequency(&li);
-        return static_cast<double>(li.QuadPart);
-    }();
-    LARGE_INTEGER li;
-    ::QueryPerformanceCounter(&li);
-    return static_cast<double>(li.QuadPart) / s_dTicks;
-}
 
 void RoundTrip()
 {
@@ -178,35 +167,6 @@ private:
     std::vector<std::unique_ptr<winecompat::CIatPatch>> m_vPatches;
 };
 
-bool WriteFileBytes(const std::wstring& sPath, const void* pv, DWORD cb)
-{
-    CUniqueFile h(::CreateFileW(sPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD cbWritten = 0;
-    return h && ::WriteFile(h.get(), pv, cb, &cbWritten, nullptr) && cbWritten == cb;
-}
-
-void Remove(const std::wstring& sDir)
-{
-    WIN32_FIND_DATAW fd;
-    CUniqueFind hFind(::FindFirstFileW((sDir + L"\\*").c_str(), &fd));
-    while (hFind)
-    {
-        const std::wstring sName = fd.cFileName;
-        if (sName != L"." && sName != L"..")
-        {
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                Remove(sDir + L"\\" + sName);
-            else
-                ::DeleteFileW((sDir + L"\\" + sName).c_str());
-        }
-        if (!::FindNextFileW(hFind.get(), &fd))
-            break;
-    }
-    hFind.reset();
-    ::RemoveDirectoryW(sDir.c_str());
-}
-
 // The files below sDir, listed as a copy tool lists them, each with its wait on the share.
 void List(const std::wstring& sDir, std::vector<std::wstring>& vFiles, std::vector<std::wstring>& vDirs)
 {
@@ -277,19 +237,11 @@ bool ListThenCopy(const std::wstring& sSrc, const std::wstring& sDst)
     return bOk;
 }
 
-size_t CountFiles(const std::wstring& sDir)
-{
-    std::vector<std::wstring> vFiles;
-    std::vector<std::wstring> vDirs;
-    List(sDir, vFiles, vDirs);
-    return vFiles.size();
-}
-
 bool MakeTree(size_t nFiles)
 {
     for (const std::wstring& sDir : {kRoot, kBackup, kBackup + L"\\#", kBackup + L"\\E", kTree})
         ::CreateDirectoryW(sDir.c_str(), nullptr);
-    if (!WriteFileBytes(kBackup + L"\\#\\HPoint.dat", "", 0))
+    if (!WriteBytes(kBackup + L"\\#\\HPoint.dat", "", 0))
         return false;
     std::vector<char> vData(4096, 's');
     for (size_t i = 0; i < nFiles; ++i)
@@ -297,8 +249,8 @@ bool MakeTree(size_t nFiles)
         const std::wstring sDir = kTree + L"\\S" + std::to_wstring(i / 100);
         if (i % 100 == 0)
             ::CreateDirectoryW(sDir.c_str(), nullptr);
-        if (!WriteFileBytes(sDir + L"\\s" + std::to_wstring(i) + L".dat", vData.data(),
-                            static_cast<DWORD>(1 + i * 977 % 4096)))
+        if (!WriteBytes(sDir + L"\\s" + std::to_wstring(i) + L".dat", vData.data(),
+                        static_cast<DWORD>(1 + i * 977 % 4096)))
             return false;
     }
     return true;
@@ -320,7 +272,7 @@ double RestoreWith(CKefl& kefl, unsigned uiWorkers)
     const std::string sIni = "[Main]\r\nKEFL_TraceLevel=" + sLevel + "\r\nVESK_TraceLevel=" + sLevel +
                              "\r\nKEFL_RestoreThreads=" + std::to_string(uiWorkers) + "\r\n";
     ::DeleteFileW(kTraceIni); // a new file each time: the profile cache keeps an unchanged one
-    WriteFileBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
+    WriteBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
     struct CDeleter
     {
         void operator()(VESK* p) const { delete p; }
@@ -333,9 +285,9 @@ double RestoreWith(CKefl& kefl, unsigned uiWorkers)
     Filespace fs{};
     fs.sFsPath = L"E:\\";
     fs.wcFsDriveLetter = L'E';
-    const double dStart = Now();
+    const double dStart = Seconds();
     const bool bOk = pClient->RestoreFilespace(fs);
-    const double dSeconds = Now() - dStart;
+    const double dSeconds = Seconds() - dStart;
     pClient->Fini();
     return bOk ? dSeconds : -1.0;
 }
@@ -377,9 +329,9 @@ int main(int argc, char** argv)
                  L"baseline", L"8w/baseline", L"8w/1w");
     for (size_t nFiles : vSizes)
     {
-        Remove(kRoot);
-        Remove(L"E:\\Tree");
-        Remove(L"F:\\ShareTree");
+        RemoveTree(kRoot);
+        RemoveTree(L"E:\\Tree");
+        RemoveTree(L"F:\\ShareTree");
         if (!MakeTree(nFiles))
             return std::wprintf(L"Cannot make the tree\n"), 2;
         for (DWORD dwMs : vRoundTrips)
@@ -391,13 +343,13 @@ int main(int argc, char** argv)
             {
                 adSeconds[i] = RestoreWith(kefl, i == 0 ? 1 : 8);
                 anCopied[i] = CountFiles(L"E:\\Tree");
-                Remove(L"E:\\Tree");
+                RemoveTree(L"E:\\Tree");
             }
-            double dStart = Now();
+            double dStart = Seconds();
             const bool bBaseline = ListThenCopy(kTree, L"F:\\ShareTree");
-            const double dBaseline = Now() - dStart;
+            const double dBaseline = Seconds() - dStart;
             const size_t nBaseline = CountFiles(L"F:\\ShareTree");
-            Remove(L"F:\\ShareTree");
+            RemoveTree(L"F:\\ShareTree");
             if (adSeconds[0] < 0 || adSeconds[1] < 0 || !bBaseline || anCopied[0] != nFiles ||
                 anCopied[1] != nFiles || nBaseline != nFiles)
             {
@@ -422,7 +374,7 @@ int main(int argc, char** argv)
             std::fflush(stdout);
         }
     }
-    Remove(kRoot);
+    RemoveTree(kRoot);
     if (bSavedIni)
         ::MoveFileExW(kTraceIniSaved, kTraceIni, MOVEFILE_REPLACE_EXISTING);
     return iRc;
