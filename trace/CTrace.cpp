@@ -306,15 +306,19 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     // and the system calls.
     const std::string sBody = ToUtf8(sText);
 
+    // The file is opened before the lock and closed after it (an append lands at the end however
+    // long ago the file was opened): the lock is held for the prefix and the write only, since the
+    // restore's workers all wait for it.
+    const CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                          OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!hFile)
+        return;
     // A wait that ends any other way (timeout, abandoned, failure) gives the mutex back and
     // drops the line.
     CMutexRelease release(m_hMutex.get());
-    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
-        return;
-    CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hFile || !WithinSizeLimit(hFile.get(), uiLimitLevel))
+    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0 ||
+        !WithinSizeLimit(hFile.get(), uiLimitLevel))
         return;
 
     std::string sLine;
