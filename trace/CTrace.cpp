@@ -302,13 +302,10 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     const uint32_t uiLimitLevel = uiLevel != 0 ? uiLevel : TRACE_INFO;
     if (!m_hMutex || (m_uiLimitMask.load(std::memory_order_relaxed) & uiLimitLevel) == 0)
         return;
-    // Everything but the prefix is ready before the lock: other writers wait only for the prefix
-    // and the system calls.
+    // Everything but the prefix is ready before the lock, and the file is opened before it and
+    // closed after it (an append lands at the end however long ago the file was opened): other
+    // writers, the restore's workers among them, wait only for the prefix and the write.
     const std::string sBody = ToUtf8(sText);
-
-    // The file is opened before the lock and closed after it (an append lands at the end however
-    // long ago the file was opened): the lock is held for the prefix and the write only, since the
-    // restore's workers all wait for it.
     const CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
