@@ -70,10 +70,14 @@ TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
     for (const auto& [pwszCase, pRowTrace, bHeld, bWritten] : aRows)
     {
         SCOPED_TRACE(testing::Message() << pwszCase);
-        if (bHeld) // longer than a writer waits
-            m_patches.Patch(
+        // Longer than a writer waits; on this thread only: the test framework's own threads wait too.
+        static DWORD s_dwWriter = ::GetCurrentThreadId();
+        static decltype(&::WaitForSingleObject) s_pfnWait = nullptr;
+        if (bHeld)
+            s_pfnWait = m_patches.Patch(
                 m_hExe, "KERNEL32.dll", "WaitForSingleObject",
-                +[](HANDLE, DWORD) -> DWORD { return WAIT_TIMEOUT; });
+                +[](HANDLE h, DWORD dwMs) -> DWORD
+                { return ::GetCurrentThreadId() == s_dwWriter ? WAIT_TIMEOUT : s_pfnWait(h, dwMs); });
         ::SetLastError(0xBEEF);
         pRowTrace->TraceMessage(TRACE_ERROR, L"F", pwszCase);
         EXPECT_EQ(0xBEEFu, ::GetLastError());
