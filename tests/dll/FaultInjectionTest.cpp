@@ -114,7 +114,7 @@ constexpr const char* kColumns[] = {"runs",  "crashes",    "hangs",         "sil
 // A session's results, an error shown to the host, its list, E: whole, group names lost, handles kept, time.
 struct CRun
 {
-    std::string sResults, sList = "-";
+    std::string sResults, sList = "-", sBad;
     bool bFini = false, bError = false, bFilesOk = false;
     int iLost = 0, iLeaks = 0;
     unsigned long long ullMs = 0;
@@ -135,16 +135,18 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
         RemoveTree(L"E:", true), RemoveTree(L"R:\\Cfg"), g_vMessages.clear();
         std::fill(&g_aaCalls[0][0], &g_aaCalls[0][0] + 2 * kRows, 0);
         const size_t cLive = g_live.size(); // no session under way: nothing else changes it
-        CRun run{"", "-", false, false, false, 0, 0, ::GetTickCount64()};
+        CRun run{"", "-", "", false, false, false, 0, 0, ::GetTickCount64()};
         const auto result = [&](bool b)
         { run.bError |= ErrorText() != L"No error", run.sResults += "01"[b]; };
         result(m_pClient->Init(pCredentials.get()));
         std::vector<morvane::Filespace> vFilespaces;
         result(m_pClient->GetFilespaceList(vFilespaces));
         result(m_pClient->RestoreFilespace(fs));
-        run.bFilesOk = std::all_of(std::begin(kFiles), std::end(kFiles),
-                                   [](const std::wstring& s)
-                                   { return ReadBytes(L"E:\\" + s) == ReadBytes(L"R:\\Backup\\E\\" + s); });
+        for (const std::wstring& s : kFiles) // the first file that differs, for the failure's line
+            if (const std::string sGot = ReadBytes(L"E:\\" + s);
+                run.sBad.empty() && sGot != ReadBytes(L"R:\\Backup\\E\\" + s))
+                run.sBad = std::string(s.begin(), s.end()) + " " + std::to_string(sGot.size());
+        run.bFilesOk = run.sBad.empty();
         std::vector<std::wstring> vWhole; // the group's names whole before the link pass
         std::copy_if(std::begin(kGroup), std::end(kGroup), std::back_inserter(vWhole),
                      [](const std::wstring& s) { return ReadBytes(s) == kGroupBytes; });
@@ -246,8 +248,9 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
             std::fprintf(g_pResults, "%d", int(g_iFailCall.load()));
             for (size_t j = 0; j < std::size(abFailed); ++j)
                 std::fprintf(g_pResults, abFailed[j] ? " %zu" : "", 3 + j);
-            std::fprintf(g_pResults, " | results %s, list %s, names lost %d, handles kept %d, %llu ms\n",
-                         run.sResults.c_str(), run.sList.c_str(), run.iLost, run.iLeaks, run.ullMs),
+            std::fprintf(g_pResults, " | results %s, list %s, %s, names lost %d, handles kept %d, %llu ms\n",
+                         run.sResults.c_str(), run.sList.c_str(),
+                         run.bFilesOk ? "files whole" : run.sBad.c_str(), run.iLost, run.iLeaks, run.ullMs),
                 std::fflush(g_pResults);
         }
         return;
@@ -270,9 +273,8 @@ TEST_F(FaultInjectionTest, EveryFailedCallEndsInAnErrorOrAWholeRestore)
             int aTally[std::size(kColumns)] = {};
             for (k = 0; k < cRuns;)
             {
-                const std::string sRuns =
-                    std::to_string(iRow) + " " + std::to_string(iTrace) + " " + std::to_string(k) + " " +
-                    std::to_string(aaClean[iRow][iTrace]);
+                const std::string sRuns = std::to_string(iRow) + " " + std::to_string(iTrace) + " " +
+                                          std::to_string(k) + " " + std::to_string(aaClean[iRow][iTrace]);
                 ::DeleteFileW(sFile.c_str()), ::SetEnvironmentVariableA("KEFL_FAULT_RUNS", sRuns.c_str());
                 std::wstring sCommand = L"\"" + sExe + L"\" --gtest_filter=FaultInjectionTest.*";
                 STARTUPINFOW si{sizeof(si), {}, {}, {}, {}, {}, {}, {}, {},
