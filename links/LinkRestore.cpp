@@ -1,6 +1,7 @@
 #include "links/LinkRestore.h"
 
 #include "client/MessageIds.h"
+#include "links/FileNames.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
@@ -122,51 +123,22 @@ private:
     bool m_bKnown = false;
 };
 
-// A restored copy moved aside for a hard link gets its own name plus this suffix and a number,
-// in its own folder; a name left from an earlier run is never replaced, the next number is taken.
-constexpr wchar_t kAsideSuffix[] = L".kefl~";
-constexpr int kAsideNames = 100;
-
-// Moves the file that stands where a hard link goes to a free name beside it and answers that
-// name, or an empty one when nothing was moved: no file there, a folder there (left for the link
-// call to report) or the move refused (traced; the link call then finds the name taken).
-std::wstring MoveAside(const wchar_t* pwszFunction, const std::wstring& sJumboLink)
-{
-    const DWORD dwAttributes = ::GetFileAttributesW(sJumboLink.c_str());
-    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
-    {
-        const DWORD dwLastError = ::GetLastError();
-        if (dwLastError != ERROR_FILE_NOT_FOUND)
-            TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
-        return {};
-    }
-    if (dwAttributes & FILE_ATTRIBUTE_DIRECTORY)
-        return {};
-    DWORD dwLastError = ERROR_SUCCESS;
-    for (int iName = 0; iName < kAsideNames; ++iName)
-    {
-        std::wstring sJumboAside = sJumboLink + kAsideSuffix + std::to_wstring(iName);
-        if (::MoveFileExW(sJumboLink.c_str(), sJumboAside.c_str(), 0))
-            return sJumboAside;
-        dwLastError = ::GetLastError();
-        if (dwLastError == ERROR_ALREADY_EXISTS || dwLastError == ERROR_FILE_EXISTS)
-            continue;
-        if (dwLastError != ERROR_FILE_NOT_FOUND)
-            TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
-        return {};
-    }
-    // Every free name taken: the copy stays where it is.
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboLink", sJumboLink);
-    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
-    return {};
-}
-
 // Gives a copy moved aside its own name back, after its link could not be made.
 void PutBack(const wchar_t* pwszFunction, const std::wstring& sJumboAside, const std::wstring& sJumboLink)
 {
     if (sJumboAside.empty() || ::MoveFileExW(sJumboAside.c_str(), sJumboLink.c_str(), 0))
         return;
     const DWORD dwLastError = ::GetLastError();
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", sJumboAside);
+    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+}
+
+// The restored copy that a hard link replaced, once the link stands; a name left over is traced.
+void RemoveAside(const wchar_t* pwszFunction, const std::wstring& sJumboAside)
+{
+    DWORD dwLastError = ERROR_SUCCESS;
+    if (sJumboAside.empty() || RemoveName(sJumboAside, dwLastError) || dwLastError == ERROR_FILE_NOT_FOUND)
+        return;
     g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", sJumboAside);
     TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
 }
@@ -386,41 +358,6 @@ bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wst
     return true;
 }
 
-void CLinkRestorer::RemoveExistingFile(const wchar_t* pwszFunction, const std::wstring& sJumboLink)
-{
-    if (::DeleteFileW(sJumboLink.c_str()))
-        return;
-    const DWORD dwLastError = ::GetLastError();
-    if (dwLastError == ERROR_FILE_NOT_FOUND)
-        return;
-    if (dwLastError != ERROR_ACCESS_DENIED)
-    {
-        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
-        return;
-    }
-    // Refused: a read-only file (a restored copy keeps its attributes) loses the attribute
-    // and goes; anything else refused (a folder, say) is left for the link call to report.
-    const DWORD dwAttributes = ::GetFileAttributesW(sJumboLink.c_str());
-    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
-    {
-        TraceLastError(pwszFunction, ::GetLastError(), TRACE_ERROR);
-        return;
-    }
-    if ((dwAttributes & FILE_ATTRIBUTE_READONLY) == 0)
-        return;
-    if (!::SetFileAttributesW(sJumboLink.c_str(), dwAttributes & ~FILE_ATTRIBUTE_READONLY))
-    {
-        TraceLastError(pwszFunction, ::GetLastError(), TRACE_ERROR);
-        return;
-    }
-    if (!::DeleteFileW(sJumboLink.c_str()))
-    {
-        const DWORD dwRetryError = ::GetLastError();
-        if (dwRetryError != ERROR_FILE_NOT_FOUND)
-            TraceLastError(pwszFunction, dwRetryError, TRACE_ERROR);
-    }
-}
-
 bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring& sTarget)
 {
     static const wchar_t kFn[] = L"KEFLImpl::CreateHardLinkW";
@@ -433,28 +370,35 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         return TraceFailed(kFn, L"... ending(Target was not restored)");
     const std::wstring sJumboLink = LongPath(sLink);
     const std::wstring sJumboTarget = LongPath(sTarget);
+    if (IsDirectory(sJumboTarget))
+        return TraceFailed(kFn, L"... ending(Target is a directory)");
+    // Made by an earlier link pass over the same tree: nothing to do.
+    if (IsSameFile(sJumboLink, sJumboTarget))
+    {
+        g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+        return true;
+    }
     const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
     // Only when there is a file to link to: without one, the copy is all that is left of the file.
     // The copy is moved aside, not deleted, until the link stands: should the link fail, the copy
-    // gets its name back and the file loses none of its names.
+    // gets its name back and the file loses none of its names. A copy that cannot be moved keeps
+    // its name, and the link is not made.
     std::wstring sJumboAside;
     const DWORD dwTargetAttributes = ::GetFileAttributesW(sJumboTarget.c_str());
-    if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !(dwTargetAttributes & FILE_ATTRIBUTE_DIRECTORY))
-        sJumboAside = MoveAside(kFn, sJumboLink);
-
-    if (IsDirectory(sJumboTarget))
+    DWORD dwAsideError = ERROR_SUCCESS;
+    if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !MoveAside(sJumboLink, sJumboAside, dwAsideError))
     {
-        PutBack(kFn, sJumboAside, sJumboLink);
-        return TraceFailed(kFn, L"... ending(Target is a directory)");
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
+        return TraceFailed(kFn, L"... ending(Existing file could not be moved aside)", dwAsideError);
     }
 
     if (!m_pfnCreateHardLinkW(sJumboLink.c_str(), sJumboTarget.c_str(), nullptr))
     {
         const DWORD dwLastError = ::GetLastError();
-        // A name that is there already counts as made.
-        if (dwLastError != ERROR_ALREADY_EXISTS)
+        // A name that is there already counts as made only when it is the target's own.
+        if (dwLastError != ERROR_ALREADY_EXISTS || !IsSameFile(sJumboLink, sJumboTarget))
         {
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
@@ -464,8 +408,7 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         }
     }
 
-    if (!sJumboAside.empty())
-        RemoveExistingFile(kFn, sJumboAside);
+    RemoveAside(kFn, sJumboAside);
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }

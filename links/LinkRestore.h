@@ -43,9 +43,6 @@ private:
     void RestorePass(LinkKind kind, const PointList& points, bool& bFailed);
     // Hands the record to the host's progress callback with the given state.
     void SendProgress(ProgMsg& progress, uint32_t uiState);
-    // Deletes the restored copy a hard link replaced, once moved aside, a read-only one too.
-    // Failures are traced; the caller goes on regardless.
-    void RemoveExistingFile(const wchar_t* pwszFunction, const std::wstring& sJumboLink);
     // The common start of the symbolic and hard link makers: entry traces, the entry point, the
     // NTFS test, the link's parent folders. False (traced) when the link cannot be made.
     bool PrepareLink(const wchar_t* pwszFunction, bool bAvailable, const wchar_t* pwszUnavailable,

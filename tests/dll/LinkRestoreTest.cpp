@@ -1,6 +1,7 @@
 // Re-creating the backup's junctions, symbolic and hard links on the restored drives E: and F:.
 #include "dll/SessionFixture.h"
 
+#include <algorithm>
 
 using namespace kefltest;
 
@@ -42,11 +43,14 @@ BOOLEAN WINAPI RecordSymbolicLink(LPCWSTR pwszLink, LPCWSTR pwszTarget, DWORD dw
 }
 
 // Windows refuses another name for a file that has 1023 (ERROR_TOO_MANY_LINKS); Wine never does.
-// This stand-in answers so for a link whose name holds "Refused" and makes the others.
+// This stand-in answers so for a link whose name holds "Refused", says that one whose name holds
+// "Taken" is there already (another program made the name meanwhile), and makes the others.
 BOOL WINAPI HardLinkAsWindows(LPCWSTR pwszLink, LPCWSTR pwszTarget, LPSECURITY_ATTRIBUTES pSecurity)
 {
     if (std::wcsstr(pwszLink, L"Refused"))
         return ::SetLastError(ERROR_TOO_MANY_LINKS), FALSE;
+    if (std::wcsstr(pwszLink, L"Taken"))
+        return ::SetLastError(ERROR_ALREADY_EXISTS), FALSE;
     return ::CreateHardLinkW(pwszLink, pwszTarget, pSecurity);
 }
 
@@ -189,4 +193,43 @@ TEST_F(LinkRestoreTest, ARefusedHardLinkLeavesTheRestoredCopyUnderItsName)
     EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
     EXPECT_EQ(3u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
     EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 3}}), States());
+}
+
+TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
+{
+    // A copy that another program holds open on Windows cannot be moved aside (error 32 here).
+    static decltype(&::MoveFileExW) s_pfnRealMove = nullptr;
+    s_pfnRealMove = Patch("MoveFileExW",
+                          +[](LPCWSTR pwszFrom, LPCWSTR pwszTo, DWORD dwFlags) -> BOOL
+                          {
+                              if (std::wcsstr(pwszFrom, L"Held"))
+                                  return ::SetLastError(ERROR_SHARING_VIOLATION), FALSE;
+                              return s_pfnRealMove(pwszFrom, pwszTo, dwFlags);
+                          });
+    WriteTextFile(L"E:\\file.txt", "content");
+    for (const wchar_t* pwszCopy : {L"E:\\copy.txt", L"E:\\Held.txt", L"E:\\Taken.txt"})
+        WriteTextFile(pwszCopy, "its own copy");
+    const std::string sHPoint = "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\copy.txt\r\nH3=E:\\Held.txt\r\nH4=E:\\Taken.txt\r\n";
+    // The second pass runs over a tree that the first one linked.
+    for (int iPass = 1; iPass <= 2; ++iPass)
+    {
+        SCOPED_TRACE("link pass " + std::to_string(iPass));
+        const size_t cLinesBefore = KeflLog().size();
+        g_vProgress.clear();
+        Restore(L"", L"", sHPoint);
+        const auto vLines = KeflLog();
+        const std::vector<std::wstring> vNew(vLines.begin() + static_cast<ptrdiff_t>(cLinesBefore), vLines.end());
+        const auto vErrors = TextsWithMarker(vNew, L":[E]: ");
+        const auto Failed = [&](const wchar_t* pwszLink)
+        { return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" + std::wstring(pwszLink) + L"\""); };
+        EXPECT_EQ(0, Failed(L"E:\\copy.txt"));
+        EXPECT_EQ(1, Failed(L"E:\\Held.txt"));
+        EXPECT_EQ(1, Failed(L"E:\\Taken.txt"));
+        EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : ... ending(Existing file could not be moved aside)"));
+        EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : dwLastError = 32"));
+        EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
+        for (const wchar_t* pwszKept : {L"E:\\Held.txt", L"E:\\Taken.txt"})
+            EXPECT_EQ("its own copy", ReadBytes(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
+        EXPECT_EQ(4u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
+    }
 }
