@@ -2,8 +2,10 @@
 #include "session/KEFLImpl.h"
 
 #include "session/CopyWorkers.h"
+#include "session/DestinationFile.h"
 #include "session/FilespaceWalk.h"
 #include "session/RestoreProgress.h"
+#include "session/VolumeFlush.h"
 
 #include "client/MessageIds.h"
 #include "platform/CatchAtEdge.h"
@@ -34,20 +36,12 @@ constexpr DWORD kCopyBufferBytes = 65536;
 // this far apart.
 constexpr int kOpenAttempts = 10;
 constexpr DWORD kOpenRetryMs = 30000;
-// A destination that another worker holds: its copy of the same file ends within moments.
-constexpr int kSharedDestinationAttempts = 40;
-constexpr DWORD kSharedDestinationRetryMs = 50;
-
 const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
 // What a restored file or folder takes over from its copy in the backup, beside its times.
 constexpr DWORD kRestoredAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                       FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
                                       FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
-// Attributes that keep an existing file from being replaced (CREATE_ALWAYS is refused).
-constexpr DWORD kReplaceRefusingAttributes =
-    FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
-
 bool Contains(const std::wstring& sText, const wchar_t* pwszPart)
 {
     return sText.find(pwszPart) != std::wstring::npos;
@@ -121,39 +115,6 @@ void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLon
         TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set times");
     else
         RestoreMetadata(pwszFunction, hFolder.get(), sLongDst, entry);
-}
-
-// The destination of a copy, replacing what an earlier restore left there. With other files in
-// flight, a destination that is shared a moment is waited for: an earlier restore may have left
-// two of the names as hard links of one file, which two workers then open at once.
-CUniqueFile OpenDestination(const std::wstring& sDst, bool bOthersInFlight, DWORD& dwLastError)
-{
-    auto open = [&sDst, &dwLastError, bOthersInFlight]
-    {
-        for (int iAttempt = 1;; ++iAttempt)
-        {
-            CUniqueFile hDst(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                           FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-            dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
-            if (dwLastError != ERROR_SHARING_VIOLATION || !bOthersInFlight ||
-                iAttempt == kSharedDestinationAttempts)
-                return hDst;
-            ::Sleep(kSharedDestinationRetryMs);
-        }
-    };
-    CUniqueFile hDst = open();
-    if (dwLastError != ERROR_ACCESS_DENIED)
-        return hDst;
-    // A read-only, hidden or system file from an earlier restore refuses to be replaced until it
-    // loses those attributes (they come back with the copy's own).
-    const DWORD dwOld = ::GetFileAttributesW(sDst.c_str());
-    if (dwOld == INVALID_FILE_ATTRIBUTES || (dwOld & FILE_ATTRIBUTE_DIRECTORY) ||
-        (dwOld & kReplaceRefusingAttributes) == 0 ||
-        !::SetFileAttributesW(sDst.c_str(), (dwOld & ~kReplaceRefusingAttributes) != 0
-                                                ? dwOld & ~kReplaceRefusingAttributes
-                                                : FILE_ATTRIBUTE_NORMAL))
-        return hDst;
-    return open();
 }
 
 // A folder of the walk, made unless it exists; false, traced, when it cannot be made.
@@ -293,6 +254,9 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Privilege not enabled", std::wstring(pwszPrivilege));
     }
 
+    // Until the walk has handed over every file, the link pass takes none of this filespace's
+    // files as restored: a walk stopped by an exception leaves files neither copied nor failed.
+    m_unrestored.WalkBegins(sDstFolder);
     CWalkList walk;
     if (!WalkFilespace(sSrcFolder, walk))
     {
@@ -316,7 +280,6 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     std::wstring sDst;
     {
         CCopyWorkers workers(RestoreThreads(), [&reporter] { reporter.Report(); });
-        const bool bOthersInFlight = workers.Workers() > 1;
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
             const CWalkEntry& entry = walk.Entry(uiEntry);
@@ -338,12 +301,12 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             {
                 sSrc.assign(sSrcFolder);
                 walk.AppendPath(uiEntry, sSrc);
-                workers.Submit([this, &reporter, entry, sSrc, sDst, bOthersInFlight]
-                               { RestoreFile(sSrc, sDst, entry, bOthersInFlight, reporter); });
+                workers.Submit([this, &reporter, entry, sSrc, sDst] { RestoreFile(sSrc, sDst, entry, reporter); });
             }
         }
         workers.Finish();
     }
+    m_unrestored.WalkEnded(sDstFolder);
     const bool bFailed = reporter.AnyFailed();
 
     // Folders last, deepest first: restoring a folder's content changes its times.
@@ -360,6 +323,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         if (IsFolder(sLongDst))
             RestoreFolderMetadata(kFn, sLongDst, entry);
     }
+    FlushVolume(sDstRoot);
 
     if (bFailed)
     {
@@ -385,14 +349,14 @@ uint32_t KEFLImpl::RestoreThreads()
 }
 
 void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                           bool bOthersInFlight, CRestoreProgress& progress)
+                           CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
     // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
     const bool bCopied = CatchAtEdge(
         [&]
-        { return CopyFileWithProgress(LongPath(sSrc), LongPath(sDst), entry, bOthersInFlight, progress); },
+        { return CopyFileWithProgress(LongPath(sSrc), LongPath(sDst), entry, progress); },
         [](const CEdgeFailure& failure)
         {
             TraceFailedAtEdge(kCopyFile, failure);
@@ -410,7 +374,7 @@ void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, c
 }
 
 bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst,
-                                    const CWalkEntry& entry, bool bOthersInFlight, CRestoreProgress& progress)
+                                    const CWalkEntry& entry, CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kCopyFile;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
@@ -438,7 +402,7 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         return false;
     }
 
-    CUniqueFile hDst = OpenDestination(sDst, bOthersInFlight, dwLastError);
+    CUniqueFile hDst = OpenDestination(sDst, dwLastError);
     if (!hDst)
     {
         TraceLastError(kFn, dwLastError);
@@ -492,11 +456,10 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         DWORD dwRemaining = dwBytesRead;
         while (dwRemaining > 0)
         {
-            // A partial write is followed by a write from the buffer's start again, with the
-            // remaining count. This is kept as it always was.
+            // A partial write is followed by a write of the rest: the bytes it did not take.
             DWORD dwBytesWritten = 0;
-            if (!::BackupWrite(hDst.get(), pBuffer, dwRemaining, &dwBytesWritten, FALSE, FALSE,
-                               &pWriteContext))
+            if (!::BackupWrite(hDst.get(), pBuffer + (dwBytesRead - dwRemaining), dwRemaining, &dwBytesWritten,
+                               FALSE, FALSE, &pWriteContext))
             {
                 dwLastError = ::GetLastError();
                 TraceLastError(kFn, dwLastError);
@@ -526,6 +489,12 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
     // keeps them.
     if (bResult)
         RestoreMetadata(kFn, hDst.get(), sDst, entry);
+    if (!CloseDestination(hDst, dwLastError))
+    {
+        TraceLastError(kFn, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to close destination file");
+        bResult = false;
+    }
 
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(ullTotalBytesRead));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten",

@@ -70,13 +70,12 @@ public:
     // Filespace restore.
     // Copies one file as backup streams and gives the copy the source's times (entry's find data).
     // Runs on any thread: what it read goes to progress, never to the host directly.
-    // bOthersInFlight: other files are copied at the same time (several workers).
     bool CopyFileWithProgress(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                              bool bOthersInFlight, CRestoreProgress& progress);
+                              CRestoreProgress& progress);
     // One file of the walk, the whole of it on the thread that runs it: its trace lines, the copy,
     // and the entry counted as done.
     void RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                     bool bOthersInFlight, CRestoreProgress& progress);
+                     CRestoreProgress& progress);
     // How many files are in flight at once: trace.ini's KEFL_RestoreThreads, 1 to 64, else 8.
     uint32_t RestoreThreads();
 

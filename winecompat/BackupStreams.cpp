@@ -16,6 +16,8 @@ namespace
 constexpr DWORD kHeaderBytes = static_cast<DWORD>(offsetof(WIN32_STREAM_ID, cStreamName));
 
 CBackupStreamFaults g_Faults;
+// A buffer this large or larger is cut in half by bHalfOfOneLargeWrite.
+constexpr DWORD kLargeWrite = 4096;
 std::atomic<int> g_iLiveContexts{0}; // the restore copies on several threads
 
 struct CStreamContext
@@ -23,6 +25,7 @@ struct CStreamContext
     bool bReadFault = false;
     bool bWriteFault = false;
     bool bShortWrite = false;
+    bool bHalfTaken = false;
     int iCalls = 0;
     // Reading: the header still to hand out and the data bytes left.
     BYTE abHeader[kHeaderBytes] = {};
@@ -138,7 +141,8 @@ BOOL WINAPI BackupReadAsWindows(HANDLE hFile, LPBYTE pbBuffer, DWORD cbToRead, L
 
 // Windows' BackupWrite: the bytes are a series of WIN32_STREAM_ID headers, each followed by its
 // stream's name and data; the data of a BACKUP_DATA stream goes into the file, other streams are
-// passed over. Every byte handed over is taken.
+// passed over. Every byte handed over is taken, unless the file takes fewer: then the count says
+// how many were.
 BOOL WINAPI BackupWriteAsWindows(HANDLE hFile, LPBYTE pbBuffer, DWORD cbToWrite, LPDWORD pcbWritten,
                                  BOOL bAbort, BOOL /*bProcessSecurity*/, LPVOID* ppContext)
 {
@@ -159,6 +163,11 @@ BOOL WINAPI BackupWriteAsWindows(HANDLE hFile, LPBYTE pbBuffer, DWORD cbToWrite,
         if (pContext->iCalls > 1)
             return TRUE; // a destination that takes nothing more
         cbToWrite = std::min(cbToWrite, g_Faults.cbShortWrite);
+    }
+    if (g_Faults.bHalfOfOneLargeWrite && !pContext->bHalfTaken && cbToWrite >= kLargeWrite)
+    {
+        pContext->bHalfTaken = true;
+        cbToWrite /= 2;
     }
 
     DWORD cbDone = 0;
@@ -196,6 +205,12 @@ BOOL WINAPI BackupWriteAsWindows(HANDLE hFile, LPBYTE pbBuffer, DWORD cbToWrite,
                 DWORD cbWritten = 0;
                 if (!::WriteFile(hFile, pbBuffer + cbDone, cb, &cbWritten, nullptr))
                     return FALSE;
+                if (cbWritten < cb) // the file took less (a full disk): so does the stream
+                {
+                    pContext->ullDataLeft -= cbWritten;
+                    *pcbWritten = cbDone + cbWritten;
+                    return TRUE;
+                }
             }
             pContext->ullDataLeft -= cb;
             cbDone += cb;

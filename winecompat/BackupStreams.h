@@ -27,6 +27,8 @@ struct CBackupStreamFaults
     DWORD dwWriteError = ERROR_DISK_FULL;
     std::wstring sShortWriteFile; // BackupWrite takes cbShortWrite bytes once, then nothing
     DWORD cbShortWrite = 1000;
+    // Every file: BackupWrite takes half of one large buffer, as a write may, and all of the rest.
+    bool bHalfOfOneLargeWrite = false;
 };
 
 // The faults in force; reset by CBackupStreamPatches.

@@ -4,6 +4,7 @@
 
 #include <winnetwk.h>
 
+#include <atomic>
 #include <cstring>
 #include <cwchar>
 #include <string>
@@ -46,10 +47,37 @@ DWORD WINAPI WNetGetResourceInformationAsWindows(LPNETRESOURCEW pResource, LPVOI
     return NO_ERROR;
 }
 
+using FlushFileBuffersFn = BOOL(WINAPI*)(HANDLE);
+FlushFileBuffersFn g_pfnRealFlushFileBuffers = nullptr;
+std::atomic<int> g_iVolumeFlushes{0};
+
+BOOL WINAPI FlushFileBuffersAsWindows(HANDLE hFile)
+{
+    if (g_pfnRealFlushFileBuffers(hFile))
+        return TRUE;
+    const DWORD dwLastError = ::GetLastError();
+    // A file's flush that fails is the real answer; only a volume's is Wine's gap. A volume handle
+    // has no name of its own.
+    wchar_t wszPath[8];
+    if (dwLastError != ERROR_INVALID_FUNCTION || ::GetFinalPathNameByHandleW(hFile, wszPath, 8, 0) != 0)
+    {
+        ::SetLastError(dwLastError);
+        return FALSE;
+    }
+    ++g_iVolumeFlushes;
+    return TRUE;
+}
+
 } // namespace
+
+int VolumeFlushes()
+{
+    return g_iVolumeFlushes;
+}
 
 CLocationPatches::CLocationPatches(HMODULE hModule)
 {
+    g_iVolumeFlushes = 0;
     m_vPatches.push_back(
         std::make_unique<CIatPatch>(hModule, "KERNEL32.dll", "GetVolumePathNameW",
                                     reinterpret_cast<const void*>(&GetVolumePathNameAsWindows)));
@@ -57,6 +85,9 @@ CLocationPatches::CLocationPatches(HMODULE hModule)
     m_vPatches.push_back(
         std::make_unique<CIatPatch>(hModule, "MPR.dll", "WNetGetResourceInformationW",
                                     reinterpret_cast<const void*>(&WNetGetResourceInformationAsWindows)));
+    m_vPatches.push_back(std::make_unique<CIatPatch>(hModule, "KERNEL32.dll", "FlushFileBuffers",
+                                                     reinterpret_cast<const void*>(&FlushFileBuffersAsWindows)));
+    g_pfnRealFlushFileBuffers = reinterpret_cast<FlushFileBuffersFn>(m_vPatches.back()->Original());
 }
 
 CLocationPatches::~CLocationPatches() = default;

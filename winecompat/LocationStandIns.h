@@ -5,6 +5,8 @@
 // - WNetGetResourceInformationW: Windows' file-sharing provider claims every path of the form
 //   \\name\name... (a local volume-name path included) and names itself "Microsoft Windows
 //   Network"; Wine has no network provider and fails with error 1222.
+// - FlushFileBuffers on a volume handle (\\?\Volume{...} or \\.\E:): Windows writes the volume's
+//   cache out; Wine opens the volume but fails the flush with error 1. Files go to the real call.
 #include <windows.h>
 
 #include <memory>
@@ -15,7 +17,10 @@ namespace winecompat
 
 class CIatPatch;
 
-// Puts both stand-ins into hModule's import table for the life of the object.
+// Volume flushes answered by the stand-in since the patches were made.
+int VolumeFlushes();
+
+// Puts the stand-ins into hModule's import table for the life of the object.
 class CLocationPatches
 {
 public:

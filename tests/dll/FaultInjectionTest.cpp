@@ -44,6 +44,8 @@ constexpr CCall kCalls[] = {
     {kK32, "SetFileTime", kDenied},
     {kK32, "SetFileInformationByHandle", kDenied},
     {kK32, "MoveFileExW", kDenied},
+    {kK32, "FlushFileBuffers", ERROR_IO_DEVICE},
+    {kK32, "GetFileInformationByHandle", kDenied},
     {kAdv, "OpenProcessToken", kDenied, "token", 2},
     {kAdv, "AdjustTokenPrivileges", kDenied},
     {kAdv, "LookupPrivilegeValueW", kDenied},

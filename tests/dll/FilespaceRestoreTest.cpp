@@ -7,6 +7,7 @@
 #include "winecompat/LinkStandIns.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <tuple>
 
 using namespace kefltest;
@@ -258,8 +259,20 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     MakeFolders(kSourceE + L"\\z");
     uint32_t uiSeed = 0;
     for (const wchar_t* pwszName : {L"good.txt", L"locked.bin", L"blocked.txt", L"unreadable.bin",
-                                    L"unwritable.bin", L"short.bin", L"z\\after.txt", L"denied.bin"})
+                                    L"unwritable.bin", L"short.bin", L"z\\after.txt", L"denied.bin",
+                                    L"unclosed.bin"})
         WriteBytes(kSourceE + L"\\" + pwszName, Pattern(200000, ++uiSeed));
+    // A close that fails may have lost the file's last bytes (a full disk, a volume gone).
+    static decltype(&::CloseHandle) s_pfnRealClose = nullptr;
+    s_pfnRealClose = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CloseHandle",
+                                     +[](HANDLE h) -> BOOL
+                                     {
+                                         wchar_t wszPath[MAX_PATH] = {};
+                                         ::GetFinalPathNameByHandleW(h, wszPath, MAX_PATH, 0);
+                                         const bool bFail = std::wcsstr(wszPath, L"\\E\\unclosed.bin") == nullptr &&
+                                                            std::wcsstr(wszPath, L"unclosed.bin") != nullptr;
+                                         return s_pfnRealClose(h) && !(bFail && (::SetLastError(ERROR_DISK_FULL), true));
+                                     });
     MakeFolders(L"E:\\blocked.txt");
     // A token that holds neither backup nor restore privilege: the restore goes on without them.
     m_patches.Patch(
@@ -268,12 +281,12 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
         { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
     g_iLockedOpens = g_iRetryWaits = 0;
     // Eight files in flight: while the locked file waits out its retries, every other entry (the
-    // folder and seven files) is done on the other workers.
+    // folder and eight files) is done on the other workers.
     const morvane::CUniqueHandle hOthersDone(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     g_hOthersDone = hOthersDone.get();
     m_pClient->SetProgMsgCallbackFn(
         +[](const morvane::ProgMsg* pMsg, uint64_t)
-        { return pMsg->ullDone == 8 && ::SetEvent(g_hOthersDone), RecordProgress(pMsg, 0); },
+        { return pMsg->ullDone == 9 && ::SetEvent(g_hOthersDone), RecordProgress(pMsg, 0); },
         0);
     BackupStreamFaults().sReadFailFile = L"unreadable.bin";
     BackupStreamFaults().sWriteFailFile = L"unwritable.bin";
@@ -295,8 +308,8 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     const auto Count = [&](const wchar_t* pwszText) { return std::ranges::count(vErrors, pwszText); };
     EXPECT_NE(0, Count(L"KEFLImpl::CopyFileWithProgress : dwLastError = 32"));
     EXPECT_EQ(1, Count(L"KEFLImpl::RestoreFilespace : sDst = \"E:\\blocked.txt\""));
-    EXPECT_EQ(6, Count(L"KEFLImpl::RestoreFilespace : Failed to copy file"))
-        << "locked, blocked, unreadable, unwritable, short, denied";
+    EXPECT_EQ(7, Count(L"KEFLImpl::RestoreFilespace : Failed to copy file"))
+        << "locked, blocked, unreadable, unwritable, short, denied, unclosed";
     for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
                                            std::wstring(pwszPrivilege) + L"\""));
@@ -337,6 +350,72 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
     EXPECT_TRUE(m_pClient->RestoreFilespace(drive));
     EXPECT_EQ("one", ReadBytes(L"E:\\one.txt"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CopyFileWithProgress : Failed to set times"));
+}
+
+TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWritesLoseNoBytes)
+{
+    // Pairs of names that the last restore's link pass made one file: backup copies that differ,
+    // and large equal ones that keep two of the eight workers busy for seconds. Every file's
+    // BackupWrite takes half of one large buffer, as a write may.
+    struct CPair
+    {
+        std::wstring sName1, sName2;
+        std::string sBytes1, sBytes2;
+    };
+    const std::string sLarge = Pattern(160u << 20, 5);
+    const CPair kPairs[] = {{L"\\a1.txt", L"\\Sub\\a2.txt", Pattern(70000, 1), Pattern(90000, 2)},
+                            {L"\\big1.bin", L"\\big2.bin", sLarge, sLarge}};
+    MakeFolders(kSourceE + L"\\Sub");
+    MakeFolders(L"E:\\Sub");
+    for (const CPair& pair : kPairs)
+    {
+        WriteBytes(kSourceE + pair.sName1, pair.sBytes1);
+        WriteBytes(kSourceE + pair.sName2, pair.sBytes2);
+        WriteBytes(L"E:" + pair.sName1, "the earlier restore's bytes");
+        ASSERT_TRUE(::CreateHardLinkW((L"E:" + pair.sName2).c_str(), (L"E:" + pair.sName1).c_str(), nullptr));
+    }
+    ::SetFileAttributesW(L"E:\\a1.txt", FILE_ATTRIBUTE_READONLY);
+    WriteTraceIni({{L"KEFL_RestoreThreads", L"8"}});
+    BackupStreamFaults().bHalfOfOneLargeWrite = true;
+    morvane::Filespace fs{};
+    fs.wcFsDriveLetter = L'E';
+    ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
+    for (const CPair& pair : kPairs)
+        for (const auto& [sName, sBytes] : {std::pair(pair.sName1, &pair.sBytes1), {pair.sName2, &pair.sBytes2}})
+        {
+            EXPECT_TRUE(ReadBytes(L"E:" + sName) == *sBytes) << testing::PrintToString(sName);
+            EXPECT_EQ(1u, FileIdentity(L"E:" + sName).dwLinks) << testing::PrintToString(sName);
+        }
+    EXPECT_EQ(5u, ReadMetadata(L"E:").size()) << "no name of the old files is left beside them";
+    EXPECT_EQ(1, winecompat::VolumeFlushes()) << "the volume once, not each file";
+}
+
+TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUnmade)
+{
+    // Whichever of the two the walk hands over first, the other is neither copied nor failed: a
+    // link made now would put a stale file, or a copy from another run, under the link's name.
+    WriteBytes(kSourceE + L"\\link.txt", "the link's copy");
+    WriteBytes(kSourceE + L"\\target.txt", "the target's copy");
+    WriteBytes(L"E:\\target.txt", "stale");
+    WriteTextFile(std::wstring(kBackup) + L"\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
+    ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
+    WriteTraceIni({{L"KEFL_RestoreThreads", L"1"}});
+    m_pClient->SetProgMsgCallbackFn(
+        +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
+        {
+            if (pMsg->ullDone == 1)
+                throw std::runtime_error("the host's callback gives up");
+            return 0;
+        },
+        0);
+    morvane::Filespace fs{};
+    fs.wcFsDriveLetter = L'E';
+    EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
+    const std::string sLinkBefore = ReadBytes(L"E:\\link.txt");
+    m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
+    EXPECT_TRUE(m_pClient->RestoreLinks());
+    EXPECT_EQ(sLinkBefore, ReadBytes(L"E:\\link.txt"));
+    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CreateHardLinkW : ... ending(Target was not restored)"));
 }
 
 // The restore on a thread of the host with a 64 KiB stack. Wine gives every thread at least 1 MiB,
