@@ -24,7 +24,9 @@ std::wstring Long(const std::wstring& sPath)
 
 // Calls fn(relative path, find data) for every entry below sRoot, a folder before its content.
 // Folders waiting to be listed are kept in a list rather than on the stack: a backup can be as
-// deep as paths go. A folder that cannot be listed goes into pErrors, when given.
+// deep as paths go. A folder that cannot be listed goes into pErrors, when given. Junctions and
+// symbolic links are left out as the restore leaves them out, for the link pass to make again:
+// neither followed (a link may lead back up the tree) nor compared as files.
 template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector<CDifference>* pErrors)
 {
     std::vector<std::wstring> vPending{std::wstring()};
@@ -44,7 +46,8 @@ template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector
         do
         {
             const std::wstring sName = fd.cFileName;
-            if (sName == L"." || sName == L"..")
+            if (sName == L"." || sName == L".." ||
+                ((fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && IsReparseTagNameSurrogate(fd.dwReserved0)))
                 continue;
             std::wstring sPath = sRelative;
             sPath += L'\\';

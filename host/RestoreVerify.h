@@ -1,6 +1,7 @@
 #pragma once
 // Proof that a filespace came back: every file of the backup compared with its restored copy,
-// size and bytes, and every folder found, leaving out what the restore leaves out by rule.
+// size and bytes, and every folder found, leaving out what the restore leaves out by rule and the
+// junctions and symbolic links that the link pass makes.
 #include <cstdint>
 #include <functional>
 #include <string>
