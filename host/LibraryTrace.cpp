@@ -5,7 +5,10 @@
 #include "platform/UniqueHandle.h"
 #include "platform/Utf8.h"
 
+#include <algorithm>
+#include <cwchar>
 #include <map>
+#include <utility>
 
 namespace keflhost
 {
@@ -28,12 +31,15 @@ bool HasValue(std::wstring_view sText, std::wstring_view sName)
     return sText.substr(0, sName.size()) == sName && sText.substr(sName.size(), 3) == L" = ";
 }
 
-// What one thread's lines have said since its last file, folder or link began.
+// What one thread's lines have said since its last file, folder or link began, or, at the trace
+// levels without information lines, since the last failure or note it closed.
 struct CThreadState
 {
     std::wstring sPath; // the path of the last error line that named one
     DWORD dwError = 0;
     std::wstring sReason; // the last "ending(...)" reason or failure message
+    // The last line was one that a link routine's own Windows error follows.
+    bool bLinkErrorNext = false;
     void Clear() { *this = CThreadState(); }
 };
 
@@ -55,6 +61,24 @@ const CFailureLine kFailureLines[] = {
     {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateSymbolicLink failed", FailureKind::SymbolicLink},
     {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed", FailureKind::HardLink},
 };
+
+// The last lines of a note on a file or folder that was restored all the same (its data is there,
+// its times or attributes are not). Without information lines between entries, its path, error
+// and reason would otherwise pass to the next entry that fails.
+const wchar_t* const kNoteEnds[] = {L"Failed to set times", L"Failed to set attributes"};
+
+// The link routines trace their own Windows error right after the target of the call that failed
+// or right after their reason. Every other error they trace is a note on a link that they go on to
+// make (its attributes, its folder's times, the copy it replaces), which must not pass to the next
+// link that fails.
+bool IsLinkRoutine(std::wstring_view sFunction)
+{
+    for (const wchar_t* pwszRoutine :
+         {L"KEFLImpl::CreateJunction", L"KEFLImpl::CreateSymbolicLink", L"KEFLImpl::CreateHardLink"})
+        if (sFunction.substr(0, std::wcslen(pwszRoutine)) == pwszRoutine)
+            return true;
+    return false;
+}
 
 // Reads the trace a line at a time: a restore's trace can be hundreds of MiB, and only its error
 // lines and a few information lines matter here, so the rest are passed over before any
@@ -148,15 +172,22 @@ void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
     if (posColon == std::wstring_view::npos)
         return;
     const std::wstring_view sRest = sText.substr(posColon + 3);
+    if (std::find(std::begin(kNoteEnds), std::end(kNoteEnds), sRest) != std::end(kNoteEnds))
+    {
+        state.Clear();
+        return;
+    }
     for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
         if (HasValue(sRest, pwszName) &&
             (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
             state.sPath = ValueOf(sRest, pwszName);
-    if (HasValue(sRest, L"dwLastError"))
+    const bool bLinkErrorNext = std::exchange(state.bLinkErrorNext, false);
+    if (HasValue(sRest, L"dwLastError") && (bLinkErrorNext || !IsLinkRoutine(sText.substr(0, posColon))))
         state.dwError = static_cast<DWORD>(
             std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
     const size_t posEnding = sRest.find(L"ending(");
     const bool bGivesUp = posEnding != std::wstring_view::npos && sRest.back() == L')';
+    state.bLinkErrorNext = bGivesUp || HasValue(sRest, L"sJumboTarget");
     if (bGivesUp && m_findings.vGaveUp.size() < kGaveUpKept)
     {
         const std::wstring sError = ErrorText(state.dwError);

@@ -67,3 +67,76 @@ TEST(LibraryTraceTest, NamesEachFailureWithItsOwnPathErrorAndReason)
         EXPECT_EQ(kExpected[i].pwszReason, failure.sReason);
     }
 }
+
+TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSeparateEntries)
+{
+    // At trace levels 1 and 2 no information line says where an entry
+    // begins; one thread's error lines run on from entry to entry. "E text" is an error line.
+    using CFailures = std::vector<keflhost::CFailure>;
+    const struct
+    {
+        const char* pszCase;
+        const char* pszLines;
+        CFailures vExpected;
+    } kCases[] = {
+        {"a note on a restored file or folder passes nothing on",
+         "E KEFLImpl::CopyFileWithProgress : sDst = \"\\\\?\\E:\\a.txt\"\n"
+         "E KEFLImpl::CopyFileWithProgress : dwLastError = 5\n"
+         "E KEFLImpl::CopyFileWithProgress : Failed to set times\n"
+         "E KEFLImpl::CopyFileWithProgress : .. ending(Memory allocation error)\n"
+         "E KEFLImpl::RestoreFilespace : sDst = \"E:\\b.txt\"\n"
+         "E KEFLImpl::RestoreFilespace : Failed to copy file\n"
+         "E KEFLImpl::RestoreFilespace : sDst = \"\\\\?\\E:\\d\"\n"
+         "E KEFLImpl::RestoreFilespace : dwLastError = 87\n"
+         "E KEFLImpl::RestoreFilespace : Failed to set attributes\n"
+         "E KEFLImpl::RestoreFilespace : sDst = \"E:\\e\"\n"
+         "E KEFLImpl::RestoreFilespace : Failed to create folder\n",
+         {{FailureKind::File, L"E:\\b.txt", 0, L"Memory allocation error"}, {FailureKind::Folder, L"E:\\e", 0, L""}}},
+        {"a failed file passes nothing to the next",
+         "E KEFLImpl::CopyFileWithProgress : dwLastError = 32\n"
+         "E KEFLImpl::CopyFileWithProgress : .. ending(Failed to open destination file for writing)\n"
+         "E KEFLImpl::RestoreFilespace : sDst = \"E:\\a.txt\"\n"
+         "E KEFLImpl::RestoreFilespace : Failed to copy file\n"
+         "E KEFLImpl::CopyFileWithProgress : ... ending(Bytes Read != Bytes Written)\n"
+         "E KEFLImpl::RestoreFilespace : sDst = \"E:\\b.txt\"\n"
+         "E KEFLImpl::RestoreFilespace : Failed to copy file\n",
+         {{FailureKind::File, L"E:\\a.txt", 32, L"Failed to open destination file for writing"},
+          {FailureKind::File, L"E:\\b.txt", 0, L"Bytes Read != Bytes Written"}}},
+        {"notes on links that were made pass nothing on; a link keeps its own error",
+         "E KEFLImpl::CreateJunction : sJumboLink = \"\\\\?\\F:\\j\"\n"
+         "E KEFLImpl::CreateJunction : dwAttr = 0x10\n"
+         "E KEFLImpl::CreateJunction : dwLastError = 5\n"
+         "E KEFLImpl::CreateJunction : ... ending(CreateFile failed)\n"
+         "E KEFLImpl::CreateJunction : dwLastError = 1314\n"
+         "E KEFLImpl::CreateJunction : sFolder = \"\\\\?\\F:\"\n"
+         "E KEFLImpl::CreateJunction : dwLastError = 87\n"
+         "E KEFLImpl::RestoreLinks : sLink = \"F:\\k\"\n"
+         "E KEFLImpl::RestoreLinks : KEFLImpl::CreateJunction failed\n"
+         "E KEFLImpl::CreateHardLinkW : dwLastError = 87\n"
+         "E KEFLImpl::CreateHardLinkW : ... ending(Target is a directory)\n"
+         "E KEFLImpl::RestoreLinks : sLink = \"F:\\h.bin\"\n"
+         "E KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed\n"
+         "E KEFLImpl::CreateSymbolicLink : sJumboLink = \"\\\\?\\F:\\s\"\n"
+         "E KEFLImpl::CreateSymbolicLink : sJumboTarget = \"\\\\?\\F:\\t\"\n"
+         "E KEFLImpl::CreateSymbolicLink : dwLastError = 1314\n"
+         "E KEFLImpl::CreateSymbolicLink : sFolder = \"\\\\?\\F:\"\n"
+         "E KEFLImpl::CreateSymbolicLink : dwLastError = 87\n"
+         "E KEFLImpl::RestoreLinks : sLink = \"F:\\s\"\n"
+         "E KEFLImpl::RestoreLinks : KEFLImpl::CreateSymbolicLink failed\n",
+         {{FailureKind::Junction, L"F:\\k", 1314, L"CreateFile failed"},
+          {FailureKind::HardLink, L"F:\\h.bin", 0, L"Target is a directory"},
+          {FailureKind::SymbolicLink, L"F:\\s", 1314, L""}}},
+    };
+    for (const auto& [pszCase, pszLines, vExpected] : kCases)
+    {
+        SCOPED_TRACE(pszCase);
+        std::string sTrace; // "E text" becomes "[time]:0a3c:[E]: text"
+        for (std::string_view sLines = pszLines; !sLines.empty(); sLines.remove_prefix(sLines.find('\n') + 1))
+            sTrace += "[2026-11-23 16:50:49.023]:0a3c:[" + std::string(1, sLines[0]) + "]: " +
+                      std::string(sLines.substr(2, sLines.find('\n') - 1));
+        const keflhost::CTraceFindings findings = keflhost::ParseTrace(sTrace);
+        ASSERT_EQ(vExpected.size(), findings.vFailures.size());
+        for (size_t i = 0; i < vExpected.size(); ++i)
+            EXPECT_EQ(keflhost::DescribeFailure(vExpected[i]), keflhost::DescribeFailure(findings.vFailures[i]));
+    }
+}
