@@ -2,6 +2,7 @@
 
 #include "platform/ModulePath.h"
 #include "platform/ProfileString.h"
+#include "platform/TraceSizeLimit.h"
 #include "platform/UniqueHandle.h"
 #include "platform/Utf8.h"
 
@@ -80,6 +81,14 @@ bool IsLinkRoutine(std::wstring_view sFunction)
     return false;
 }
 
+// "CTrace::WriteLine : Trace file reached its size limit of ", as the trace's bytes.
+const std::string& SizeLimitPrefix()
+{
+    static const std::string sPrefix = morvane::ToUtf8(std::wstring(morvane::kTraceLimitFunction) + L" : " +
+                                                       morvane::kTraceLimitReached);
+    return sPrefix;
+}
+
 // Reads the trace a line at a time: a restore's trace can be hundreds of MiB, and only its error
 // lines and a few information lines matter here, so the rest are passed over before any
 // conversion.
@@ -88,6 +97,9 @@ class CTraceParser
 public:
     // The trace as it is read, in pieces of any size.
     void Feed(std::string_view sChunk);
+    // The end of one file: a line cut there is not continued by the next file.
+    void EndOfFile();
+    void EarlierLinesLost() { m_findings.bEarlierLinesLost = true; }
     CTraceFindings Finish();
 
 private:
@@ -116,10 +128,15 @@ void CTraceParser::Feed(std::string_view sChunk)
     m_sPartial.append(sChunk);
 }
 
-CTraceFindings CTraceParser::Finish()
+void CTraceParser::EndOfFile()
 {
     Line(m_sPartial);
     m_sPartial.clear();
+}
+
+CTraceFindings CTraceParser::Finish()
+{
+    EndOfFile();
     return std::move(m_findings);
 }
 
@@ -136,6 +153,12 @@ void CTraceParser::Line(std::string_view sLine)
         return;
     const char chLevel = sLine[posMarker + 2];
     const std::string_view sText = sLine.substr(posMarker + 6);
+    if (chLevel == 'W')
+    {
+        if (sText.substr(0, SizeLimitPrefix().size()) == SizeLimitPrefix())
+            m_findings.sSizeLimit = morvane::FromUtf8(sText.substr(sText.find(" : ") + 3));
+        return;
+    }
     const bool bNamesEntry = sText.find(" : sDst = ") != std::string_view::npos ||
                              sText.find(" : sLink = ") != std::string_view::npos;
     if (chLevel != 'E' &&
@@ -250,31 +273,89 @@ morvane::CUniqueFile OpenShared(const std::wstring& sPath)
                                               OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
 }
 
-} // namespace
-
-uint64_t CLibraryTrace::Size() const
+// From the file itself: a folder entry's size can lag behind a file that another handle is
+// appending to.
+uint64_t SizeOf(HANDLE hFile)
 {
-    // From the file itself: a folder entry's size can lag behind a file that another handle is
-    // appending to.
-    morvane::CUniqueFile hFile = OpenShared(m_sPath);
     LARGE_INTEGER liSize = {};
-    return hFile && ::GetFileSizeEx(hFile.get(), &liSize) ? static_cast<uint64_t>(liSize.QuadPart) : 0;
+    return ::GetFileSizeEx(hFile, &liSize) ? static_cast<uint64_t>(liSize.QuadPart) : 0;
 }
 
-CTraceFindings CLibraryTrace::ReadFrom(uint64_t ullOffset) const
+bool Seek(HANDLE hFile, uint64_t ullOffset)
 {
-    morvane::CUniqueFile hFile = OpenShared(m_sPath);
-    if (!hFile)
-        return {};
     LARGE_INTEGER liOffset;
     liOffset.QuadPart = static_cast<LONGLONG>(ullOffset);
-    if (!::SetFilePointerEx(hFile.get(), liOffset, nullptr, FILE_BEGIN))
+    return ::SetFilePointerEx(hFile, liOffset, nullptr, FILE_BEGIN) != FALSE;
+}
+
+// The file's first bytes (its first line and more): its timestamps and threads tell one generation
+// of the trace from the next.
+constexpr DWORD kHeadBytes = 256;
+std::string Head(HANDLE hFile, DWORD cb = kHeadBytes)
+{
+    std::string sHead(cb, '\0');
+    DWORD cbRead = 0;
+    if (!Seek(hFile, 0) || !::ReadFile(hFile, sHead.data(), cb, &cbRead, nullptr))
         return {};
-    CTraceParser parser;
+    sHead.resize(cbRead);
+    return sHead;
+}
+
+void FeedFrom(HANDLE hFile, uint64_t ullOffset, CTraceParser& parser)
+{
+    if (!Seek(hFile, ullOffset))
+        return;
     char buf[65536];
-    for (DWORD cbRead = 0; ::ReadFile(hFile.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
+    for (DWORD cbRead = 0; ::ReadFile(hFile, buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
         parser.Feed(std::string_view(buf, cbRead));
+    parser.EndOfFile();
+}
+
+} // namespace
+
+CTraceMark CLibraryTrace::Mark() const
+{
+    CTraceMark mark;
+    const morvane::CUniqueFile hFile = OpenShared(m_sPath);
+    if (!hFile)
+        return mark;
+    mark.ullOffset = SizeOf(hFile.get());
+    mark.sHead = Head(hFile.get());
+    return mark;
+}
+
+CTraceFindings CLibraryTrace::ReadFrom(const CTraceMark& mark) const
+{
+    CTraceParser parser;
+    const morvane::CUniqueFile hFile = OpenShared(m_sPath);
+    // Another load of the library copies the file to the previous generation and deletes it; the
+    // next line starts a new one, shorter or beginning otherwise.
+    const bool bStartedAnew = mark.ullOffset > 0 && (!hFile || SizeOf(hFile.get()) < mark.ullOffset ||
+                                                     Head(hFile.get(), static_cast<DWORD>(mark.sHead.size())) != mark.sHead);
+    if (bStartedAnew)
+    {
+        const size_t posDot = m_sPath.rfind(L'.');
+        const morvane::CUniqueFile hOld = OpenShared(m_sPath.substr(0, posDot) + L".old");
+        // Only the generation that was marked: after two loads it has gone.
+        if (hOld && Head(hOld.get(), static_cast<DWORD>(mark.sHead.size())) == mark.sHead)
+            FeedFrom(hOld.get(), mark.ullOffset, parser);
+        else
+            parser.EarlierLinesLost();
+    }
+    if (hFile)
+        FeedFrom(hFile.get(), bStartedAnew ? 0 : mark.ullOffset, parser);
     return parser.Finish();
+}
+
+std::wstring WhyIncomplete(const CTraceFindings& findings, const std::wstring& sSizeLimit)
+{
+    const std::wstring& sLimit = findings.sSizeLimit.empty() ? sSizeLimit : findings.sSizeLimit;
+    if (!sLimit.empty())
+        return L"the library's trace says \"" + sLimit + L"\": failures past that may be missing";
+    if (findings.bEarlierLinesLost)
+        return L"the library's trace was started anew by another load of KEFL.dll and its earlier lines "
+               L"were not found: failures may be missing";
+    return L"";
 }
 
 std::wstring KindName(FailureKind kind)

@@ -2,7 +2,8 @@
 // What the library's own trace says about this run: the files, folders and links it could not
 // restore, each with the path its error lines name and the Windows error they carry, and the
 // counts of its walk. The host reads the trace from where the library writes it (the host's
-// folder's Logfiles, or where qtx.ini moves it), from the size it had when a step began.
+// folder's Logfiles, or where qtx.ini moves it), from the size it had when a step began; and it
+// says when what it read may not name every failure.
 #include <windows.h>
 
 #include <cstdint>
@@ -41,20 +42,42 @@ struct CTraceFindings
     // Why functions gave up, as their failed-exit lines say, with the error traced before: the
     // first 100, for a step that failed as a whole (a session that could not start).
     std::vector<std::wstring> vGaveUp;
+    // The trace's warning that it reached its size limit ("Trace file reached its size limit of
+    // 256 MiB: ..."), when it did: past it only errors and warnings are written, and past twice
+    // the limit nothing, so failures may be missing.
+    std::wstring sSizeLimit;
+    // The trace was started anew since the step began (each load of the library moves the file
+    // to KEFL_trace.old) and the lines before that were not found: failures may be missing.
+    bool bEarlierLinesLost = false;
 };
+
+// Why the failures read may not be all of them, for the screen and the report; empty when
+// nothing says so. sSizeLimit is the size-limit warning seen in this step or an earlier one.
+std::wstring WhyIncomplete(const CTraceFindings& findings, const std::wstring& sSizeLimit);
 
 // Reads lines of the library's trace, in the order they were written, in pieces of cbPiece bytes
 // as a file is read.
 CTraceFindings ParseTrace(std::string_view sUtf8, size_t cbPiece = 65536);
 
+// Where a step's lines begin: the trace's size then, and its first bytes, which tell the same
+// file from one that another load of the library started anew.
+struct CTraceMark
+{
+    uint64_t ullOffset = 0;
+    std::string sHead;
+};
+
 class CLibraryTrace
 {
 public:
     CLibraryTrace();
+    // The trace at sPath (its previous generation beside it, ".old" for its extension).
+    explicit CLibraryTrace(std::wstring sPath) : m_sPath(std::move(sPath)) {}
     const std::wstring& Path() const { return m_sPath; }
-    // The trace's size now: where the next step's lines begin.
-    uint64_t Size() const;
-    CTraceFindings ReadFrom(uint64_t ullOffset) const;
+    CTraceMark Mark() const;
+    // The lines written since the mark: when the file was started anew since, the rest of the
+    // previous generation first, then the new file from its start.
+    CTraceFindings ReadFrom(const CTraceMark& mark) const;
 
 private:
     std::wstring m_sPath;

@@ -128,18 +128,76 @@ std::wstring RestoredFolder(const morvane::Filespace& fs)
 
 // A session that could not start or list: the library's message, and what its trace says of why.
 int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, const std::wstring& sWhy,
-               const CLibraryTrace& trace, uint64_t ullTraceOffset)
+               const CLibraryTrace& trace, const CTraceMark& sessionMark)
 {
     const std::wstring sError = LastError(client);
     client.Fini();
     output.Reclaim();
     record.sNotStarted = sWhy + (sError.empty() ? L"" : L": " + sError);
     PrintLine(L"keflhost: " + record.sNotStarted);
-    record.vNotStartedTrace = trace.ReadFrom(ullTraceOffset).vGaveUp;
+    record.vNotStartedTrace = trace.ReadFrom(sessionMark).vGaveUp;
     PrintSome(
         L"  the library's trace (" + trace.Path() + L") says:", record.vNotStartedTrace,
         [](const std::wstring& sLine) { return sLine; }, false);
     return record.iExitStatus = kExitNotStarted;
+}
+
+// One filespace restored, and what the trace says failed in it. sSizeLimit keeps the trace's
+// size-limit warning once seen: the steps after it are past the limit too.
+CFilespaceRecord RestoreOne(morvane::VESK& client, morvane::Filespace& fs, const CLibraryTrace& trace,
+                            CProgressDisplay& display, std::wstring& sSizeLimit, bool bReport)
+{
+    const CTraceMark mark = trace.Mark();
+    const bool bRestored = client.RestoreFilespace(fs);
+    const CProgressDisplay::CTaskTotals totals = display.Finish();
+    const CTraceFindings findings = trace.ReadFrom(mark);
+    CFilespaceRecord entry;
+    entry.sName = Name(fs);
+    entry.sPath = fs.sFsPath;
+    entry.sResult = bRestored ? L"restored" : L"failed";
+    entry.ullFiles = findings.ullFiles;
+    entry.ullFolders = findings.ullFolders;
+    entry.ullBytes = totals.ullBytes;
+    entry.dSeconds = totals.dSeconds;
+    entry.vFailures = findings.vFailures;
+    if (!bRestored)
+    {
+        entry.sFailuresIncomplete = WhyIncomplete(findings, sSizeLimit);
+        PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + LastError(client));
+        if (entry.vFailures.empty() && entry.sFailuresIncomplete.empty())
+            PrintLine(L"  the library's trace (" + trace.Path() +
+                      L") names no file that failed: is its trace level 0?");
+    }
+    PrintFailures(L"  not restored in " + entry.sName + L":", entry.vFailures, bReport);
+    if (!entry.sFailuresIncomplete.empty())
+        PrintLine(L"  " + entry.sFailuresIncomplete);
+    if (!findings.sSizeLimit.empty())
+        sSizeLimit = findings.sSizeLimit;
+    return entry;
+}
+
+// The links go last: their targets are among the restored files.
+void MakeLinks(morvane::VESK& client, const CLibraryTrace& trace, CProgressDisplay& display,
+                  const CRestoreRequest& request, CRunRecord& record, const std::wstring& sSizeLimit)
+{
+    const CTraceMark mark = trace.Mark();
+    client.RestoreLinks();
+    record.bLinksRestored = true;
+    record.bLinksRecordedOnly = request.bLinksRecordedOnly;
+    const CTraceFindings findings = trace.ReadFrom(mark);
+    record.vLinkFailures = findings.vFailures;
+    CLinkPasses& passes = display.LinkPasses();
+    for (const CFailure& failure : record.vLinkFailures)
+    {
+        const size_t iPass = failure.kind == FailureKind::Junction       ? 0
+                             : failure.kind == FailureKind::SymbolicLink ? 1
+                                                                         : 2;
+        ++passes[iPass].ullFailed;
+    }
+    record.links = passes;
+    record.bLinksFailed = display.LinksFailed() || !record.vLinkFailures.empty();
+    if (record.bLinksFailed)
+        record.sLinkFailuresIncomplete = WhyIncomplete(findings, sSizeLimit);
 }
 
 // The end of the run: what was restored, made and verified, and the exit status that says so.
@@ -168,9 +226,14 @@ int Summarise(CRunRecord& record, const CRestoreRequest& request)
                       (fs.sResult == L"failed" ? L"" : L" (" + fs.sResult + L")"));
     PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures,
                   bReport);
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+        if (!fs.sFailuresIncomplete.empty())
+            PrintLine(L"  " + fs.sName + L": " + fs.sFailuresIncomplete);
     PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
     PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):",
                   record.vLinkFailures, bReport);
+    if (!record.sLinkFailuresIncomplete.empty())
+        PrintLine(L"  " + record.sLinkFailuresIncomplete);
     if (record.bLinksFailed && record.vLinkFailures.empty())
         PrintLine(L"  not every link was made");
     if (request.bLinksRecordedOnly)
@@ -194,6 +257,23 @@ int Summarise(CRunRecord& record, const CRestoreRequest& request)
     if (!vDifferences.empty())
         iStatus |= kExitDifferences;
     return record.iExitStatus = iStatus;
+}
+
+// Each restored filespace compared with the backup; vRestored are the first of the record's.
+void Verify(const std::vector<morvane::Filespace>& vRestored, CProgressDisplay& display, CRunRecord& record,
+            bool bReport)
+{
+    for (size_t i = 0; i < vRestored.size(); ++i)
+    {
+        CFilespaceRecord& entry = record.vFilespaces[i];
+        display.Begin(L"Verifying " + entry.sName + L" against the backup");
+        entry.verification = VerifyFilespace(
+            BackupFolder(record.sLocation, vRestored[i]), RestoredFolder(vRestored[i]),
+            [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
+        display.Finish();
+        entry.bVerified = true;
+        PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences, bReport);
+    }
 }
 
 } // namespace
@@ -220,17 +300,16 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
                CProgressDisplay& display, CHostOutput& output, CRunRecord& record)
 {
     const CLibraryTrace trace;
-    const uint64_t ullSessionOffset = trace.Size();
+    const CTraceMark sessionMark = trace.Mark();
     const bool bInitialised = client.Init(&credentials);
     // Init leaves the process in a hidden console of the library's: our output goes back to the user's.
     output.Reclaim();
     if (!bInitialised)
-        return EndSession(client, output, record, L"the restore session could not start", trace,
-                          ullSessionOffset);
+        return EndSession(client, output, record, L"the restore session could not start", trace, sessionMark);
     std::vector<morvane::Filespace> vFilespaces;
     if (!client.GetFilespaceList(vFilespaces))
         return EndSession(client, output, record, L"the backup's filespaces could not be listed", trace,
-                          ullSessionOffset);
+                          sessionMark);
     PrintList(vFilespaces);
     if (request.bListOnly)
     {
@@ -240,33 +319,13 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
     }
 
     const bool bReport = !request.sReportFile.empty();
+    std::wstring sSizeLimit;
     std::vector<morvane::Filespace> vRestored;
     for (morvane::Filespace& fs : vFilespaces)
     {
         if (!IsSelected(fs, request))
             continue;
-        const uint64_t ullTraceOffset = trace.Size();
-        const bool bRestored = client.RestoreFilespace(fs);
-        const CProgressDisplay::CTaskTotals totals = display.Finish();
-        const CTraceFindings findings = trace.ReadFrom(ullTraceOffset);
-        CFilespaceRecord entry;
-        entry.sName = Name(fs);
-        entry.sPath = fs.sFsPath;
-        entry.sResult = bRestored ? L"restored" : L"failed";
-        entry.ullFiles = findings.ullFiles;
-        entry.ullFolders = findings.ullFolders;
-        entry.ullBytes = totals.ullBytes;
-        entry.dSeconds = totals.dSeconds;
-        entry.vFailures = findings.vFailures;
-        if (!bRestored)
-        {
-            PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + LastError(client));
-            if (entry.vFailures.empty())
-                PrintLine(L"  the library's trace (" + trace.Path() +
-                          L") names no file that failed: is its trace level 0?");
-        }
-        PrintFailures(L"  not restored in " + entry.sName + L":", entry.vFailures, bReport);
-        record.vFilespaces.push_back(std::move(entry));
+        record.vFilespaces.push_back(RestoreOne(client, fs, trace, display, sSizeLimit, bReport));
         vRestored.push_back(fs);
     }
     for (const std::wstring& sWanted : request.vSelected)
@@ -284,40 +343,12 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
         }
     }
 
-    // The links go last: their targets are among the restored files.
-    const uint64_t ullLinksOffset = trace.Size();
-    client.RestoreLinks();
-    record.bLinksRestored = true;
-    record.bLinksRecordedOnly = request.bLinksRecordedOnly;
-    record.vLinkFailures = trace.ReadFrom(ullLinksOffset).vFailures;
-    CLinkPasses& passes = display.LinkPasses();
-    for (const CFailure& failure : record.vLinkFailures)
-    {
-        const size_t iPass = failure.kind == FailureKind::Junction       ? 0
-                             : failure.kind == FailureKind::SymbolicLink ? 1
-                                                                         : 2;
-        ++passes[iPass].ullFailed;
-    }
-    record.links = passes;
-    record.bLinksFailed = display.LinksFailed() || !record.vLinkFailures.empty();
+    MakeLinks(client, trace, display, request, record, sSizeLimit);
     client.Fini();
     output.Reclaim();
 
     if (request.bVerify)
-    {
-        for (size_t i = 0; i < vRestored.size(); ++i)
-        {
-            CFilespaceRecord& entry = record.vFilespaces[i];
-            display.Begin(L"Verifying " + entry.sName + L" against the backup");
-            entry.verification = VerifyFilespace(
-                BackupFolder(record.sLocation, vRestored[i]), RestoredFolder(vRestored[i]),
-                [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
-            display.Finish();
-            entry.bVerified = true;
-            PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences,
-                             bReport);
-        }
-    }
+        Verify(vRestored, display, record, bReport);
     return Summarise(record, request);
 }
 

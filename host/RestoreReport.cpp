@@ -25,6 +25,12 @@ nlohmann::ordered_json Failures(const std::vector<CFailure>& vFailures)
     return failures;
 }
 
+// Why a list of failures may not be all of them, or null when it is.
+nlohmann::ordered_json MayBeMissing(const std::wstring& sWhy)
+{
+    return sWhy.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(ToUtf8(sWhy));
+}
+
 nlohmann::ordered_json ExitBits(int iStatus)
 {
     nlohmann::ordered_json bits = nlohmann::ordered_json::array();
@@ -65,7 +71,8 @@ std::string ReportJson(const CRunRecord& record)
         nlohmann::ordered_json entry = {{"name", ToUtf8(fs.sName)},     {"path", ToUtf8(fs.sPath)},
                                         {"result", ToUtf8(fs.sResult)}, {"files", fs.ullFiles},
                                         {"folders", fs.ullFolders},     {"bytes", fs.ullBytes},
-                                        {"seconds", fs.dSeconds},       {"failures", Failures(fs.vFailures)}};
+                                        {"seconds", fs.dSeconds},       {"failures", Failures(fs.vFailures)},
+                                        {"failuresMayBeMissing", MayBeMissing(fs.sFailuresIncomplete)}};
         if (fs.bVerified)
         {
             nlohmann::ordered_json differences = nlohmann::ordered_json::array();
@@ -93,6 +100,7 @@ std::string ReportJson(const CRunRecord& record)
         }
         links["recordedOnlyUnderWine"] = record.bLinksRecordedOnly;
         links["failures"] = Failures(record.vLinkFailures);
+        links["failuresMayBeMissing"] = MayBeMissing(record.sLinkFailuresIncomplete);
         report["links"] = links;
     }
     report["exitStatus"] = record.iExitStatus;

@@ -28,6 +28,7 @@ struct CFilespaceRecord
     uint64_t ullBytes = 0;
     double dSeconds = 0;
     std::vector<CFailure> vFailures;
+    std::wstring sFailuresIncomplete; // why vFailures may not name every failure; empty: it does
     bool bVerified = false;
     CVerification verification;
 };
@@ -43,6 +44,7 @@ struct CRunRecord
     bool bLinksRecordedOnly = false; // under Wine: junctions and symbolic links recorded, not made
     CLinkPasses links;
     std::vector<CFailure> vLinkFailures;
+    std::wstring sLinkFailuresIncomplete;
     bool bLinksFailed = false;
     std::wstring sNotStarted;                   // why nothing could start, when nothing did
     std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it

@@ -1,6 +1,8 @@
 // Our command-line host, run as a user runs it: its output, report and exit status.
 #include "dll/KeflFixture.h"
+#include "host/LibraryTrace.h"
 #include "host/RestoreVerify.h"
+#include "platform/Utf8.h"
 #include "support/IatPatch.h"
 
 #include <nlohmann/json.hpp>
@@ -152,6 +154,83 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
         RemoveTree(pwszPath);
     RemoveFile(L"R:\\HostSample.ini");
     RemoveFile(L"R:\\HostSample-report.json");
+}
+
+TEST_F(KeflFixture, HostSaysThatFailuresPastTheTraceSizeLimitMayBeMissing)
+{
+    // At level 4 each file of a deep folder writes its long path and a few lines more, about
+    // 2 KB: 700 files pass a limit of 1 MiB by a third. The folder that cannot be made fails either way.
+    kefltest::WriteTraceIni({{L"KEFL_TraceLevel", L"4"}, {L"KEFL_TraceMaxMB", L"1"}});
+    std::wstring sDeep = L"\\CappedDeep\\";
+    for (wchar_t wc : {L'a', L'b', L'c', L'd', L'e'})
+        sDeep += std::wstring(240, wc) + L"\\";
+    for (const wchar_t* pwszDir : {L"\\F\\ZOVACFG", L"\\F\\CappedBlocked\\inner", L"\\#"})
+        MakeFolders(L"R:\\HostCapped" + std::wstring(pwszDir));
+    MakeFolders(L"R:\\HostCapped\\F" + sDeep);
+    for (int i = 0; i < 700; ++i)
+        WriteBytes(L"R:\\HostCapped\\F" + sDeep + std::to_wstring(i) + std::wstring(200, L'g'), "x");
+    WriteBytes(L"R:\\HostCapped\\F\\CappedBlocked\\inner\\x.txt", "x");
+    WriteTextFile(L"R:\\HostCapped\\#\\disrec.ini",
+                  "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
+    WriteTextFile(L"R:\\HostCapped\\#\\HPoint.dat", "");
+    WriteBytes(L"F:\\CappedBlocked", "a file, not a folder");
+
+    const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\HostCapped --report R:\\HostCapped.json");
+    EXPECT_EQ(2u, dwExitCode) << sOutput;
+    for (const char* pszExpected : {"    folder F:\\CappedBlocked\\inner: error 3: ",
+                                    "  the library's trace says \"Trace file reached its size limit of 1 MiB: "
+                                    "information and verbose lines are no longer written\": failures past "
+                                    "that may be missing"})
+        EXPECT_NE(std::string::npos, sOutput.find(pszExpected)) << pszExpected << " in:\n" << sOutput;
+    const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostCapped.json"), nullptr, false);
+    ASSERT_FALSE(report.is_discarded());
+    EXPECT_NE(std::string::npos,
+              report["filespaces"][0].value("failuresMayBeMissing", "").find("size limit of 1 MiB"));
+    for (const wchar_t* pwszPath : {L"R:\\HostCapped", L"R:\\HostCapped.json", L"F:\\CappedDeep",
+                                    L"F:\\CappedBlocked", L"F:\\ZOVACFG"})
+        RemoveTree(pwszPath);
+}
+
+TEST_F(KeflFixture, HostFindsItsTraceAgainAfterAnotherLoadOfTheLibraryStartedItAnew)
+{
+    const auto Append = [](const std::wstring& sPath)
+    {
+        const std::string sLines = "[2026-11-23 16:50:49.027]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = \"" +
+                                   morvane::ToUtf8(sPath) +
+                                   "\"\n[2026-11-23 16:50:49.027]:0a3c:[E]: KEFLImpl::RestoreFilespace : "
+                                   "Failed to copy file\n";
+        morvane::CUniqueFile hFile(::CreateFileW(KeflLogPath().c_str(), FILE_APPEND_DATA,
+                                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                 OPEN_ALWAYS, 0, nullptr));
+        DWORD cbWritten = 0;
+        ASSERT_TRUE(::WriteFile(hFile.get(), sLines.data(), static_cast<DWORD>(sLines.size()), &cbWritten, nullptr));
+    };
+    const auto Paths = [](const keflhost::CTraceFindings& findings)
+    {
+        std::vector<std::wstring> vPaths;
+        for (const keflhost::CFailure& failure : findings.vFailures)
+            vPaths.push_back(failure.sPath);
+        return vPaths;
+    };
+    Load();
+    const keflhost::CLibraryTrace trace(KeflLogPath());
+    Append(L"E:\\before.txt");
+    const keflhost::CTraceMark mark = trace.Mark();
+    Append(L"E:\\a.txt");
+    // Each load of the library moves the trace to KEFL_trace.old and starts it anew.
+    m_pLibrary.reset();
+    Load();
+    Append(L"E:\\b.txt");
+    keflhost::CTraceFindings findings = trace.ReadFrom(mark);
+    EXPECT_EQ((std::vector<std::wstring>{L"E:\\a.txt", L"E:\\b.txt"}), Paths(findings));
+    EXPECT_FALSE(findings.bEarlierLinesLost);
+    // A second load replaces the generation that was marked: what it held is lost, and said to be.
+    m_pLibrary.reset();
+    Load();
+    findings = trace.ReadFrom(mark);
+    EXPECT_EQ(std::vector<std::wstring>{}, Paths(findings));
+    EXPECT_TRUE(findings.bEarlierLinesLost);
+    EXPECT_NE(L"", keflhost::WhyIncomplete(findings, L""));
 }
 
 namespace

@@ -70,7 +70,7 @@ TEST(LibraryTraceTest, NamesEachFailureWithItsOwnPathErrorAndReason)
 
 TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSeparateEntries)
 {
-    // At trace levels 1 and 2 no information line says where an entry
+    // At trace levels 1 and 2 (and past the size limit) no information line says where an entry
     // begins; one thread's error lines run on from entry to entry. "E text" is an error line.
     using CFailures = std::vector<keflhost::CFailure>;
     const struct
@@ -78,6 +78,7 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
         const char* pszCase;
         const char* pszLines;
         CFailures vExpected;
+        const wchar_t* pwszSizeLimit;
     } kCases[] = {
         {"a note on a restored file or folder passes nothing on",
          "E KEFLImpl::CopyFileWithProgress : sDst = \"\\\\?\\E:\\a.txt\"\n"
@@ -91,7 +92,8 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
          "E KEFLImpl::RestoreFilespace : Failed to set attributes\n"
          "E KEFLImpl::RestoreFilespace : sDst = \"E:\\e\"\n"
          "E KEFLImpl::RestoreFilespace : Failed to create folder\n",
-         {{FailureKind::File, L"E:\\b.txt", 0, L"Memory allocation error"}, {FailureKind::Folder, L"E:\\e", 0, L""}}},
+         {{FailureKind::File, L"E:\\b.txt", 0, L"Memory allocation error"}, {FailureKind::Folder, L"E:\\e", 0, L""}},
+         L""},
         {"a failed file passes nothing to the next",
          "E KEFLImpl::CopyFileWithProgress : dwLastError = 32\n"
          "E KEFLImpl::CopyFileWithProgress : .. ending(Failed to open destination file for writing)\n"
@@ -101,7 +103,8 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
          "E KEFLImpl::RestoreFilespace : sDst = \"E:\\b.txt\"\n"
          "E KEFLImpl::RestoreFilespace : Failed to copy file\n",
          {{FailureKind::File, L"E:\\a.txt", 32, L"Failed to open destination file for writing"},
-          {FailureKind::File, L"E:\\b.txt", 0, L"Bytes Read != Bytes Written"}}},
+          {FailureKind::File, L"E:\\b.txt", 0, L"Bytes Read != Bytes Written"}},
+         L""},
         {"notes on links that were made pass nothing on; a link keeps its own error",
          "E KEFLImpl::CreateJunction : sJumboLink = \"\\\\?\\F:\\j\"\n"
          "E KEFLImpl::CreateJunction : dwAttr = 0x10\n"
@@ -125,9 +128,15 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
          "E KEFLImpl::RestoreLinks : KEFLImpl::CreateSymbolicLink failed\n",
          {{FailureKind::Junction, L"F:\\k", 1314, L"CreateFile failed"},
           {FailureKind::HardLink, L"F:\\h.bin", 0, L"Target is a directory"},
-          {FailureKind::SymbolicLink, L"F:\\s", 1314, L""}}},
+          {FailureKind::SymbolicLink, L"F:\\s", 1314, L""}},
+         L""},
+        {"the size-limit warning is kept",
+         "W CTrace::WriteLine : Trace file reached its size limit of 1 MiB: information and verbose lines "
+         "are no longer written\n",
+         {},
+         L"Trace file reached its size limit of 1 MiB: information and verbose lines are no longer written"},
     };
-    for (const auto& [pszCase, pszLines, vExpected] : kCases)
+    for (const auto& [pszCase, pszLines, vExpected, pwszSizeLimit] : kCases)
     {
         SCOPED_TRACE(pszCase);
         std::string sTrace; // "E text" becomes "[time]:0a3c:[E]: text"
@@ -135,6 +144,7 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
             sTrace += "[2026-11-23 16:50:49.023]:0a3c:[" + std::string(1, sLines[0]) + "]: " +
                       std::string(sLines.substr(2, sLines.find('\n') - 1));
         const keflhost::CTraceFindings findings = keflhost::ParseTrace(sTrace);
+        EXPECT_EQ(pwszSizeLimit, findings.sSizeLimit);
         ASSERT_EQ(vExpected.size(), findings.vFailures.size());
         for (size_t i = 0; i < vExpected.size(); ++i)
             EXPECT_EQ(keflhost::DescribeFailure(vExpected[i]), keflhost::DescribeFailure(findings.vFailures[i]));
