@@ -200,6 +200,22 @@ void MakeLinks(morvane::VESK& client, const CLibraryTrace& trace, CProgressDispl
         record.sLinkFailuresIncomplete = WhyIncomplete(findings, sSizeLimit);
 }
 
+// The exit status's bits for what the record knows to have failed so far.
+int KnownStatus(const CRunRecord& record) noexcept
+{
+    int iStatus = kExitOk;
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+    {
+        if (fs.sResult != L"restored")
+            iStatus |= kExitFilesFailed;
+        if (!fs.verification.vDifferences.empty())
+            iStatus |= kExitDifferences;
+    }
+    if (record.bLinksFailed)
+        iStatus |= kExitLinksFailed;
+    return iStatus;
+}
+
 // The end of the run: what was restored, made and verified, and the exit status that says so.
 int Summarise(CRunRecord& record, const CRestoreRequest& request)
 {
@@ -248,15 +264,7 @@ int Summarise(CRunRecord& record, const CRestoreRequest& request)
                                         : std::to_wstring(vDifferences.size()) + L" differences"));
         PrintDifferences(L"Differences:", vDifferences, bReport);
     }
-
-    int iStatus = kExitOk;
-    if (cRestored != record.vFilespaces.size())
-        iStatus |= kExitFilesFailed;
-    if (record.bLinksFailed)
-        iStatus |= kExitLinksFailed;
-    if (!vDifferences.empty())
-        iStatus |= kExitDifferences;
-    return record.iExitStatus = iStatus;
+    return record.iExitStatus = KnownStatus(record);
 }
 
 // Each restored filespace compared with the backup; vRestored are the first of the record's.
@@ -277,6 +285,11 @@ void Verify(const std::vector<morvane::Filespace>& vRestored, CProgressDisplay& 
 }
 
 } // namespace
+
+int StoppedStatus(const CRunRecord& record) noexcept
+{
+    return record.bRestoreBegan ? kExitFilesFailed | KnownStatus(record) : kExitNotStarted;
+}
 
 std::wstring DescribeFlags(uint32_t dwFsFlags)
 {
@@ -310,6 +323,15 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
     if (!client.GetFilespaceList(vFilespaces))
         return EndSession(client, output, record, L"the backup's filespaces could not be listed", trace,
                           sessionMark);
+    if (vFilespaces.empty())
+    {
+        // A backup folder with its data folder and nothing else: there is nothing to restore.
+        client.Fini();
+        output.Reclaim();
+        record.sNotStarted = L"the backup holds no filespaces (no drive folder, no mount point)";
+        PrintLine(L"keflhost: " + record.sNotStarted);
+        return record.iExitStatus = kExitNotStarted;
+    }
     PrintList(vFilespaces);
     if (request.bListOnly)
     {
@@ -325,6 +347,7 @@ int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, con
     {
         if (!IsSelected(fs, request))
             continue;
+        record.bRestoreBegan = true;
         record.vFilespaces.push_back(RestoreOne(client, fs, trace, display, sSizeLimit, bReport));
         vRestored.push_back(fs);
     }

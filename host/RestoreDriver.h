@@ -31,6 +31,11 @@ struct CRestoreRequest
 int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, const CRestoreRequest& request,
                CProgressDisplay& display, CHostOutput& output, CRunRecord& record);
 
+// The exit status of a run that an error of the host's own ended: 1 (nothing could start) before
+// the first filespace's restore began; after that 2 (what was not done is not restored) with the
+// bits of what the record already knows to have failed.
+int StoppedStatus(const CRunRecord& record) noexcept;
+
 // "BOOT SYSTEM" and the like, from a filespace's flags.
 std::wstring DescribeFlags(uint32_t dwFsFlags);
 

@@ -103,6 +103,8 @@ std::string ReportJson(const CRunRecord& record)
         links["failuresMayBeMissing"] = MayBeMissing(record.sLinkFailuresIncomplete);
         report["links"] = links;
     }
+    if (!record.sStopped.empty())
+        report["stopped"] = ToUtf8(record.sStopped);
     report["exitStatus"] = record.iExitStatus;
     report["exitMeaning"] = ExitBits(record.iExitStatus);
     // Replaced, not thrown: a name the conversion could not carry must not lose the report.

@@ -39,6 +39,7 @@ struct CRunRecord
     std::wstring sVersion;
     std::wstring sLocation;
     std::wstring sPointInTime; // empty: the latest backup
+    bool bRestoreBegan = false; // the first filespace's restore was asked for
     std::vector<CFilespaceRecord> vFilespaces;
     bool bLinksRestored = false;
     bool bLinksRecordedOnly = false; // under Wine: junctions and symbolic links recorded, not made
@@ -48,6 +49,7 @@ struct CRunRecord
     bool bLinksFailed = false;
     std::wstring sNotStarted;                   // why nothing could start, when nothing did
     std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it
+    std::wstring sStopped;                      // the error that ended the run after it began
     int iExitStatus = kExitOk;
 };
 

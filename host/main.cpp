@@ -41,8 +41,8 @@ const wchar_t kUsage[] =
     L"  --verify       afterwards compares every restored file with its copy in the backup\n"
     L"  --report FILE  writes what was done, failed and verified as JSON\n"
     L"Exit status: 0 everything restored (and verified); 1 nothing could start (the library, the\n"
-    L"arguments, the credentials or the session); otherwise the sum of 2 files or folders not\n"
-    L"restored, 4 links not made, 8 verification found differences.";
+    L"arguments, the credentials, the session, or a backup without filespaces); otherwise the sum of\n"
+    L"2 files or folders not restored, 4 links not made, 8 verification found differences.";
 
 struct COptions
 {
@@ -214,19 +214,19 @@ int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& recor
     return Finish(options, record, iStatus);
 }
 
-// An error that ended the run early: nothing could start before the first filespace did, and
-// after that, what was not done counts as not restored. The report is still written.
+// An error that ended the run early: nothing could start before the first filespace began; after
+// that, what was not done counts as not restored, with what is known to have failed by then. The
+// report is still written.
 int Stopped(const COptions& options, keflhost::CRunRecord& record, const wchar_t* pwszWhy,
             const char* pszWhat = "") noexcept
 {
-    const int iStatus = record.vFilespaces.empty() ? keflhost::kExitNotStarted : keflhost::kExitFilesFailed;
+    const int iStatus = keflhost::StoppedStatus(record);
     try
     {
         std::wstring sWhy = pwszWhy;
         sWhy.append(pszWhat, pszWhat + std::strlen(pszWhat));
         PrintLine(L"keflhost: stopped by an error: " + sWhy);
-        if (iStatus == keflhost::kExitNotStarted)
-            record.sNotStarted = L"stopped by an error: " + sWhy;
+        (record.bRestoreBegan ? record.sStopped : record.sNotStarted) = L"stopped by an error: " + sWhy;
         return Finish(options, record, iStatus);
     }
     catch (...) // no memory left even for the message: the status still says it

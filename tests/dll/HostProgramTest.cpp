@@ -1,6 +1,7 @@
 // Our command-line host, run as a user runs it: its output, report and exit status.
 #include "dll/KeflFixture.h"
 #include "host/LibraryTrace.h"
+#include "host/RestoreDriver.h"
 #include "host/RestoreVerify.h"
 #include "platform/Utf8.h"
 #include "support/IatPatch.h"
@@ -58,13 +59,17 @@ TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
         {L"--verify", 1, "usage:"},                                  // verifying needs credentials
         {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 1, "is not a valid point in time"},
         {L"--location R:\\NoSuchBackup", 1, "says:\n    KEFLImpl::Init: PathIsDirectory failed"},
+        {L"--location R:\\HostEmpty", 1, "keflhost: the backup holds no filespaces"}, // only its data folder
     };
+    MakeFolders(L"R:\\HostEmpty\\#");
+    WriteTextFile(L"R:\\HostEmpty\\#\\HPoint.dat", "");
     for (const auto& [pwszArguments, dwExitCode, pszSaid] : cases)
     {
         const auto [dwActual, sOutput] = RunHost(pwszArguments);
         EXPECT_EQ(dwExitCode, dwActual) << testing::PrintToString(std::wstring(pwszArguments));
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
     }
+    RemoveTree(L"R:\\HostEmpty");
 }
 
 TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
@@ -285,4 +290,23 @@ TEST(HostVerifyTest, LeavesJunctionsAndSymbolicLinksToTheLinkPass)
     EXPECT_EQ(0u, verification.ullFolders);
     for (const keflhost::CDifference& difference : verification.vDifferences)
         ADD_FAILURE() << testing::PrintToString(difference.sPath + L": " + difference.sWhat);
+}
+
+TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
+{
+    const auto Record = [](bool bBegan, const wchar_t* pwszResult, bool bLinksFailed, bool bDifferences)
+    {
+        keflhost::CRunRecord record;
+        record.bRestoreBegan = bBegan;
+        if (pwszResult)
+            record.vFilespaces.emplace_back().sResult = pwszResult;
+        if (bDifferences)
+            record.vFilespaces.back().verification.vDifferences.push_back({L"E:\\a", L"missing"});
+        record.bLinksFailed = bLinksFailed;
+        return record;
+    };
+    EXPECT_EQ(1, keflhost::StoppedStatus(Record(false, nullptr, false, false)));
+    EXPECT_EQ(2, keflhost::StoppedStatus(Record(true, nullptr, false, false))); // within the first filespace
+    EXPECT_EQ(2 | 4, keflhost::StoppedStatus(Record(true, L"restored", true, false)));
+    EXPECT_EQ(2 | 8, keflhost::StoppedStatus(Record(true, L"restored", false, true)));
 }
