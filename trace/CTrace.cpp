@@ -22,6 +22,8 @@ namespace
 
 // Another writer holding the log for a whole minute is stuck; its line wins, ours is dropped.
 constexpr DWORD kMutexWaitMs = 60000;
+// Once a wait has timed out: a line tries the mutex and is dropped when it is taken.
+constexpr DWORD kStuckWaitMs = 0;
 // Where the host is installed on the recovery system; used when the host's own path is unknown.
 constexpr wchar_t kDefaultModuleDir[] = L"X:\\Program Files\\Morvane\\DURN\\";
 constexpr wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
@@ -49,19 +51,6 @@ const wchar_t* MarkerFor(uint32_t uiLevel)
         return L"";
     }
 }
-
-// The releasing half of every write: whatever happened, the mutex is given back.
-class CMutexRelease
-{
-public:
-    explicit CMutexRelease(HANDLE hMutex) : m_hMutex(hMutex) {}
-    ~CMutexRelease() { ::ReleaseMutex(m_hMutex); }
-    CMutexRelease(const CMutexRelease&) = delete;
-    CMutexRelease& operator=(const CMutexRelease&) = delete;
-
-private:
-    HANDLE m_hMutex;
-};
 
 uint64_t DefaultSizeLimit(const std::wstring& sLogDir)
 {
@@ -96,6 +85,39 @@ template <class MakeLine> void DropUnmadeLine(bool bOn, MakeLine makeLine) noexc
 }
 
 } // namespace
+
+class CTrace::CLock
+{
+public:
+    explicit CLock(CTrace& trace) : m_hMutex(trace.m_hMutex.get())
+    {
+        if (!m_hMutex)
+            return;
+        // One stuck writer must not cost every line a minute: after a timeout, lines only try.
+        const bool bStuck = trace.m_bLockStuck.load(std::memory_order_relaxed);
+        const DWORD dwWait = ::WaitForSingleObject(m_hMutex, bStuck ? kStuckWaitMs : kMutexWaitMs);
+        // Abandoned: a writer died holding the mutex, which is now ours. Lines are written whole or
+        // not at all, so the log is whole and goes on.
+        m_bHeld = dwWait == WAIT_OBJECT_0 || dwWait == WAIT_ABANDONED;
+        if (m_bHeld)
+            trace.m_bLockStuck.store(false, std::memory_order_relaxed);
+        else if (dwWait == WAIT_TIMEOUT)
+            trace.m_bLockStuck.store(true, std::memory_order_relaxed);
+    }
+    ~CLock()
+    {
+        if (m_bHeld)
+            ::ReleaseMutex(m_hMutex);
+    }
+    CLock(const CLock&) = delete;
+    CLock& operator=(const CLock&) = delete;
+
+    bool IsHeld() const { return m_bHeld; }
+
+private:
+    HANDLE m_hMutex;
+    bool m_bHeld = false;
+};
 
 CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey)
     : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey), m_sMaxMBKey(pwszMaxMBKey ? pwszMaxMBKey : L"")
@@ -165,8 +187,7 @@ bool CTrace::SetLogDirectory(const std::wstring& sLogDir)
     if (!::PathIsDirectoryW(sLogDir.c_str()))
         return false;
     // Held (if it can be) so that no line goes to the new file with the old file's size.
-    CMutexRelease release(m_hMutex.get());
-    ::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs);
+    const CLock lock(*this);
     m_sLogDir = sLogDir;
     m_sFilePath = sLogDir + L"\\" + m_sFileName;
     RestartSizeLimit();
@@ -211,8 +232,7 @@ void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
         return;
     CLastErrorGuard keepError;
     SetTraceLevel(uiLevel);
-    CMutexRelease release(m_hMutex.get());
-    ::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs);
+    const CLock lock(*this);
     m_sFilePath = sTraceDir + L"\\" + m_sFileName;
     ::DeleteFileW(m_sFilePath.c_str());
     RestartSizeLimit();
@@ -221,10 +241,8 @@ void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
 bool CTrace::ResetTraceFile()
 {
     CLastErrorGuard keepError;
-    if (!m_hMutex)
-        return false;
-    CMutexRelease release(m_hMutex.get());
-    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0)
+    const CLock lock(*this);
+    if (!lock.IsHeld())
         return false;
     CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -311,11 +329,9 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
                                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!hFile)
         return;
-    // A wait that ends any other way (timeout, abandoned, failure) gives the mutex back and
-    // drops the line.
-    CMutexRelease release(m_hMutex.get());
-    if (::WaitForSingleObject(m_hMutex.get(), kMutexWaitMs) != WAIT_OBJECT_0 ||
-        !WithinSizeLimit(hFile.get(), uiLimitLevel))
+    // A mutex that cannot be had (held past the wait, or the wait failed) drops the line.
+    const CLock lock(*this);
+    if (!lock.IsHeld() || !WithinSizeLimit(hFile.get(), uiLimitLevel))
         return;
 
     std::string sLine;

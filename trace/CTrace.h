@@ -8,6 +8,9 @@
 // needs too. At the limit one warning line says so and information and verbose lines stop; error
 // and warning lines go on up to twice the limit, and then nothing is written. The size is taken
 // from the file itself (other processes append to it too), measured on every 100th line.
+//
+// A writer that holds the mutex for a whole minute is taken to be stuck: after one wait has timed
+// out, lines try the mutex without waiting until one of them gets it.
 #include "platform/UniqueHandle.h"
 
 #include <windows.h>
@@ -110,6 +113,9 @@ protected:
     std::wstring TraceIniPath();
 
 private:
+    // The mutex, held for a scope when it could be had.
+    class CLock;
+
     // Starts "function : name" for a value line.
     static std::wstring NameText(const wchar_t* pwszFunction, const wchar_t* pwszName);
     // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).
@@ -127,6 +133,8 @@ private:
 
     std::atomic<uint32_t> m_uiMask{TRACE_ERROR | TRACE_WARNING | TRACE_INFO};
     CUniqueHandle m_hMutex;
+    // Set when a wait for the mutex timed out, cleared when a line gets it again.
+    std::atomic<bool> m_bLockStuck{false};
     uint32_t m_uiOSCode = 0;
     std::wstring m_sFileName;
     std::wstring m_sLevelKey;

@@ -1,5 +1,6 @@
 #include "support/TraceLog.h"
 
+#include "platform/UniqueHandle.h"
 #include "support/RecoveryEnvironment.h"
 
 #include <windows.h>
@@ -62,6 +63,32 @@ bool HasText(const std::vector<std::wstring>& vLines, const std::wstring& sText)
             return true;
     }
     return false;
+}
+
+CLogHolder::CLogHolder(const wchar_t* pwszFile, bool bDies)
+    : m_thread(
+          [this, sName = std::wstring(pwszFile), bDies]
+          {
+              const morvane::CUniqueHandle hMutex(::CreateMutexW(nullptr, FALSE, sName.c_str()));
+              ::WaitForSingleObject(hMutex.get(), INFINITE);
+              m_held.release();
+              if (bDies)
+                  return;
+              m_release.acquire();
+              ::ReleaseMutex(hMutex.get());
+          })
+{
+    m_held.acquire();
+    if (bDies)
+        m_thread.join();
+}
+
+void CLogHolder::Release()
+{
+    if (!m_thread.joinable())
+        return;
+    m_release.release();
+    m_thread.join();
 }
 
 } // namespace kefltest

@@ -2,7 +2,9 @@
 // Reading a trace log back: its lines, split into prefix parts where they have one.
 #include <cstdint>
 #include <optional>
+#include <semaphore>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kefltest
@@ -26,5 +28,22 @@ std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLine
                                           const std::wstring& sMarker);
 // Whether some line's text after its marker equals sText.
 bool HasText(const std::vector<std::wstring>& vLines, const std::wstring& sText);
+
+// Another writer of the log named pwszFile, on a thread of its own: holds the log's mutex until
+// Release, as a writer stuck in another process would; with bDies it takes the mutex and its
+// thread ends without giving it back, as a writer that died.
+class CLogHolder
+{
+public:
+    CLogHolder(const wchar_t* pwszFile, bool bDies);
+    ~CLogHolder() { Release(); }
+    CLogHolder(const CLogHolder&) = delete;
+    CLogHolder& operator=(const CLogHolder&) = delete;
+    void Release();
+
+private:
+    std::binary_semaphore m_held{0}, m_release{0};
+    std::thread m_thread;
+};
 
 } // namespace kefltest

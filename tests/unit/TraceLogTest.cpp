@@ -3,6 +3,9 @@
 #include "trace/KEFLTrace.h"
 #include "unit/BaseServicesFixture.h"
 
+#include <atomic>
+#include <optional>
+
 using namespace morvane;
 using namespace kefltest;
 
@@ -84,5 +87,43 @@ TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
         m_patches.Clear();
         EXPECT_EQ(bWritten,
                   HasText(ReadLogLines(pRowTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
+    }
+}
+
+TEST_F(TraceLog, AfterAWaitTimesOutLinesOnlyTryTheLogUntilOneGetsIt)
+{
+    auto pTrace = NewTrace();
+    // This thread's waits while it writes a line, with the time each asks for; a minute is cut short.
+    static std::atomic<DWORD> s_dwWriter{0};
+    static std::vector<DWORD> s_vWaits;
+    static decltype(&::WaitForSingleObject) s_pfnWait = nullptr;
+    s_pfnWait = m_patches.Patch(m_hExe, "KERNEL32.dll", "WaitForSingleObject",
+                                +[](HANDLE h, DWORD dwMs) -> DWORD
+                                {
+                                    if (::GetCurrentThreadId() != s_dwWriter)
+                                        return s_pfnWait(h, dwMs);
+                                    s_vWaits.push_back(dwMs);
+                                    return s_pfnWait(h, std::min<DWORD>(dwMs, 100));
+                                });
+    // What the other writer does before the line, the wait the line asks for, whether it is written.
+    enum { Goes, Sticks, Lets, Dies };
+    const std::tuple<const wchar_t*, int, DWORD, bool> aRows[] = {
+        {L"another writer is stuck", Sticks, 60000, false}, {L"the next line only tries", Goes, 0, false},
+        {L"and the one after", Goes, 0, false},             {L"until one gets the log", Lets, 0, true},
+        {L"then lines wait again", Goes, 60000, true},      {L"a writer died holding it", Dies, 60000, true}};
+    std::optional<CLogHolder> other;
+    for (const auto& [pwszCase, iOther, dwWait, bWritten] : aRows)
+    {
+        SCOPED_TRACE(testing::PrintToString(pwszCase));
+        if (iOther == Lets)
+            other.reset();
+        else if (iOther != Goes)
+            other.emplace(L"UNIT_trace.log", iOther == Dies);
+        s_vWaits.clear();
+        s_dwWriter = ::GetCurrentThreadId();
+        pTrace->TraceMessage(TRACE_ERROR, L"F", pwszCase);
+        s_dwWriter = 0;
+        EXPECT_EQ(std::vector<DWORD>{dwWait}, s_vWaits);
+        EXPECT_EQ(bWritten, HasText(ReadLogLines(pTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
     }
 }
