@@ -129,16 +129,7 @@ CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const w
     std::wstring sLogDir;
     CTrace::GetLogDirectory(sLogDir);
     m_sFilePath = sLogDir + L"\\" + m_sFileName;
-
-    // Every load starts a new log and keeps one previous generation.
-    if (::PathFileExistsW(m_sFilePath.c_str()))
-    {
-        const size_t posDot = m_sFilePath.rfind(L'.');
-        const std::wstring sOldPath =
-            (posDot == std::wstring::npos ? m_sFilePath : m_sFilePath.substr(0, posDot)) + L".old";
-        ::CopyFileW(m_sFilePath.c_str(), sOldPath.c_str(), FALSE);
-        ::DeleteFileW(m_sFilePath.c_str());
-    }
+    StartNewGeneration();
     // Measured once, after the previous generation took its space.
     m_cbDefaultLimit = DefaultSizeLimit(sLogDir);
     m_cbLimit.store(m_cbDefaultLimit, std::memory_order_relaxed);
@@ -148,6 +139,30 @@ CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const w
 }
 
 CTrace::~CTrace() = default;
+
+void CTrace::StartNewGeneration()
+{
+    if (!::PathFileExistsW(m_sFilePath.c_str()))
+        return;
+    // Under the mutex, so that the previous generation holds every line written before and the new
+    // one every line after. A log that stays held for the whole wait is left as it is: this load's
+    // lines follow the earlier ones, where emptying it under a writer could lose that writer's lines.
+    const CLock lock(*this);
+    if (!lock.IsHeld())
+        return;
+    const size_t posDot = m_sFilePath.rfind(L'.');
+    const std::wstring sOldPath =
+        (posDot == std::wstring::npos ? m_sFilePath : m_sFilePath.substr(0, posDot)) + L".old";
+    // Kept as it is if it could not be copied: its lines are worth more than a fresh start.
+    if (!::CopyFileW(m_sFilePath.c_str(), sOldPath.c_str(), FALSE))
+        return;
+    // Emptied, not deleted: writers open the file before they wait for the mutex, and a line
+    // written through a handle of a deleted file would be lost. Appended to the emptied file, it
+    // lands at its start.
+    const CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                          TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+}
 
 void CTrace::GetModuleDirectory(std::wstring& sModuleDir)
 {

@@ -116,6 +116,8 @@ private:
     // The mutex, held for a scope when it could be had.
     class CLock;
 
+    // Every load starts a new log and keeps one previous generation.
+    void StartNewGeneration();
     // Starts "function : name" for a value line.
     static std::wstring NameText(const wchar_t* pwszFunction, const wchar_t* pwszName);
     // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).

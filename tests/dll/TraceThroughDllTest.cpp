@@ -2,8 +2,10 @@
 // load, threads and processes writing at once without losing or splitting a line, and a size limit.
 #include "dll/KeflFixture.h"
 
+#include <atomic>
 #include <map>
 #include <thread>
+#include <vector>
 
 using namespace kefltest;
 
@@ -37,6 +39,58 @@ TEST_F(KeflFixture, EachLoadStartsANewLogAndKeepsOnePreviousGeneration)
     EXPECT_TRUE(HasText(vOld, L"KEFL::HasCapability : Does not support backupsets"));
     EXPECT_FALSE(HasText(vOld, L"KEFL::HasCapability : Does not support tape backups"))
         << "only one previous generation is kept";
+}
+
+// Another load of the library (a copy: a second load of the same file only counts up) while four
+// threads write through this one, again and again: each load starts a new log, and every line is
+// whole and either in the previous generation or in the new log.
+TEST_F(KeflFixture, AnotherLoadStartsANewLogWhileThreadsWriteAndNoLineIsLostOrSplit)
+{
+    const std::wstring sOther = HostDir() + L"\\KEFL_other.dll", sOldPath = LogDir() + L"\\KEFL_trace.old";
+    ASSERT_TRUE(::CopyFileW((HostDir() + L"\\KEFL.dll").c_str(), sOther.c_str(), FALSE));
+    auto lines = [](const std::wstring& sPath)
+    {
+        int cLines = 0;
+        for (const auto& sLine : ReadLogLines(sPath))
+        {
+            const auto line = ParseTraceLine(sLine);
+            EXPECT_TRUE(line) << "a split or damaged line: " << testing::PrintToString(sLine);
+            cLines += line && line->sText == L"KEFL::HasCapability : Does backup hard-links separately";
+        }
+        return cLines;
+    };
+    auto pClient = Load(Verbose()).Factory();
+    std::atomic<int> cCalls = 0;
+    std::atomic<bool> bWrite = true;
+    auto callsReach = [&](int cWanted)
+    {
+        while (cCalls < cWanted)
+            ::Sleep(1);
+    };
+    // A line lost in a load's short moment is seen in one load of four or so.
+    for (int iLoad = 0; iLoad < 20; ++iLoad)
+    {
+        const int cBefore = lines(KeflLogPath());
+        cCalls = 0;
+        bWrite = true;
+        std::vector<std::thread> vWriters;
+        for (int i = 0; i < 4; ++i)
+            vWriters.emplace_back(
+                [&]
+                {
+                    for (; bWrite; ++cCalls)
+                        pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+                });
+        callsReach(10);
+        morvane::CUniqueLibrary hOther(::LoadLibraryW(sOther.c_str()));
+        EXPECT_TRUE(hOther) << ::GetLastError();
+        callsReach(cCalls + 10);
+        bWrite = false;
+        for (auto& writer : vWriters)
+            writer.join();
+        EXPECT_EQ(cBefore + cCalls, lines(sOldPath) + lines(KeflLogPath())) << "lines lost at load " << iLoad;
+    }
+    RemoveFile(sOther);
 }
 
 // The second process of the test below: loads the library, says it is ready, and writes on the
