@@ -239,6 +239,12 @@ void CTrace::ReadTraceLevel()
     const uint64_t uiMaxMB =
         m_sMaxMBKey.empty() ? 0 : ::GetPrivateProfileIntW(L"Main", m_sMaxMBKey.c_str(), 0, sIniPath.c_str());
     m_cbLimit.store(uiMaxMB != 0 ? uiMaxMB * kMiB : m_cbDefaultLimit, std::memory_order_relaxed);
+    // Each session starts the limit again: a larger limit lets information lines through again,
+    // and a log still past its limit says so once more, in this session's lines. The counts belong
+    // to whoever holds the mutex; without it they stay as they are.
+    const CLock lock(*this);
+    if (lock.IsHeld())
+        RestartSizeLimit();
 }
 
 void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)

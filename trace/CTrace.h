@@ -7,7 +7,8 @@
 // Each file has a size limit, because the log folder may lie on a small RAM disk that the restore
 // needs too. At the limit one warning line says so and information and verbose lines stop; error
 // and warning lines go on up to twice the limit, and then nothing is written. The size is taken
-// from the file itself (other processes append to it too), measured on every 100th line.
+// from the file itself (other processes append to it too), measured on every 100th line. Reading
+// the settings (each client and each session does) starts the limit again.
 //
 // A writer that holds the mutex for a whole minute is taken to be stuck: after one wait has timed
 // out, lines try the mutex without waiting until one of them gets it.

@@ -1,6 +1,7 @@
 // KEFL_trace.log as the loaded library writes it: a fresh log and one previous generation per
-// load, threads and processes writing at once without losing or splitting a line, and a size limit.
-#include "dll/KeflFixture.h"
+// load, threads and processes writing at once without losing or splitting a line, and a size limit
+// that each session starts again.
+#include "dll/SessionFixture.h"
 
 #include <atomic>
 #include <map>
@@ -91,6 +92,44 @@ TEST_F(KeflFixture, AnotherLoadStartsANewLogWhileThreadsWriteAndNoLineIsLostOrSp
         EXPECT_EQ(cBefore + cCalls, lines(sOldPath) + lines(KeflLogPath())) << "lines lost at load " << iLoad;
     }
     RemoveFile(sOther);
+}
+
+// A session that met a small limit ends, and another begins: it reads the limit again and starts
+// it over, so a larger limit brings information lines back and the same limit is said once more.
+TEST_F(SessionFixture, EachSessionStartsTheTraceSizeLimitAgain)
+{
+    const auto pCredentials = Credentials(kBackup);
+    auto session = [&](const wchar_t* pwszMaxMB)
+    {
+        CIni ini = Verbose();
+        ini[L"KEFL_TraceMaxMB"] = pwszMaxMB;
+        WriteTraceIni(ini);
+        EXPECT_TRUE(m_pClient->Init(pCredentials.get()));
+        for (int i = 0; i < 200; ++i)
+            m_pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+        m_pClient->Fini();
+    };
+    // The second session's limit in MiB, the size-limit warnings in the log, whether information
+    // lines follow the first.
+    const std::tuple<const wchar_t*, int, bool> aRows[] = {{L"8", 1, true}, {L"1", 2, false}};
+    for (const auto& [pwszMaxMB, iWarnings, bInfoAgain] : aRows)
+    {
+        SCOPED_TRACE(testing::PrintToString(pwszMaxMB));
+        WriteBytes(KeflLogPath(), std::string(1024 * 1024, '#') + "\r\n"); // past 1 MiB
+        session(L"1");
+        session(pwszMaxMB);
+        int iWarned = 0, iInfoAfter = 0;
+        for (const auto& sLine : KeflLog())
+        {
+            const auto line = ParseTraceLine(sLine);
+            if (line && line->sText.starts_with(L"CTrace::WriteLine : Trace file reached its size limit of "))
+                ++iWarned;
+            else if (line && iWarned > 0)
+                iInfoAfter += line->sMarker == L":[I]: ";
+        }
+        EXPECT_EQ(iWarnings, iWarned);
+        EXPECT_EQ(bInfoAgain, iInfoAfter > 0);
+    }
 }
 
 // The second process of the test below: loads the library, says it is ready, and writes on the
