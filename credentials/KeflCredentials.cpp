@@ -40,7 +40,23 @@ KeflCredentials::KeflCredentials() = default;
 
 KeflCredentials::~KeflCredentials() = default;
 
-KeflCredentials& KeflCredentials::operator=(const KeflCredentials& other) = default;
+KeflCredentials& KeflCredentials::operator=(const KeflCredentials& other) noexcept
+{
+    static const wchar_t kFn[] = L"KeflCredentials::operator=";
+    // The host calls it: a copy that runs out of memory ends here. The strings are copied before
+    // anything changes, so that a failed copy leaves this object as it was.
+    AtEdge(kFn,
+           [&]
+           {
+               std::wstring sProduct = other.m_sProduct;
+               std::wstring sTargetPath = other.m_sTargetPath;
+               m_Pit = other.m_Pit;
+               m_sProduct.swap(sProduct);
+               m_sTargetPath.swap(sTargetPath);
+               return true;
+           });
+    return *this;
+}
 
 bool KeflCredentials::operator==(const KeflCredentials& other) const
 {

@@ -40,9 +40,10 @@ public:
     bool SetAnsFileFromCredentials(const std::wstring& sAnsFile) override;
 
     // Exported for hosts. Equal: the same location (case counts) and the same point in time to
-    // the millisecond, day of week included.
+    // the millisecond, day of week included. An assignment that cannot copy (no memory) leaves
+    // the object as it was.
     KeflCredentials(const KeflCredentials& other) = default;
-    KeflCredentials& operator=(const KeflCredentials& other);
+    KeflCredentials& operator=(const KeflCredentials& other) noexcept;
     bool operator==(const KeflCredentials& other) const;
     bool operator!=(const KeflCredentials& other) const;
 

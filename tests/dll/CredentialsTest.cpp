@@ -1,6 +1,9 @@
 // Credentials as the host makes them: from CredentialsFactory, read from and written to the
 // recovery answer file, compared and copied with the operations that the library exports.
 #include "dll/KeflFixture.h"
+#include "support/Patches.h"
+
+#include <cerrno>
 
 using namespace kefltest;
 using morvane::KeflCredentials;
@@ -99,4 +102,17 @@ TEST_F(KeflFixture, ExportedOperationsCompareEveryFieldAndCopy)
     b.m_Pit = a.m_Pit;
     b.m_sTargetPath = L"r:\\backup";
     EXPECT_FALSE(pfnEqual(&a, &b)) << "the location's case";
+
+    // A copy that runs out of memory in the library ends there, and the target keeps what it had.
+    static decltype(&::malloc) s_pfnMalloc = nullptr;
+    CPatches patches;
+    s_pfnMalloc = patches.Patch(m_pLibrary->Module(), "msvcrt.dll", "malloc",
+                                +[](size_t cb) -> void*
+                                { return cb < 1000 ? s_pfnMalloc(cb) : (errno = ENOMEM, nullptr); });
+    a.m_sTargetPath.assign(600, L'x');
+    ++a.m_Pit.wYear;
+    EXPECT_EQ(&b, pfnAssign(&b, &a));
+    patches.Clear();
+    EXPECT_TRUE(b.m_sTargetPath == L"r:\\backup" && b.m_Pit.wYear == 2015);
+    EXPECT_TRUE(HasText(KeflLog(), L"KeflCredentials::operator= : .. ending(Memory allocation error)"));
 }
