@@ -5,6 +5,7 @@
 #include "trace/TraceText.h"
 #include "platform/FormatText.h"
 #include "platform/ProfileString.h"
+#include "platform/TraceSizeLimit.h"
 #include "platform/Utf8.h"
 
 #include <shlwapi.h>
@@ -310,9 +311,8 @@ bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
             return (uiLimitLevel & (TRACE_ERROR | TRACE_WARNING)) != 0;
         std::string sLine;
         AppendPrefix(sLine, TRACE_WARNING);
-        std::wstring sText = L"CTrace::WriteLine : Trace file reached its size limit of " +
-                             std::to_wstring(cbLimit / kMiB) +
-                             L" MiB: information and verbose lines are no longer written";
+        std::wstring sText = std::wstring(kTraceLimitFunction) + L" : " + kTraceLimitReached +
+                             std::to_wstring(cbLimit / kMiB) + kTraceLimitConsequence;
         sText += kTraceLineEnd;
         sLine += ToUtf8(sText);
         m_cbFile += AppendToFile(hFile, sLine);
