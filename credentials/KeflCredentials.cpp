@@ -43,6 +43,8 @@ KeflCredentials::~KeflCredentials() = default;
 KeflCredentials& KeflCredentials::operator=(const KeflCredentials& other) noexcept
 {
     static const wchar_t kFn[] = L"KeflCredentials::operator=";
+    if (this == &other)
+        return *this;
     // The host calls it: a copy that runs out of memory ends here. The strings are copied before
     // anything changes, so that a failed copy leaves this object as it was.
     AtEdge(kFn,
