@@ -10,54 +10,11 @@ CHostOutput::CHostOutput()
     const HANDLE hStdOut = ::GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD dwMode = 0;
     m_bConsole = hStdOut != nullptr && hStdOut != INVALID_HANDLE_VALUE && ::GetConsoleMode(hStdOut, &dwMode);
-    m_hwndConsole = ::GetConsoleWindow();
     HANDLE hDuplicate = nullptr;
     if (hStdOut != nullptr && hStdOut != INVALID_HANDLE_VALUE &&
         ::DuplicateHandle(::GetCurrentProcess(), hStdOut, ::GetCurrentProcess(), &hDuplicate, 0, FALSE,
                           DUPLICATE_SAME_ACCESS))
         m_hOut.reset(hDuplicate);
-}
-
-void CHostOutput::OpenConsoleOutput()
-{
-    m_hOut.reset(::CreateFileW(L"CONOUT$", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                               nullptr, OPEN_EXISTING, 0, nullptr));
-}
-
-void CHostOutput::Reclaim()
-{
-    // A pipe or file is still ours through the duplicate. A console is the user's only while the
-    // process is attached to it: Init detached it and attached a hidden one.
-    CONSOLE_SCREEN_BUFFER_INFO info = {};
-    if (m_bConsole &&
-        !(::GetConsoleWindow() == m_hwndConsole && ::GetConsoleScreenBufferInfo(m_hOut.get(), &info)))
-        Reattach();
-    for (const std::wstring& sPending : m_vPending)
-        Write(sPending + L"\n");
-    m_vPending.clear();
-}
-
-void CHostOutput::Reattach()
-{
-    ::FreeConsole();
-    if (::AttachConsole(ATTACH_PARENT_PROCESS))
-    {
-        m_hwndConsole = ::GetConsoleWindow();
-    }
-    else
-    {
-        // Started with a console of its own, which Init freed: a visible one is better than
-        // output nobody sees.
-        ::AllocConsole();
-        m_hwndConsole = ::GetConsoleWindow();
-        if (m_hwndConsole)
-            ::ShowWindow(m_hwndConsole, SW_SHOW);
-    }
-    OpenConsoleOutput();
-    // The library's child processes inherit these.
-    ::SetStdHandle(STD_OUTPUT_HANDLE, m_hOut.get());
-    ::SetStdHandle(STD_ERROR_HANDLE, m_hOut.get());
-    m_cchStatus = 0;
 }
 
 void CHostOutput::Write(const std::wstring& sText)
@@ -76,13 +33,6 @@ void CHostOutput::Write(const std::wstring& sText)
 
 void CHostOutput::Line(const std::wstring& sText)
 {
-    // The library's messages at the end of Init come while the process is in its hidden console:
-    // they wait for the console the user looks at.
-    if (m_bConsole && ::GetConsoleWindow() != m_hwndConsole)
-    {
-        m_vPending.push_back(sText);
-        return;
-    }
     if (m_cchStatus != 0)
     {
         // Clears the bar; the next progress report draws it again below this line.
@@ -113,9 +63,28 @@ CHostOutput& Output()
     return output;
 }
 
+namespace
+{
+
+std::function<void(const std::wstring&)>& RedirectedLines()
+{
+    static std::function<void(const std::wstring&)> lines;
+    return lines;
+}
+
+} // namespace
+
 void PrintLine(const std::wstring& sText)
 {
-    Output().Line(sText);
+    if (RedirectedLines())
+        RedirectedLines()(sText);
+    else
+        Output().Line(sText);
+}
+
+void RedirectLines(std::function<void(const std::wstring&)> lines)
+{
+    RedirectedLines() = std::move(lines);
 }
 
 // The message comes by value because the library's callback type has it so.

@@ -174,10 +174,15 @@ void CTraceParser::Line(std::string_view sLine)
         ErrorLine(itState->second, sWide);
         return;
     }
+    const std::wstring_view sRest = std::wstring_view(sWide).substr(sWide.find(L" : ") + 3);
     // Each file, folder and link begins with its name at information level.
     if (bNamesEntry)
+    {
         itState->second.Clear();
-    const std::wstring_view sRest = std::wstring_view(sWide).substr(sWide.find(L" : ") + 3);
+        for (const wchar_t* pwszName : {L"sDst", L"sLink"})
+            if (HasValue(sRest, pwszName))
+                m_findings.sLastNamed = ValueOf(sRest, pwszName);
+    }
     if (HasValue(sRest, L"walk.ullFiles"))
     {
         m_findings.bWalkCounted = true;
@@ -187,6 +192,12 @@ void CTraceParser::Line(std::string_view sLine)
     else if (HasValue(sRest, L"walk.ullDirectories"))
         m_findings.ullFolders =
             std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
+    else if (HasValue(sRest, L"walk.ullSkippedFiles"))
+        m_findings.ullSkippedFiles =
+            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullSkippedFiles")).c_str(), nullptr, 10);
+    else if (HasValue(sRest, L"walk.ullSkippedFolders"))
+        m_findings.ullSkippedFolders =
+            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullSkippedFolders")).c_str(), nullptr, 10);
 }
 
 void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
@@ -301,12 +312,18 @@ std::string Head(HANDLE hFile, DWORD cb = kHeadBytes)
     return sHead;
 }
 
-void FeedFrom(HANDLE hFile, uint64_t ullOffset, CTraceParser& parser)
+// The lines from ullOffset up to ullEnd (at most).
+void FeedFrom(HANDLE hFile, uint64_t ullOffset, CTraceParser& parser, uint64_t ullEnd = UINT64_MAX)
 {
     if (!Seek(hFile, ullOffset))
         return;
     char buf[65536];
-    for (DWORD cbRead = 0; ::ReadFile(hFile, buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
+    uint64_t ullLeft = ullEnd - std::min(ullEnd, ullOffset);
+    for (DWORD cbRead = 0; ullLeft > 0 &&
+                           ::ReadFile(hFile, buf, static_cast<DWORD>(std::min<uint64_t>(sizeof(buf), ullLeft)),
+                                      &cbRead, nullptr) &&
+                           cbRead > 0;
+         ullLeft -= cbRead)
         parser.Feed(std::string_view(buf, cbRead));
     parser.EndOfFile();
 }
@@ -324,7 +341,7 @@ CTraceMark CLibraryTrace::Mark() const
     return mark;
 }
 
-CTraceFindings CLibraryTrace::ReadFrom(const CTraceMark& mark) const
+CTraceFindings CLibraryTrace::ReadFrom(const CTraceMark& mark, const CTraceMark& end) const
 {
     CTraceParser parser;
     const morvane::CUniqueFile hFile = OpenShared(m_sPath);
@@ -342,8 +359,12 @@ CTraceFindings CLibraryTrace::ReadFrom(const CTraceMark& mark) const
         else
             parser.EarlierLinesLost();
     }
+    // The end, when given, is where the step's lines end in the file as it is now; in a file
+    // started anew since (its first bytes differ), it says nothing.
+    const bool bEndHere =
+        hFile && !end.sHead.empty() && Head(hFile.get(), static_cast<DWORD>(end.sHead.size())) == end.sHead;
     if (hFile)
-        FeedFrom(hFile.get(), bStartedAnew ? 0 : mark.ullOffset, parser);
+        FeedFrom(hFile.get(), bStartedAnew ? 0 : mark.ullOffset, parser, bEndHere ? end.ullOffset : UINT64_MAX);
     return parser.Finish();
 }
 

@@ -39,6 +39,10 @@ struct CTraceFindings
     bool bWalkCounted = false;
     uint64_t ullFiles = 0;
     uint64_t ullFolders = 0;
+    uint64_t ullSkippedFiles = 0; // of those, left out by rule (the page file, the recycle bins)
+    uint64_t ullSkippedFolders = 0;
+    // The last file, folder or link that an information line named: what a stalled step is at.
+    std::wstring sLastNamed;
     // Why functions gave up, as their failed-exit lines say, with the error traced before: the
     // first 100, for a step that failed as a whole (a session that could not start).
     std::vector<std::wstring> vGaveUp;
@@ -75,9 +79,10 @@ public:
     explicit CLibraryTrace(std::wstring sPath) : m_sPath(std::move(sPath)) {}
     const std::wstring& Path() const { return m_sPath; }
     CTraceMark Mark() const;
-    // The lines written since the mark: when the file was started anew since, the rest of the
-    // previous generation first, then the new file from its start.
-    CTraceFindings ReadFrom(const CTraceMark& mark) const;
+    // The lines written since the mark (up to end, when given: a step's lines, not the next
+    // one's): when the file was started anew since, the rest of the previous generation first,
+    // then the new file from its start.
+    CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end = {}) const;
 
 private:
     std::wstring m_sPath;

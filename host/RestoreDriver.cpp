@@ -1,80 +1,25 @@
 #include "host/RestoreDriver.h"
 
+#include "host/Filespaces.h"
 #include "host/HostOutput.h"
-#include "host/ProgressDisplay.h"
 #include "host/LibraryTrace.h"
 #include "host/RestoreVerify.h"
-#include "winecompat/LinkStandIns.h"
-#include "platform/FormatText.h"
+#include "platform/Utf8.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cwctype>
+
+#include <functional>
+#include <map>
 
 namespace keflhost
 {
 namespace
 {
 
-// Filespace flags: BOOT is 0x3, SYSTEM 0x5, the configuration drive 0x2, a mount point 0x8.
-constexpr uint32_t kFlagBootOrSystem = 0x1;
-constexpr uint32_t kFlagBoot = 0x2;
-constexpr uint32_t kFlagSystem = 0x4;
-constexpr uint32_t kFlagMount = 0x8;
-
-std::wstring LastError(morvane::VESK& client)
-{
-    std::wstring sError;
-    client.GetLastErrorMsg(sError);
-    return sError;
-}
-
-std::wstring Time(const morvane::Filespace& fs)
-{
-    if (!fs.bFsTimeValid)
-        return L"-";
-    wchar_t wsz[32];
-    (void)morvane::FormatInto(wsz, L"%04u-%02u-%02u %02u:%02u:%02u UTC", fs.stFsTime.wYear,
-                              fs.stFsTime.wMonth, fs.stFsTime.wDay, fs.stFsTime.wHour, fs.stFsTime.wMinute,
-                              fs.stFsTime.wSecond); // 31 characters at most
-    return wsz;
-}
-
-std::wstring Name(const morvane::Filespace& fs)
-{
-    return (fs.dwFsFlags & kFlagMount) ? fs.sFsMountDir : std::wstring(1, fs.wcFsDriveLetter) + L":";
-}
-
-bool IsSelected(const morvane::Filespace& fs, const CRestoreRequest& request)
-{
-    if (request.vSelected.empty())
-        return true;
-    for (const std::wstring& sWanted : request.vSelected)
-    {
-        if (fs.dwFsFlags & kFlagMount)
-        {
-            if (_wcsicmp(sWanted.c_str(), fs.sFsMountDir.c_str()) == 0)
-                return true;
-        }
-        else if ((sWanted.size() == 1 || (sWanted.size() == 2 && sWanted[1] == L':')) &&
-                 towupper(sWanted[0]) == fs.wcFsDriveLetter)
-        {
-            return true;
-        }
-    }
-    return false;
-}
-
-void PrintList(const std::vector<morvane::Filespace>& vFilespaces)
-{
-    PrintLine(L"Filespaces:");
-    for (const morvane::Filespace& fs : vFilespaces)
-        PrintLine(L"  " + Name(fs) + L"   " + fs.sFsPath + L"   [" + DescribeFlags(fs.dwFsFlags) + L"]   " +
-                  Time(fs));
-}
-
 // The screen shows this many failures or differences in each list; the report has them all.
 constexpr size_t kShownOnScreen = 20;
+// How often keflhost looks at the clock while the restore process says nothing.
+constexpr DWORD kWaitMs = 250;
 
 template <typename T, typename Describe>
 void PrintSome(const std::wstring& sHeading, const std::vector<T>& vItems, Describe describe, bool bReport)
@@ -101,103 +46,53 @@ void PrintDifferences(const std::wstring& sHeading, const std::vector<CDifferenc
         sHeading, vDifferences, [](const CDifference& d) { return d.sPath + L": " + d.sWhat; }, bReport);
 }
 
-// Where a filespace's files are in the backup, as the restore takes them: a drive's in the folder
-// named after its letter, a mount point's inside the folder of the drive that holds it.
-std::wstring BackupFolder(const std::wstring& sLocation, const morvane::Filespace& fs)
+// "1 file", "2 files".
+std::wstring Count(uint64_t ullCount, const wchar_t* pwszOne, const wchar_t* pwszMany)
 {
-    std::wstring sFolder = sLocation;
-    while (!sFolder.empty() && sFolder.back() == L'\\')
-        sFolder.pop_back();
-    if (!(fs.dwFsFlags & kFlagMount))
-        return sFolder + L"\\" + fs.wcFsDriveLetter;
-    std::wstring sMount = fs.sFsMountDir;
-    while (sMount.size() > 3 && sMount.back() == L'\\')
-        sMount.pop_back();
-    return sFolder + L"\\" + sMount.substr(0, 1) + (sMount.size() > 2 ? sMount.substr(2) : L"");
+    return std::to_wstring(ullCount) + L" " + (ullCount == 1 ? pwszOne : pwszMany);
 }
 
-std::wstring RestoredFolder(const morvane::Filespace& fs)
+uint64_t CountKind(const std::vector<CFailure>& vFailures, FailureKind kind)
 {
-    if (!(fs.dwFsFlags & kFlagMount))
-        return std::wstring(1, fs.wcFsDriveLetter) + L":";
-    std::wstring sMount = fs.sFsMountDir;
-    while (sMount.size() > 3 && sMount.back() == L'\\')
-        sMount.pop_back();
-    return sMount;
+    return static_cast<uint64_t>(
+        std::count_if(vFailures.begin(), vFailures.end(), [kind](const CFailure& f) { return f.kind == kind; }));
 }
 
-// A session that could not start or list: the library's message, and what its trace says of why.
-int EndSession(morvane::VESK& client, CHostOutput& output, CRunRecord& record, const std::wstring& sWhy,
-               const CLibraryTrace& trace, const CTraceMark& sessionMark)
+// The trace mark the restore process took before a step; null when it took none.
+CTraceMark MarkFromEvent(const CEvent& mark)
 {
-    const std::wstring sError = LastError(client);
-    client.Fini();
-    output.Reclaim();
-    record.sNotStarted = sWhy + (sError.empty() ? L"" : L": " + sError);
-    PrintLine(L"keflhost: " + record.sNotStarted);
-    record.vNotStartedTrace = trace.ReadFrom(sessionMark).vGaveUp;
-    PrintSome(
-        L"  the library's trace (" + trace.Path() + L") says:", record.vNotStartedTrace,
-        [](const std::wstring& sLine) { return sLine; }, false);
-    return record.iExitStatus = kExitNotStarted;
+    CTraceMark traceMark;
+    if (mark.is_null())
+        return traceMark;
+    traceMark.ullOffset = mark.at("offset").get<uint64_t>();
+    const std::string sHex = mark.at("head").get<std::string>();
+    for (size_t i = 0; i + 1 < sHex.size(); i += 2)
+        traceMark.sHead.push_back(static_cast<char>(std::stoi(sHex.substr(i, 2), nullptr, 16)));
+    return traceMark;
 }
 
-// One filespace restored, and what the trace says failed in it. sSizeLimit keeps the trace's
-// size-limit warning once seen: the steps after it are past the limit too.
-CFilespaceRecord RestoreOne(morvane::VESK& client, morvane::Filespace& fs, const CLibraryTrace& trace,
-                            CProgressDisplay& display, std::wstring& sSizeLimit, bool bReport)
+morvane::ProgMsg ProgressFromEvent(const CEvent& event)
 {
-    const CTraceMark mark = trace.Mark();
-    const bool bRestored = client.RestoreFilespace(fs);
-    const CProgressDisplay::CTaskTotals totals = display.Finish();
-    const CTraceFindings findings = trace.ReadFrom(mark);
-    CFilespaceRecord entry;
-    entry.sName = Name(fs);
-    entry.sPath = fs.sFsPath;
-    entry.sResult = bRestored ? L"restored" : L"failed";
-    entry.ullFiles = findings.ullFiles;
-    entry.ullFolders = findings.ullFolders;
-    entry.ullBytes = totals.ullBytes;
-    entry.dSeconds = totals.dSeconds;
-    entry.vFailures = findings.vFailures;
-    if (!bRestored)
-    {
-        entry.sFailuresIncomplete = WhyIncomplete(findings, sSizeLimit);
-        PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + LastError(client));
-        if (entry.vFailures.empty() && entry.sFailuresIncomplete.empty())
-            PrintLine(L"  the library's trace (" + trace.Path() +
-                      L") names no file that failed: is its trace level 0?");
-    }
-    PrintFailures(L"  not restored in " + entry.sName + L":", entry.vFailures, bReport);
-    if (!entry.sFailuresIncomplete.empty())
-        PrintLine(L"  " + entry.sFailuresIncomplete);
-    if (!findings.sSizeLimit.empty())
-        sSizeLimit = findings.sSizeLimit;
-    return entry;
+    morvane::ProgMsg msg{};
+    msg.uiState = event.at("state").get<uint32_t>();
+    msg.sTitle = Wide(event, "title");
+    msg.sText = Wide(event, "text");
+    msg.sPath = Wide(event, "path");
+    const std::wstring sDrive = Wide(event, "drive");
+    msg.wcDriveLetter = sDrive.empty() ? L'\0' : sDrive[0];
+    msg.ullBytesDone = event.at("bytesDone").get<uint64_t>();
+    msg.ullTotal = event.at("total").get<uint64_t>();
+    msg.ullDone = event.at("done").get<uint64_t>();
+    return msg;
 }
 
-// The links go last: their targets are among the restored files.
-void MakeLinks(morvane::VESK& client, const CLibraryTrace& trace, CProgressDisplay& display,
-                  const CRestoreRequest& request, CRunRecord& record, const std::wstring& sSizeLimit)
+void PrintMessage(const CEvent& event)
 {
-    const CTraceMark mark = trace.Mark();
-    client.RestoreLinks();
-    record.bLinksRestored = true;
-    record.bLinksRecordedOnly = request.bLinksRecordedOnly;
-    const CTraceFindings findings = trace.ReadFrom(mark);
-    record.vLinkFailures = findings.vFailures;
-    CLinkPasses& passes = display.LinkPasses();
-    for (const CFailure& failure : record.vLinkFailures)
-    {
-        const size_t iPass = failure.kind == FailureKind::Junction       ? 0
-                             : failure.kind == FailureKind::SymbolicLink ? 1
-                                                                         : 2;
-        ++passes[iPass].ullFailed;
-    }
-    record.links = passes;
-    record.bLinksFailed = display.LinksFailed() || !record.vLinkFailures.empty();
-    if (record.bLinksFailed)
-        record.sLinkFailuresIncomplete = WhyIncomplete(findings, sSizeLimit);
+    const uint32_t uiSeverity = event.at("severity").get<uint32_t>();
+    const wchar_t* pwszSeverity = uiSeverity == morvane::MSG_SEVERITY_ERROR     ? L"error"
+                                  : uiSeverity == morvane::MSG_SEVERITY_WARNING ? L"warning"
+                                                                                : L"info";
+    PrintLine(std::wstring(L"[") + pwszSeverity + L"] " + Wide(event, "text"));
 }
 
 // The exit status's bits for what the record knows to have failed so far.
@@ -213,75 +108,416 @@ int KnownStatus(const CRunRecord& record) noexcept
     }
     if (record.bLinksFailed)
         iStatus |= kExitLinksFailed;
+    if (!record.sCutShort.empty())
+        iStatus |= kExitCutShort;
     return iStatus;
 }
 
-// The end of the run: what was restored, made and verified, and the exit status that says so.
-int Summarise(CRunRecord& record, const CRestoreRequest& request)
+// Follows the events of one restore process.
+class CRestoreFollower
 {
-    const bool bReport = !request.sReportFile.empty();
-    size_t cRestored = 0;
-    std::vector<CFailure> vFailures;
-    std::vector<CDifference> vDifferences;
-    uint64_t ullVerifiedFiles = 0;
-    uint64_t ullVerifiedBytes = 0;
-    for (const CFilespaceRecord& fs : record.vFilespaces)
+public:
+    CRestoreFollower(const CRestoreRequest& request, CProgressDisplay& display, CRunRecord& record)
+        : m_request(request), m_display(display), m_record(record), m_bReport(!request.sReportFile.empty())
     {
-        cRestored += fs.sResult == L"restored" ? 1 : 0;
-        vFailures.insert(vFailures.end(), fs.vFailures.begin(), fs.vFailures.end());
-        vDifferences.insert(vDifferences.end(), fs.verification.vDifferences.begin(),
-                            fs.verification.vDifferences.end());
-        ullVerifiedFiles += fs.verification.ullFiles;
-        ullVerifiedBytes += fs.verification.ullBytes;
     }
-    PrintLine(L"Restored " + std::to_wstring(cRestored) + L" of " +
-              std::to_wstring(record.vFilespaces.size()) + L" filespaces.");
-    for (const CFilespaceRecord& fs : record.vFilespaces)
-        if (fs.sResult != L"restored")
-            PrintLine(L"  not restored: " + fs.sName +
-                      (fs.sResult == L"failed" ? L"" : L" (" + fs.sResult + L")"));
-    PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures,
-                  bReport);
-    for (const CFilespaceRecord& fs : record.vFilespaces)
-        if (!fs.sFailuresIncomplete.empty())
-            PrintLine(L"  " + fs.sName + L": " + fs.sFailuresIncomplete);
-    PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
-    PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):",
-                  record.vLinkFailures, bReport);
-    if (!record.sLinkFailuresIncomplete.empty())
-        PrintLine(L"  " + record.sLinkFailuresIncomplete);
-    if (record.bLinksFailed && record.vLinkFailures.empty())
-        PrintLine(L"  not every link was made");
-    if (request.bLinksRecordedOnly)
-        for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
-            PrintLine(L"  recorded, not made (Wine cannot): " + link.sKind + L" " + link.sLink + L" -> " +
-                      link.sTarget);
-    if (request.bVerify)
+    // Until the stream ends; false when it ended before its last event.
+    bool Follow(CRestoreProcess& process, const std::atomic<bool>& bStop);
+    // The restore process ended early: what keflhost knows of the step it was at.
+    void CutShort(const std::wstring& sHow);
+    bool NotStarted() const { return m_bNotStarted; }
+    const std::vector<morvane::Filespace>& Restored() const { return m_vRestored; }
+
+private:
+    void Dispatch(const CEvent& event);
+    void Hello(const CEvent& event);
+    void NotStartedEvent(const CEvent& event);
+    void FilespacesEvent(const CEvent& event);
+    void Begin(const CEvent& event);
+    // end: where its lines end in the trace; none for a restore cut short.
+    void Restored(const std::wstring& sResult, const std::wstring& sError, const CTraceMark& end);
+    void LinksDone(const CEvent& event);
+    void CheckStall(uint64_t ullNowMs);
+
+    const CRestoreRequest& m_request;
+    CProgressDisplay& m_display;
+    CRunRecord& m_record;
+    const bool m_bReport;
+    const CLibraryTrace m_trace;
+    bool m_bEnded = false;
+    bool m_bNotStarted = false;
+    std::wstring m_sSizeLimit; // the trace's size-limit warning, once seen
+    // The step under way: a filespace's restore (its record not yet made) or the link passes.
+    bool m_bInFilespace = false;
+    bool m_bInLinks = false;
+    morvane::Filespace m_current{};
+    CTraceMark m_mark;
+    morvane::ProgMsg m_lastProgress{};
+    uint64_t m_ullLastProgressMs = 0;
+    bool m_bStallSaid = false;
+    std::vector<morvane::Filespace> m_vRestored;
+};
+
+bool CRestoreFollower::Follow(CRestoreProcess& process, const std::atomic<bool>& bStop)
+{
+    std::vector<CEvent> vEvents;
+    m_ullLastProgressMs = ::GetTickCount64();
+    bool bStopped = false;
+    for (;;)
     {
-        PrintLine(L"Verified " + std::to_wstring(ullVerifiedFiles) + L" files (" +
-                  CProgressDisplay::Bytes(ullVerifiedBytes) + L") against the backup: " +
-                  (vDifferences.empty() ? std::wstring(L"no differences")
-                                        : std::to_wstring(vDifferences.size()) + L" differences"));
-        PrintDifferences(L"Differences:", vDifferences, bReport);
+        if (bStop && !bStopped)
+        {
+            bStopped = true;
+            process.Terminate(kStoppedByUser);
+        }
+        const CRestoreProcess::Wait wait = process.Read(kWaitMs, vEvents);
+        for (const CEvent& event : vEvents)
+        {
+            try
+            {
+                Dispatch(event);
+            }
+            catch (const nlohmann::json::exception& e) // a field missing or of the wrong kind
+            {
+                const std::string sEvent =
+                    event.dump(-1, ' ', false, CEvent::error_handler_t::replace).substr(0, 120);
+                m_record.sCutShort = L"the restore process sent an event keflhost cannot read (" +
+                                     morvane::FromUtf8(sEvent) + L"): " + morvane::FromUtf8(e.what());
+                process.Terminate(ERROR_INVALID_DATA);
+                return false;
+            }
+        }
+        if (wait == CRestoreProcess::Wait::Ended)
+            break;
+        CheckStall(::GetTickCount64());
     }
-    return record.iExitStatus = KnownStatus(record);
+    if (!process.ProtocolError().empty() && !m_bEnded)
+    {
+        m_record.sCutShort = process.ProtocolError();
+        process.Terminate(ERROR_INVALID_DATA);
+    }
+    return m_bEnded;
+}
+
+void CRestoreFollower::Dispatch(const CEvent& event)
+{
+    const std::string sName = event.at("event").get<std::string>();
+    if (sName == "hello")
+        Hello(event);
+    else if (sName == "line")
+        PrintLine(Wide(event, "text"));
+    else if (sName == "message")
+        PrintMessage(event);
+    else if (sName == "credentials")
+    {
+        m_record.sLocation = Wide(event, "location");
+        m_record.sPointInTime = Wide(event, "pointInTime");
+    }
+    else if (sName == "notStarted")
+        NotStartedEvent(event);
+    else if (sName == "filespaces")
+        FilespacesEvent(event);
+    else if (sName == "begin")
+        Begin(event);
+    else if (sName == "progress")
+    {
+        m_lastProgress = ProgressFromEvent(event);
+        m_ullLastProgressMs = ::GetTickCount64();
+        m_bStallSaid = false;
+        m_display.Show(m_lastProgress);
+    }
+    else if (sName == "restored")
+        Restored(Wide(event, "result"), Wide(event, "error"), MarkFromEvent(event.at("trace")));
+    else if (sName == "notInBackup")
+    {
+        const std::wstring sWanted = Wide(event, "name");
+        PrintLine(L"keflhost: the backup holds no filespace " + sWanted);
+        CFilespaceRecord entry;
+        entry.sName = sWanted;
+        entry.sResult = L"not in the backup";
+        m_record.vFilespaces.push_back(std::move(entry));
+    }
+    else if (sName == "links")
+    {
+        m_mark = MarkFromEvent(event.at("trace"));
+        m_bInLinks = true;
+    }
+    else if (sName == "linksDone")
+        LinksDone(event);
+    else if (sName == "end")
+        m_bEnded = true;
+    // An event of a later version of the protocol is passed over.
+}
+
+void CRestoreFollower::Hello(const CEvent& event)
+{
+    const CEvent& description = event.at("description");
+    const CEvent& version = event.at("version");
+    if (!description.is_null())
+        PrintLine(L"Description:   " + (m_record.sDescription = Wide(event, "description")));
+    if (!version.is_null())
+        PrintLine(L"Version:       " + (m_record.sVersion = Wide(event, "version")));
+    const CEvent& capabilities = event.at("capabilities");
+    if (!capabilities.empty())
+        PrintLine(L"Capabilities:");
+    for (const CEvent& capability : capabilities)
+        PrintLine(std::wstring(L"  ") + (capability.at("yes").get<bool>() ? L"yes  " : L"no   ") +
+                  Wide(capability, "name"));
+    m_record.bLinksRecordedOnly = event.at("wine").get<bool>();
+    if (m_record.bLinksRecordedOnly)
+        PrintLine(L"Running under Wine: backup streams, volume paths, the network provider and a console are "
+                  L"stood in; junctions and symbolic links are recorded, not made.");
+}
+
+// A session that could not start or list: the library's message, and what its trace says of why.
+void CRestoreFollower::NotStartedEvent(const CEvent& event)
+{
+    m_bNotStarted = true;
+    const std::wstring sError = Wide(event, "error");
+    m_record.sNotStarted = Wide(event, "why") + (sError.empty() ? L"" : L": " + sError);
+    PrintLine(L"keflhost: " + m_record.sNotStarted);
+    if (event.at("trace").is_null())
+        return;
+    m_record.vNotStartedTrace = m_trace.ReadFrom(MarkFromEvent(event.at("trace"))).vGaveUp;
+    PrintSome(
+        L"  the library's trace (" + m_trace.Path() + L") says:", m_record.vNotStartedTrace,
+        [](const std::wstring& sLine) { return sLine; }, false);
+}
+
+void CRestoreFollower::FilespacesEvent(const CEvent& event)
+{
+    const CEvent& list = event.at("list");
+    if (list.empty())
+    {
+        // A backup folder with its data folder and nothing else: there is nothing to restore.
+        m_bNotStarted = true;
+        m_record.sNotStarted = L"the backup holds no filespaces (no drive folder, no mount point)";
+        PrintLine(L"keflhost: " + m_record.sNotStarted);
+        return;
+    }
+    PrintLine(L"Filespaces:");
+    for (const CEvent& item : list)
+    {
+        const morvane::Filespace fs = FilespaceFromEvent(item);
+        PrintLine(L"  " + Name(fs) + L"   " + fs.sFsPath + L"   [" + DescribeFlags(fs.dwFsFlags) + L"]   " + Time(fs));
+    }
+}
+
+void CRestoreFollower::Begin(const CEvent& event)
+{
+    m_current = FilespaceFromEvent(event.at("filespace"));
+    m_mark = MarkFromEvent(event.at("trace"));
+    m_bInFilespace = true;
+    m_record.bRestoreBegan = true;
+    m_lastProgress = morvane::ProgMsg{};
+    m_ullLastProgressMs = ::GetTickCount64();
+}
+
+// A filespace's restore ended (or was cut short): its record, from what the trace says failed.
+void CRestoreFollower::Restored(const std::wstring& sResult, const std::wstring& sError, const CTraceMark& end)
+{
+    m_bInFilespace = false;
+    const CProgressDisplay::CTaskTotals totals = m_display.Finish();
+    const CTraceFindings findings = m_trace.ReadFrom(m_mark, end);
+    CFilespaceRecord entry;
+    entry.sName = Name(m_current);
+    entry.sPath = m_current.sFsPath;
+    entry.sResult = sResult;
+    entry.ullFiles = findings.ullFiles;
+    entry.ullFolders = findings.ullFolders;
+    entry.ullSkippedFiles = findings.ullSkippedFiles;
+    entry.ullSkippedFolders = findings.ullSkippedFolders;
+    entry.ullBytes = totals.ullBytes;
+    entry.dSeconds = totals.dSeconds;
+    entry.vFailures = findings.vFailures;
+    if (sResult != L"restored")
+    {
+        entry.sFailuresIncomplete = WhyIncomplete(findings, m_sSizeLimit);
+        if (!sError.empty())
+            PrintLine(L"keflhost: " + entry.sName + L" was not restored completely: " + sError);
+        if (entry.vFailures.empty() && entry.sFailuresIncomplete.empty() && sResult == L"failed")
+            PrintLine(L"  the library's trace (" + m_trace.Path() + L") names no file that failed: is its trace level 0?");
+    }
+    PrintFailures(L"  files and folders not restored on " + entry.sName + L" (" +
+                      std::to_wstring(entry.vFailures.size()) + L")",
+                  entry.vFailures, m_bReport);
+    if (!entry.sFailuresIncomplete.empty())
+        PrintLine(L"  " + entry.sFailuresIncomplete);
+    if (!findings.sSizeLimit.empty())
+        m_sSizeLimit = findings.sSizeLimit;
+    m_record.vFilespaces.push_back(std::move(entry));
+    m_vRestored.push_back(m_current);
+}
+
+void CRestoreFollower::LinksDone(const CEvent& event)
+{
+    m_bInLinks = false;
+    m_record.bLinksRestored = true;
+    for (const CEvent& link : event.at("recorded"))
+        m_record.vRecordedLinks.push_back({Wide(link, "kind"), Wide(link, "link"), Wide(link, "target")});
+    const CTraceFindings findings = m_trace.ReadFrom(m_mark, MarkFromEvent(event.at("trace")));
+    m_record.vLinkFailures = findings.vFailures;
+    CLinkPasses& passes = m_display.LinkPasses();
+    for (const CFailure& failure : m_record.vLinkFailures)
+    {
+        const size_t iPass = failure.kind == FailureKind::Junction       ? 0
+                             : failure.kind == FailureKind::SymbolicLink ? 1
+                                                                         : 2;
+        ++passes[iPass].ullFailed;
+    }
+    m_record.links = passes;
+    m_record.bLinksFailed = m_display.LinksFailed() || !m_record.vLinkFailures.empty();
+    if (m_record.bLinksFailed)
+        m_record.sLinkFailuresIncomplete = WhyIncomplete(findings, m_sSizeLimit);
+}
+
+// A locked file may hold the restore for minutes by design: a stall is said, never acted on.
+void CRestoreFollower::CheckStall(uint64_t ullNowMs)
+{
+    if (!m_bInFilespace || m_bStallSaid || ullNowMs - m_ullLastProgressMs < m_request.ullStallMs)
+        return;
+    m_bStallSaid = true;
+    const std::wstring sLast = m_trace.ReadFrom(m_mark).sLastNamed;
+    PrintLine(L"keflhost: no progress for " + std::to_wstring((ullNowMs - m_ullLastProgressMs) / 60000) +
+              L" minutes while restoring " + Name(m_current) +
+              (sLast.empty() ? L"; the trace names no file yet" : L"; the last file the trace names: " + sLast));
+}
+
+void CRestoreFollower::CutShort(const std::wstring& sHow)
+{
+    m_record.sCutShort = sHow;
+    std::wstring sAt = L"before its first filespace";
+    if (m_bInFilespace)
+    {
+        sAt = L"while restoring " + Name(m_current) + L", after " +
+              Count(m_lastProgress.ullDone, L"file or folder", L"files and folders") + L" and " +
+              CProgressDisplay::Bytes(m_lastProgress.ullBytesDone) + L" of " +
+              CProgressDisplay::Bytes(m_lastProgress.ullTotal);
+        Restored(L"cut short", L"", {});
+        m_record.vFilespaces.back().ullDone = m_lastProgress.ullDone;
+    }
+    else if (m_bInLinks)
+    {
+        sAt = L"while making the links";
+        LinksDone({{"recorded", CEvent::array()}, {"trace", nullptr}});
+        m_record.bLinksFailed = true;
+    }
+    else if (m_record.bRestoreBegan)
+        sAt = L"between two steps";
+    PrintLine(L"keflhost: the restore was cut short " + sAt + L": " + sHow);
+    PrintLine(L"  running keflhost again over the same target restores what is missing");
 }
 
 // Each restored filespace compared with the backup; vRestored are the first of the record's.
 void Verify(const std::vector<morvane::Filespace>& vRestored, CProgressDisplay& display, CRunRecord& record,
             bool bReport)
 {
-    for (size_t i = 0; i < vRestored.size(); ++i)
+    size_t iEntry = 0;
+    for (const morvane::Filespace& fs : vRestored)
     {
-        CFilespaceRecord& entry = record.vFilespaces[i];
+        while (record.vFilespaces[iEntry].sName != Name(fs))
+            ++iEntry;
+        CFilespaceRecord& entry = record.vFilespaces[iEntry];
         display.Begin(L"Verifying " + entry.sName + L" against the backup");
         entry.verification = VerifyFilespace(
-            BackupFolder(record.sLocation, vRestored[i]), RestoredFolder(vRestored[i]),
+            BackupFolder(record.sLocation, fs), RestoredFolder(fs),
             [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
         display.Finish();
         entry.bVerified = true;
-        PrintDifferences(L"  differences in " + entry.sName + L":", entry.verification.vDifferences, bReport);
+        PrintDifferences(L"  differences on " + entry.sName + L" (" +
+                             std::to_wstring(entry.verification.vDifferences.size()) + L")",
+                         entry.verification.vDifferences, bReport);
     }
+}
+
+// "2999 of 3000 files": of those to restore, those that came back.
+std::wstring CameBack(uint64_t ullInBackup, uint64_t ullSkipped, uint64_t ullFailed, const wchar_t* pwszOne,
+                      const wchar_t* pwszMany)
+{
+    const uint64_t ullToRestore = ullInBackup - std::min(ullInBackup, ullSkipped);
+    return std::to_wstring(ullToRestore - std::min(ullToRestore, ullFailed)) + L" of " +
+           Count(ullToRestore, pwszOne, pwszMany);
+}
+
+// "E:  2999 of 3000 files and 12 of 12 folders came back; 1 file and 0 folders did not".
+std::wstring DescribeFilespace(const CFilespaceRecord& fs)
+{
+    if (fs.sResult == L"not in the backup")
+        return fs.sName + L"  not in the backup";
+    if (fs.sResult == L"cut short") // the files never handed over are neither restored nor failed
+        return fs.sName + L"  cut short after " + std::to_wstring(fs.ullDone) + L" of " +
+               Count(fs.ullFiles + fs.ullFolders, L"file or folder", L"files and folders") +
+               (fs.vFailures.empty() ? L"" : L"; " + Count(fs.vFailures.size(), L"failure", L"failures") + L" before");
+    const uint64_t ullFilesFailed = CountKind(fs.vFailures, FailureKind::File);
+    const uint64_t ullFoldersFailed = CountKind(fs.vFailures, FailureKind::Folder);
+    const uint64_t ullListings = CountKind(fs.vFailures, FailureKind::Listing);
+    std::wstring sLine = fs.sName + L"  ";
+    if (fs.ullFiles + fs.ullFolders == 0) // no walk counts in the trace (trace level below 3)
+        sLine += fs.sResult == L"restored" ? L"came back" : L"did not come back whole";
+    else
+        sLine += CameBack(fs.ullFiles, fs.ullSkippedFiles, ullFilesFailed, L"file", L"files") + L" and " +
+                 CameBack(fs.ullFolders, fs.ullSkippedFolders, ullFoldersFailed, L"folder", L"folders") +
+                 L" came back";
+    if (ullFilesFailed + ullFoldersFailed > 0)
+        sLine += L"; " + Count(ullFilesFailed, L"file", L"files") + L" and " +
+                 Count(ullFoldersFailed, L"folder", L"folders") + L" did not";
+    if (ullListings > 0)
+        sLine += L"; " + Count(ullListings, L"backup folder", L"backup folders") + L" could not be listed";
+    if (fs.ullSkippedFiles + fs.ullSkippedFolders > 0)
+        sLine += L"; " + Count(fs.ullSkippedFiles + fs.ullSkippedFolders, L"left out by rule", L"left out by rule");
+    return fs.sResult == L"restored" || fs.sResult == L"failed" ? sLine : sLine + L" (" + fs.sResult + L")";
+}
+
+void SummariseLinks(const CRunRecord& record, bool bReport)
+{
+    PrintLine(L"Links: " + CProgressDisplay::DescribeLinks(record.links));
+    PrintFailures(L"Links not made (" + std::to_wstring(record.vLinkFailures.size()) + L"):", record.vLinkFailures,
+                  bReport);
+    if (!record.sLinkFailuresIncomplete.empty())
+        PrintLine(L"  " + record.sLinkFailuresIncomplete);
+    if (record.bLinksFailed && record.vLinkFailures.empty())
+        PrintLine(L"  not every link was made");
+    for (const auto& link : record.vRecordedLinks)
+        PrintLine(L"  recorded, not made (Wine cannot): " + link[0] + L" " + link[1] + L" -> " + link[2]);
+}
+
+// The end of the run: what was restored, made and verified, and the exit status that says so.
+int Summarise(CRunRecord& record, const CRestoreRequest& request)
+{
+    const bool bReport = !request.sReportFile.empty();
+    std::vector<CFailure> vFailures;
+    std::vector<CDifference> vDifferences;
+    uint64_t ullVerifiedFiles = 0;
+    uint64_t ullVerifiedBytes = 0;
+    PrintLine(L"Filespaces restored:");
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+    {
+        PrintLine(L"  " + DescribeFilespace(fs));
+        vFailures.insert(vFailures.end(), fs.vFailures.begin(), fs.vFailures.end());
+        vDifferences.insert(vDifferences.end(), fs.verification.vDifferences.begin(),
+                            fs.verification.vDifferences.end());
+        ullVerifiedFiles += fs.verification.ullFiles;
+        ullVerifiedBytes += fs.verification.ullBytes;
+    }
+    PrintFailures(L"Files and folders not restored (" + std::to_wstring(vFailures.size()) + L"):", vFailures,
+                  bReport);
+    for (const CFilespaceRecord& fs : record.vFilespaces)
+        if (!fs.sFailuresIncomplete.empty())
+            PrintLine(L"  " + fs.sName + L" " + fs.sFailuresIncomplete);
+    if (record.bLinksRestored)
+        SummariseLinks(record, bReport);
+    if (request.bVerify && record.sCutShort.empty())
+    {
+        PrintLine(L"Verified " + Count(ullVerifiedFiles, L"file", L"files") + L" (" +
+                  CProgressDisplay::Bytes(ullVerifiedBytes) + L") against the backup: " +
+                  (vDifferences.empty() ? std::wstring(L"no differences")
+                                        : Count(vDifferences.size(), L"difference", L"differences")));
+        PrintDifferences(L"Differences:", vDifferences, bReport);
+    }
+    if (!record.sCutShort.empty())
+        PrintLine(L"The restore was cut short (" + record.sCutShort + L")" +
+                  (request.bVerify ? L": nothing was verified." : L"."));
+    return record.iExitStatus = KnownStatus(record);
 }
 
 } // namespace
@@ -291,87 +527,28 @@ int StoppedStatus(const CRunRecord& record) noexcept
     return record.bRestoreBegan ? kExitFilesFailed | KnownStatus(record) : kExitNotStarted;
 }
 
-std::wstring DescribeFlags(uint32_t dwFsFlags)
+int FollowRestore(CRestoreProcess& process, const CRestoreRequest& request, const std::atomic<bool>& bStop,
+                  CProgressDisplay& display, CRunRecord& record)
 {
-    std::wstring sFlags;
-    auto add = [&](const wchar_t* pwsz) { sFlags += (sFlags.empty() ? L"" : L" ") + std::wstring(pwsz); };
-    const bool bBoot = (dwFsFlags & (kFlagBootOrSystem | kFlagBoot)) == (kFlagBootOrSystem | kFlagBoot);
-    const bool bSystem = (dwFsFlags & (kFlagBootOrSystem | kFlagSystem)) == (kFlagBootOrSystem | kFlagSystem);
-    if (bBoot)
-        add(L"BOOT");
-    if (bSystem)
-        add(L"SYSTEM");
-    // 0x2 alone marks the drive that carried the configuration; on BOOT it cannot be told apart.
-    if ((dwFsFlags & kFlagBoot) && !bBoot)
-        add(L"CONFIG");
-    if (dwFsFlags & kFlagMount)
-        add(L"MOUNT");
-    return sFlags;
-}
-
-int RunRestore(morvane::VESK& client, morvane::VeskCredentials& credentials, const CRestoreRequest& request,
-               CProgressDisplay& display, CHostOutput& output, CRunRecord& record)
-{
-    const CLibraryTrace trace;
-    const CTraceMark sessionMark = trace.Mark();
-    const bool bInitialised = client.Init(&credentials);
-    // Init leaves the process in a hidden console of the library's: our output goes back to the user's.
-    output.Reclaim();
-    if (!bInitialised)
-        return EndSession(client, output, record, L"the restore session could not start", trace, sessionMark);
-    std::vector<morvane::Filespace> vFilespaces;
-    if (!client.GetFilespaceList(vFilespaces))
-        return EndSession(client, output, record, L"the backup's filespaces could not be listed", trace,
-                          sessionMark);
-    if (vFilespaces.empty())
+    CRestoreFollower follower(request, display, record);
+    const bool bEnded = follower.Follow(process, bStop);
+    const DWORD dwExitCode = process.ExitCode();
+    if (!bEnded)
     {
-        // A backup folder with its data folder and nothing else: there is nothing to restore.
-        client.Fini();
-        output.Reclaim();
-        record.sNotStarted = L"the backup holds no filespaces (no drive folder, no mount point)";
-        PrintLine(L"keflhost: " + record.sNotStarted);
+        const std::wstring sHow = bStop ? L"stopped by the user"
+                                  : record.sCutShort.empty()
+                                      ? L"the restore process ended early, " + DescribeExitCode(dwExitCode)
+                                      : record.sCutShort + L"; " + DescribeExitCode(dwExitCode);
+        follower.CutShort(sHow);
+        if (!record.bRestoreBegan)
+            return record.iExitStatus = kExitCutShort | kExitNotStarted;
+    }
+    else if (follower.NotStarted())
         return record.iExitStatus = kExitNotStarted;
-    }
-    PrintList(vFilespaces);
-    if (request.bListOnly)
-    {
-        client.Fini();
-        output.Reclaim();
+    else if (request.bListOnly || record.vFilespaces.empty())
         return record.iExitStatus = kExitOk;
-    }
-
-    const bool bReport = !request.sReportFile.empty();
-    std::wstring sSizeLimit;
-    std::vector<morvane::Filespace> vRestored;
-    for (morvane::Filespace& fs : vFilespaces)
-    {
-        if (!IsSelected(fs, request))
-            continue;
-        record.bRestoreBegan = true;
-        record.vFilespaces.push_back(RestoreOne(client, fs, trace, display, sSizeLimit, bReport));
-        vRestored.push_back(fs);
-    }
-    for (const std::wstring& sWanted : request.vSelected)
-    {
-        CRestoreRequest one;
-        one.vSelected = {sWanted};
-        if (std::none_of(vFilespaces.begin(), vFilespaces.end(),
-                         [&](const morvane::Filespace& fs) { return IsSelected(fs, one); }))
-        {
-            PrintLine(L"keflhost: the backup holds no filespace " + sWanted);
-            CFilespaceRecord entry;
-            entry.sName = sWanted;
-            entry.sResult = L"not in the backup";
-            record.vFilespaces.push_back(std::move(entry));
-        }
-    }
-
-    MakeLinks(client, trace, display, request, record, sSizeLimit);
-    client.Fini();
-    output.Reclaim();
-
-    if (request.bVerify)
-        Verify(vRestored, display, record, bReport);
+    if (request.bVerify && record.sCutShort.empty())
+        Verify(follower.Restored(), display, record, !request.sReportFile.empty());
     return Summarise(record, request);
 }
 

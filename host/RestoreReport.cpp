@@ -44,6 +44,8 @@ nlohmann::ordered_json ExitBits(int iStatus)
         bits.push_back("links failed");
     if (iStatus & kExitDifferences)
         bits.push_back("differences");
+    if (iStatus & kExitCutShort)
+        bits.push_back("cut short");
     return bits;
 }
 
@@ -73,6 +75,8 @@ std::string ReportJson(const CRunRecord& record)
                                         {"folders", fs.ullFolders},     {"bytes", fs.ullBytes},
                                         {"seconds", fs.dSeconds},       {"failures", Failures(fs.vFailures)},
                                         {"failuresMayBeMissing", MayBeMissing(fs.sFailuresIncomplete)}};
+        if (fs.sResult == L"cut short")
+            entry["doneBeforeCutShort"] = fs.ullDone;
         if (fs.bVerified)
         {
             nlohmann::ordered_json differences = nlohmann::ordered_json::array();
@@ -105,6 +109,8 @@ std::string ReportJson(const CRunRecord& record)
     }
     if (!record.sStopped.empty())
         report["stopped"] = ToUtf8(record.sStopped);
+    if (!record.sCutShort.empty())
+        report["cutShort"] = ToUtf8(record.sCutShort);
     report["exitStatus"] = record.iExitStatus;
     report["exitMeaning"] = ExitBits(record.iExitStatus);
     // Replaced, not thrown: a name the conversion could not carry must not lose the report.

@@ -4,6 +4,7 @@
 #include "host/ProgressDisplay.h"
 #include "host/RestoreVerify.h"
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -17,14 +18,18 @@ constexpr int kExitNotStarted = 1;  // the library, the arguments, the credentia
 constexpr int kExitFilesFailed = 2; // a file, folder or filespace was not restored
 constexpr int kExitLinksFailed = 4; // a junction, symbolic link or hard link was not made
 constexpr int kExitDifferences = 8; // the verification found a restored file unlike its backup
+constexpr int kExitCutShort = 16;   // the restore process ended before the restore did
 
 struct CFilespaceRecord
 {
     std::wstring sName; // "E:" or the mount point's folder
     std::wstring sPath;
-    std::wstring sResult; // "restored", "failed" or "not in the backup"
-    uint64_t ullFiles = 0;
+    std::wstring sResult; // "restored", "failed", "cut short" or "not in the backup"
+    uint64_t ullFiles = 0;   // in the backup, as the walk counted them
     uint64_t ullFolders = 0;
+    uint64_t ullSkippedFiles = 0; // of those, left out by rule
+    uint64_t ullSkippedFolders = 0;
+    uint64_t ullDone = 0; // files and folders done, when the restore was cut short
     uint64_t ullBytes = 0;
     double dSeconds = 0;
     std::vector<CFailure> vFailures;
@@ -50,6 +55,9 @@ struct CRunRecord
     std::wstring sNotStarted;                   // why nothing could start, when nothing did
     std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it
     std::wstring sStopped;                      // the error that ended the run after it began
+    std::wstring sCutShort; // how the restore process ended before the restore did
+    // Under Wine: the junctions and symbolic links the stand-ins recorded ("junction", link, target).
+    std::vector<std::array<std::wstring, 3>> vRecordedLinks;
     int iExitStatus = kExitOk;
 };
 

@@ -1,20 +1,22 @@
-// keflhost: our command-line recovery host. It loads KEFL.dll as the recovery host does (by name
-// from its own folder, through the exported factories), registers its callbacks, shows what the
-// client is, builds the credentials of a restore, lists the backup's filespaces and restores them.
-#include "VESK.h"
-#include "VeskCredentials.h"
-#include "host/HostCredentials.h"
+// keflhost: our command-line recovery host. It starts its restore process (keflrestore.exe beside
+// it), which loads KEFL.dll as the recovery host does and runs the restore, and shows and reports
+// what that process tells it. keflhost itself never loads the library: the console the
+// administrator watches, the progress, the list of failures and the report survive whatever the
+// library does (its console set-up, a crash, a kill), and Ctrl+C stops the restore and still
+// leaves the report.
 #include "host/HostOutput.h"
 #include "host/RestoreDriver.h"
 #include "host/RestoreReport.h"
+#include "host/RestoreSession.h"
+#include "platform/ModulePath.h"
 #include "platform/UniqueHandle.h"
-#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstring>
+#include <cwchar>
 #include <exception>
-#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -24,25 +26,24 @@ using keflhost::PrintLine;
 namespace
 {
 
-struct CVeskDeleter
-{
-    void operator()(morvane::VESK* p) const { delete p; }
-};
-
 const wchar_t kUsage[] =
     L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
     L"                [--list | --restore C,D,C:\\Mount\\Data] [--verify] [--report FILE]\n"
-    L"Loads KEFL.dll from this program's folder and prints the client's description, version and\n"
-    L"capabilities. With credentials (from the recovery answer file's section ZovaBackupLocation, or\n"
-    L"a backup folder and an optional point in time) it lists the backup's filespaces and restores\n"
-    L"them all, or those named after --restore (drive letters or mount-point folders), then makes\n"
-    L"the links; --list stops after the list. Messages of the client are shown as [info], [warning]\n"
-    L"or [error]; every file, folder and link that could not be restored is listed with its error.\n"
-    L"  --verify       afterwards compares every restored file with its copy in the backup\n"
-    L"  --report FILE  writes what was done, failed and verified as JSON\n"
+    L"                [--stall-minutes N]\n"
+    L"Starts its restore process, which loads KEFL.dll from this program's folder, and prints the\n"
+    L"client's description, version and capabilities. With credentials (from the recovery answer\n"
+    L"file's section ZovaBackupLocation, or a backup folder and an optional point in time) it lists\n"
+    L"the backup's filespaces and restores them all, or those named after --restore (drive letters or\n"
+    L"mount-point folders), then makes the links; --list stops after the list. Messages of the client\n"
+    L"are shown as [info], [warning] or [error]; every file, folder and link that could not be\n"
+    L"restored is listed with its error. Ctrl+C stops the restore (a second one ends keflhost at once).\n"
+    L"  --verify           afterwards compares every restored file with its copy in the backup\n"
+    L"  --report FILE      writes what was done, failed and verified as JSON\n"
+    L"  --stall-minutes N  says so when no progress came for N minutes (10 by default)\n"
     L"Exit status: 0 everything restored (and verified); 1 nothing could start (the library, the\n"
     L"arguments, the credentials, the session, or a backup without filespaces); otherwise the sum of\n"
-    L"2 files or folders not restored, 4 links not made, 8 verification found differences.";
+    L"2 files or folders not restored, 4 links not made, 8 verification found differences, 16 the\n"
+    L"restore was cut short (its process crashed or was ended, or Ctrl+C).";
 
 struct COptions
 {
@@ -94,6 +95,8 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
             options.request.bListOnly = true;
         else if (sArg == L"--restore" && bHasValue)
             options.request.vSelected = SplitList(argv[++i]);
+        else if (sArg == L"--stall-minutes" && bHasValue && std::wcstoul(argv[i + 1], nullptr, 10) > 0)
+            options.request.ullStallMs = std::wcstoul(argv[++i], nullptr, 10) * 60000ull;
         else
             return false;
     }
@@ -106,36 +109,11 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
     return !bBoth && !bPitAlone && !bRestoreAlone;
 }
 
-void PrintClient(morvane::VESK& client, keflhost::CRunRecord& record)
-{
-    if (client.GetModuleProperty(morvane::PROP_DESCRIPTION, record.sDescription) == 0)
-        PrintLine(L"Description:   " + record.sDescription);
-    if (client.GetModuleProperty(morvane::PROP_VERSION, record.sVersion) == 0)
-        PrintLine(L"Version:       " + record.sVersion);
-
-    static const struct
-    {
-        morvane::CapabilityType enCapability;
-        const wchar_t* pwszName;
-    } kCapabilities[] = {
-        {morvane::CAP_MULTI_MACHINE, L"several machines in one backup"},
-        {morvane::CAP_SEPARATE_HARD_LINKS, L"hard links restored separately"},
-        {morvane::CAP_SEPARATE_SYSTEM_STATE, L"system state restored separately"},
-        {morvane::CAP_BACKUP_SETS, L"backup sets"},
-        {morvane::CAP_BACKUP_IMAGES, L"backup images"},
-        {morvane::CAP_TAPE_BACKUPS, L"tape backups"},
-    };
-    PrintLine(L"Capabilities:");
-    for (const auto& capability : kCapabilities)
-        PrintLine(std::wstring(L"  ") +
-                  (client.HasCapability(capability.enCapability) ? L"yes  " : L"no   ") +
-                  capability.pwszName);
-}
-
-template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)
-{
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(hModule, pszName)));
-}
+// The user's Ctrl+C, Ctrl+Break or closing of the console window: the first stops the restore
+// (the main thread ends the restore process and writes the report), the second ends keflhost.
+std::atomic<bool> g_bStop{false};
+std::atomic<int> g_cStops{0};
+morvane::CUniqueHandle g_hReported; // set once the report is written
 
 // Ends the run: the report when asked for, and the exit status. A report that cannot be written
 // is said so on screen; the status still tells what the restore did.
@@ -144,7 +122,37 @@ int Finish(const COptions& options, keflhost::CRunRecord& record, int iStatus)
     record.iExitStatus = iStatus;
     if (!options.request.sReportFile.empty())
         keflhost::WriteReport(options.request.sReportFile, record);
+    if (g_hReported)
+        ::SetEvent(g_hReported.get());
     return iStatus;
+}
+
+// Where the restore process is: beside keflhost; a test may name a stand-in of its own.
+std::wstring RestoreProgram()
+{
+    wchar_t wszOverride[MAX_PATH] = {};
+    if (::GetEnvironmentVariableW(L"KEFLHOST_RESTORE_PROCESS", wszOverride, MAX_PATH) - 1 < MAX_PATH - 1)
+        return wszOverride;
+    std::wstring sModule;
+    DWORD dwLastError = 0;
+    if (!morvane::GetModulePath(nullptr, sModule, dwLastError) || sModule.rfind(L'\\') == std::wstring::npos)
+        return L"keflrestore.exe";
+    return sModule.substr(0, sModule.rfind(L'\\') + 1) + L"keflrestore.exe";
+}
+
+
+// The user's Ctrl+C, Ctrl+Break or closing of the console window.
+BOOL WINAPI OnConsoleControl(DWORD dwType)
+{
+    if (dwType != CTRL_C_EVENT && dwType != CTRL_BREAK_EVENT && dwType != CTRL_CLOSE_EVENT)
+        return FALSE;
+    if (g_cStops++ > 0)
+        ::ExitProcess(keflhost::kExitCutShort);
+    g_bStop = true;
+    // A closed window ends the process when this returns: the report is waited for, a little.
+    if (dwType == CTRL_CLOSE_EVENT && g_hReported)
+        ::WaitForSingleObject(g_hReported.get(), 4000);
+    return TRUE;
 }
 
 int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& record)
@@ -154,64 +162,22 @@ int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& recor
         PrintLine(kUsage);
         return options.bHelp ? keflhost::kExitOk : keflhost::kExitNotStarted;
     }
-
-    morvane::CUniqueLibrary hKefl(::LoadLibraryW(L"KEFL.dll"));
-    if (!hKefl)
+    keflhost::CSessionRequest session;
+    session.sAnsFile = options.sAnsFile;
+    session.sLocation = options.sLocation;
+    session.sPit = options.sPit;
+    session.bListOnly = options.request.bListOnly;
+    session.vSelected = options.request.vSelected;
+    keflhost::CRestoreProcess process;
+    std::wstring sError;
+    if (!process.Start(RestoreProgram(), keflhost::SessionArguments(session), sError))
     {
-        const DWORD dwLastError = ::GetLastError();
-        record.sNotStarted = L"cannot load KEFL.dll: " + keflhost::ErrorText(dwLastError);
-        PrintLine(L"keflhost: " + record.sNotStarted);
+        record.sNotStarted = sError;
+        PrintLine(L"keflhost: " + sError);
         return Finish(options, record, keflhost::kExitNotStarted);
     }
-    const auto pfnFactory = Export<morvane::FactoryFn>(hKefl.get(), "Factory");
-    const auto pfnCredentialsFactory =
-        Export<morvane::CredentialsFactoryFn>(hKefl.get(), "CredentialsFactory");
-    if (!pfnFactory || !pfnCredentialsFactory)
-    {
-        record.sNotStarted = L"KEFL.dll does not export Factory and CredentialsFactory";
-        PrintLine(L"keflhost: " + record.sNotStarted);
-        return Finish(options, record, keflhost::kExitNotStarted);
-    }
-
-    // Under Wine only: the Windows answers that Wine 8 lacks (volume paths, the network provider,
-    // backup streams, a usable console), so that a whole restore runs as it would on Windows.
-    const winecompat::CWineStandIns wineStandIns(hKefl.get());
-    if (wineStandIns.IsActive())
-        PrintLine(
-            L"Running under Wine: backup streams, volume paths, the network provider and a console are stood "
-            L"in; junctions and symbolic links are recorded, not made.");
-    options.request.bLinksRecordedOnly = wineStandIns.IsActive();
-
-    std::unique_ptr<morvane::VESK, CVeskDeleter> pClient(pfnFactory());
-    if (!pClient)
-    {
-        record.sNotStarted = L"KEFL.dll's Factory made no client";
-        PrintLine(L"keflhost: " + record.sNotStarted);
-        return Finish(options, record, keflhost::kExitNotStarted);
-    }
-    pClient->SetLogMsgCallbackFn(&keflhost::LogMsg, 0);
     keflhost::CProgressDisplay display(keflhost::Output());
-    pClient->SetProgMsgCallbackFn(&keflhost::CProgressDisplay::OnProgress,
-                                  reinterpret_cast<uintptr_t>(&display));
-    PrintClient(*pClient, record);
-    if (options.sAnsFile.empty() && options.sLocation.empty())
-        return keflhost::kExitOk;
-
-    keflhost::CCredentialsPtr pCredentials =
-        options.sAnsFile.empty()
-            ? keflhost::CredentialsFromLocation(pfnCredentialsFactory, options.sLocation, options.sPit)
-            : keflhost::CredentialsFromAnswerFile(pfnCredentialsFactory, options.sAnsFile);
-    if (!pCredentials)
-    {
-        record.sNotStarted = L"the credentials were refused";
-        return Finish(options, record, keflhost::kExitNotStarted);
-    }
-    keflhost::PrintCredentials(*pCredentials, record.sLocation, record.sPointInTime);
-    pCredentials->Check();
-
-    const int iStatus =
-        keflhost::RunRestore(*pClient, *pCredentials, options.request, display, keflhost::Output(), record);
-    return Finish(options, record, iStatus);
+    return Finish(options, record, keflhost::FollowRestore(process, options.request, g_bStop, display, record));
 }
 
 // An error that ended the run early: nothing could start before the first filespace began; after
@@ -239,8 +205,9 @@ int Stopped(const COptions& options, keflhost::CRunRecord& record, const wchar_t
 
 int wmain(int argc, wchar_t** argv)
 {
-    // Standard output as it is before the library touches the console.
     keflhost::Output();
+    g_hReported.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ::SetConsoleCtrlHandler(&OnConsoleControl, TRUE);
     COptions options;
     keflhost::CRunRecord record;
     try

@@ -278,6 +278,8 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     CRestoreProgress reporter(progress, m_pfnProgMsg, m_pProgMsgCtx, walk.ullBytes);
     std::wstring sSrc;
     std::wstring sDst;
+    int64_t llSkippedFiles = 0;
+    int64_t llSkippedFolders = 0;
     {
         CCopyWorkers workers(RestoreThreads(), [&reporter] { reporter.Report(); });
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
@@ -288,7 +290,9 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             if (entry.IsDirectory())
             {
                 g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
-                reporter.EntryDone(IsSkippedDirectory(sDst) || CreateFolder(sDst));
+                const bool bSkipped = IsSkippedDirectory(sDst);
+                llSkippedFolders += bSkipped ? 1 : 0;
+                reporter.EntryDone(bSkipped || CreateFolder(sDst));
             }
             else if (IsSkippedFile(sDst))
             {
@@ -296,6 +300,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
                 // Counted, but left out by rule: what will be restored is the total.
                 reporter.Skipped(entry.ullSize);
                 reporter.EntryDone(true);
+                ++llSkippedFiles;
             }
             else
             {
@@ -308,6 +313,10 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     }
     m_unrestored.WalkEnded(sDstFolder);
     const bool bFailed = reporter.AnyFailed();
+    // Left out by rule (the recycle bins, System Volume Information, the paging and hibernation
+    // files): counted by the walk, not restored, and no failure.
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullSkippedFiles", llSkippedFiles);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullSkippedFolders", llSkippedFolders);
 
     // Folders last, deepest first: restoring a folder's content changes its times.
     for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)

@@ -7,7 +7,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include <tlhelp32.h>
+
+#include <functional>
 #include <map>
+#include <thread>
 #include <tuple>
 
 using namespace kefltest;
@@ -16,7 +20,8 @@ namespace
 {
 
 // Runs keflhost.exe from the host folder: its exit code, and its output (standard output and error).
-std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments)
+// While it runs, whileRunning is called on a thread of its own.
+std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments, const std::function<void()>& whileRunning = {})
 {
     SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
     morvane::CUniqueHandle hRead, hWrite;
@@ -33,13 +38,39 @@ std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments)
         ::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi));
     morvane::CUniqueHandle hProcess(pi.hProcess), hThread(pi.hThread);
     hWrite.reset(); // the pipe ends when the host's copy closes
+    std::thread during(whileRunning ? whileRunning : [] {});
     std::pair<DWORD, std::string> run{0xFFFFFFFF, ""};
     char buf[4096];
     for (DWORD cbRead = 0; ::ReadFile(hRead.get(), buf, sizeof(buf), &cbRead, nullptr) && cbRead > 0;)
         run.second.append(buf, cbRead);
     ::WaitForSingleObject(hProcess.get(), 60000);
     ::GetExitCodeProcess(hProcess.get(), &run.first);
+    during.join();
     return run;
+}
+
+// A backup of one drive folder F (the configuration's drive) with these files, each "x".
+void MakeHostBackup(const std::wstring& sRoot, std::initializer_list<const wchar_t*> files)
+{
+    MakeFolders(sRoot + L"\\F\\ZOVACFG");
+    MakeFolders(sRoot + L"\\#");
+    for (const wchar_t* pwszFile : files)
+        WriteBytes(sRoot + L"\\F\\" + pwszFile, "x");
+    WriteTextFile(sRoot + L"\\#\\disrec.ini",
+                  "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
+    WriteTextFile(sRoot + L"\\#\\HPoint.dat", "");
+}
+
+// The restore process, found by the name of its program among the running ones; null when none is.
+morvane::CUniqueHandle FindRestoreProcess()
+{
+    const morvane::CUniqueHandle hSnapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL b = ::Process32FirstW(hSnapshot.get(), &entry); b; b = ::Process32NextW(hSnapshot.get(), &entry))
+        if (_wcsicmp(entry.szExeFile, L"keflrestore.exe") == 0)
+            return morvane::CUniqueHandle(::OpenProcess(PROCESS_TERMINATE, FALSE, entry.th32ProcessID));
+    return {};
 }
 
 } // namespace
@@ -104,7 +135,8 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
     const auto [dwClean, sClean] = RunHost(L"--answer-file R:\\HostSample.ini --verify");
     EXPECT_EQ(0u, dwClean) << sClean;
     for (const char* pszExpected :
-         {"Restored 1 of 1 filespaces.", "Links: junctions 0 of 0, symbolic links 0 of 0, hard links 1 of 1",
+         {"F:  27 of 27 files and 4 of 4 folders came back; 1 left out by rule",
+          "Links: junctions 0 of 0, symbolic links 0 of 0, hard links 1 of 1",
           "Verified 27 files (1.3 MiB) against the backup: no differences"})
         EXPECT_NE(std::string::npos, sClean.find(pszExpected)) << pszExpected << " in:\n" << sClean;
     EXPECT_EQ(2u, FileIdentity(L"F:\\Data\\copy.bin").dwLinks) << "one file, two names";
@@ -290,4 +322,78 @@ TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
         record.bLinksFailed = bLinksFailed;
         EXPECT_EQ(iStatus, keflhost::StoppedStatus(record)) << bBegan << bRestored << bDifferences << bLinksFailed;
     }
+}
+
+TEST_F(KeflFixture, HostSaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
+{
+    // A stand-in restore process sends these bytes and ends with this exit code.
+    const std::string kHello = R"({"event":"hello","protocol":1,"description":"d","version":"1","capabilities":[],)"
+                               R"("wine":false})" "\n";
+    const std::string kFs = R"({"name":"F","path":"F:\\","mountDir":"","flags":3,"drive":"F","time":null})";
+    const std::string kBegun = kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" +
+                               R"({"event":"begin","filespace":)" + kFs + R"(,"trace":null})" "\n" +
+                               R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
+                               R"("bytesDone":2048,"total":4096,"done":3})" "\n";
+    const struct
+    {
+        std::string sStream;
+        const char* pszExit;
+        DWORD dwStatus;
+        const char* pszSaid;
+    } kCases[] = {
+        {kBegun, "0xC0000005", 16 | 2, "cut short while restoring F:, after 3 files and folders and 2.0 KiB of 4.0 KiB"
+                                       ": the restore process ended early, exit code 0xC0000005: an access violation"},
+        {"", "0xC00000FD", 16 | 1, "exit code 0xC00000FD: a stack overflow"},
+        {kHello + "not an event\n", "0", 16 | 1, "line 2 from the restore process: not a JSON object"},
+        {kHello + R"({"event":"line","te)", "0", 16 | 1, "line 2 from the restore process: cut off"},
+        {kHello + R"({"event":"line"})" "\n", "0", 16 | 1, "an event keflhost cannot read"},
+        {R"({"event":"hello","protocol":2})" "\n", "0", 16 | 1, "line 1 from the restore process: not a hello of protocol 1"},
+    };
+    const std::wstring sScript = HostDir() + L"\\stand-in-events.txt";
+    ::SetEnvironmentVariableW(L"KEFLHOST_RESTORE_PROCESS", (HostDir() + L"\\kefl_test_child.exe").c_str());
+    ::SetEnvironmentVariableW(L"KEFL_TEST_CHILD_SCRIPT", sScript.c_str());
+    for (const auto& [sStream, pszExit, dwStatus, pszSaid] : kCases)
+    {
+        WriteBytes(sScript, sStream);
+        ::SetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", pszExit);
+        const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Anything --report R:\\HostCut.json");
+        EXPECT_EQ(dwStatus, dwExitCode) << sOutput;
+        EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
+        const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostCut.json"), nullptr, false);
+        EXPECT_FALSE(report.value("cutShort", "").empty()) << pszSaid;
+    }
+    for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT"})
+        ::SetEnvironmentVariableW(pwszName, nullptr);
+    RemoveFile(sScript);
+    RemoveFile(L"R:\\HostCut.json");
+}
+
+TEST_F(KeflFixture, HostReportsARestoreProcessKilledMidwayAndASecondRunRestoresTheRest)
+{
+    // The restore waits for a backup file that another program holds; meanwhile its process dies.
+    MakeHostBackup(L"R:\\HostKilled", {L"a.txt", L"held.bin", L"z.txt"});
+    RemoveTree(L"F:\\held.bin");
+    morvane::CUniqueFile hHeld(::CreateFileW(L"R:\\HostKilled\\F\\held.bin", GENERIC_READ, 0, nullptr,
+                                             OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(hHeld);
+    const auto killWhenHeld = [this]
+    {
+        for (int i = 0; i < 600; ++i, ::Sleep(50))
+            if (HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : sDst = \"F:\\held.bin\""))
+                if (const morvane::CUniqueHandle hRestore = FindRestoreProcess())
+                    return void(::TerminateProcess(hRestore.get(), 0xC0000005));
+    };
+    const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\HostKilled --report R:\\HostKilled.json", killWhenHeld);
+    EXPECT_EQ(16u | 2u, dwExitCode) << sOutput;
+    EXPECT_NE(std::string::npos, sOutput.find("cut short while restoring F:")) << sOutput;
+    EXPECT_NE(std::string::npos, sOutput.find("exit code 0xC0000005: an access violation")) << sOutput;
+    const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostKilled.json"), nullptr, false);
+    EXPECT_EQ("cut short", report["filespaces"][0].value("result", ""));
+    hHeld.reset();
+    const auto [dwAgain, sAgain] = RunHost(L"--location R:\\HostKilled");
+    EXPECT_EQ(0u, dwAgain) << sAgain;
+    EXPECT_EQ("x", ReadBytes(L"F:\\held.bin"));
+    for (const wchar_t* pwszPath : {L"R:\\HostKilled", L"R:\\HostKilled.json", L"F:\\a.txt", L"F:\\held.bin",
+                                    L"F:\\z.txt", L"F:\\ZOVACFG"})
+        RemoveTree(pwszPath);
 }

@@ -1,0 +1,50 @@
+#pragma once
+// keflhost's side of its restore process (keflrestore.exe beside it): started with a pipe for
+// its events and a console of its own that nobody sees, read with a timeout so that keflhost
+// keeps the clock while it waits (a stall to say, Ctrl+C to act on), ended when asked, and its
+// exit code put in words when it ends before its last event.
+#include "host/RestoreEvents.h"
+#include "platform/UniqueHandle.h"
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace keflhost
+{
+
+class CRestoreProcess
+{
+public:
+    // False, with the reason, when the program cannot be started.
+    bool Start(const std::wstring& sProgram, const std::wstring& sArguments, std::wstring& sError);
+
+    enum class Wait
+    {
+        Events, // vEvents has the events that came
+        Idle,   // nothing came within the time
+        Ended,  // the stream is over: the process closed it or ended, or it broke the protocol
+    };
+    // Waits up to dwMs for what the process sends. After Ended, ProtocolError() says whether the
+    // stream itself was at fault.
+    Wait Read(DWORD dwMs, std::vector<CEvent>& vEvents);
+    const std::wstring& ProtocolError() const { return m_sProtocolError; }
+    // Ends the process now; its exit code is dwExitCode.
+    void Terminate(DWORD dwExitCode);
+    // Waits for the process to end (after its stream did) and answers its exit code.
+    DWORD ExitCode();
+
+private:
+    morvane::CUniqueHandle m_hProcess;
+    morvane::CUniqueFile m_hEvents;
+    CEventReader m_reader;
+    std::wstring m_sProtocolError;
+};
+
+// "exit code 0xC0000005: an access violation" and the like.
+std::wstring DescribeExitCode(DWORD dwExitCode);
+// The exit code keflhost gives a restore process it ends for the user's Ctrl+C.
+constexpr DWORD kStoppedByUser = 0xC000013A;
+
+} // namespace keflhost
