@@ -1,6 +1,5 @@
 #include "support/TraceLog.h"
 
-#include "platform/UniqueHandle.h"
 #include "support/RecoveryEnvironment.h"
 
 #include <windows.h>
@@ -71,14 +70,14 @@ CLogHolder::CLogHolder(const wchar_t* pwszFile, bool bDies)
           {
               const morvane::CUniqueHandle hMutex(::CreateMutexW(nullptr, FALSE, sName.c_str()));
               ::WaitForSingleObject(hMutex.get(), INFINITE);
-              m_held.release();
+              ::SetEvent(m_hHeld.get());
               if (bDies)
                   return;
-              m_release.acquire();
+              ::WaitForSingleObject(m_hRelease.get(), INFINITE);
               ::ReleaseMutex(hMutex.get());
           })
 {
-    m_held.acquire();
+    ::WaitForSingleObject(m_hHeld.get(), INFINITE);
     if (bDies)
         m_thread.join();
 }
@@ -87,7 +86,7 @@ void CLogHolder::Release()
 {
     if (!m_thread.joinable())
         return;
-    m_release.release();
+    ::SetEvent(m_hRelease.get());
     m_thread.join();
 }
 

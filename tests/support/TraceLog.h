@@ -1,8 +1,9 @@
 #pragma once
 // Reading a trace log back: its lines, split into prefix parts where they have one.
+#include "platform/UniqueHandle.h"
+
 #include <cstdint>
 #include <optional>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,7 +43,9 @@ public:
     void Release();
 
 private:
-    std::binary_semaphore m_held{0}, m_release{0};
+    // Windows events: std::binary_semaphore (libstdc++ 12 for mingw) missed a wake-up now and then.
+    morvane::CUniqueHandle m_hHeld{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    morvane::CUniqueHandle m_hRelease{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
     std::thread m_thread;
 };
 
