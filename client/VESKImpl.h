@@ -2,10 +2,13 @@
 // The shared base of every client implementation: the last error text, the host's two callbacks,
 // and the services that restore code calls everywhere: user messages from the string table, the
 // version text, the host's folders, privileges and parent folders. It traces to VESK_trace.log.
+// What goes to the host is the channel's (channel/HostChannel.h), the parent folders are
+// folders/'s: their slots here forward.
 //
-// One file a job: VESKImpl.cpp (error text, callbacks), UserMessages.cpp, ResourceVersion.cpp,
-// HostDirectories.cpp, Privilege.cpp, ParentDirectories.cpp, HardLinkRepair.cpp.
+// One file a job: VESKImpl.cpp (construction, forwarding), ResourceVersion.cpp,
+// HostDirectories.cpp, Privilege.cpp, HardLinkRepair.cpp.
 #include "VESK.h"
+#include "channel/HostChannel.h"
 
 #include <windows.h>
 
@@ -69,16 +72,12 @@ public:
     // Makes every missing folder above sPath.
     bool CreateParentDir(const std::wstring& sPath);
 
-protected:
-    static constexpr size_t kErrorMsgChars = 1024;
+    // Where messages, progress and the last error text go to the host.
+    CHostChannel& Channel() { return m_channel; }
 
+protected:
     uint32_t m_uiOSVersion = 0;
-    LogMsgCallbackFn m_pfnLogMsg = nullptr;
-    ProgMsgCallbackFn m_pfnProgMsg = nullptr;
-    uint64_t m_pLogMsgCtx = 0;
-    uint64_t m_pProgMsgCtx = 0;
-    HMODULE m_hModule = nullptr; // holds the string table of user messages; not owned
-    wchar_t m_wszErrorMsg[kErrorMsgChars] = {};
+    CHostChannel m_channel;
 
 private:
     // Reads one key of the host's qtx.ini section "File Locations".

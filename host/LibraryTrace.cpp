@@ -2,7 +2,7 @@
 
 #include "platform/ModulePath.h"
 #include "platform/ProfileString.h"
-#include "platform/TraceSizeLimit.h"
+#include "trace/TraceWords.h"
 #include "platform/UniqueHandle.h"
 #include "platform/Utf8.h"
 
@@ -15,6 +15,8 @@ namespace keflhost
 {
 namespace
 {
+
+namespace words = morvane::words;
 
 // A value line's text after "name = ": quoted text without its quotes, a number as it stands.
 std::wstring_view ValueOf(std::wstring_view sText, std::wstring_view sName)
@@ -46,6 +48,7 @@ struct CThreadState
 
 struct CFailureLine
 {
+    const wchar_t* pwszFunction;
     const wchar_t* pwszText;
     FailureKind kind;
 };
@@ -54,19 +57,19 @@ constexpr size_t kGaveUpKept = 100;
 
 // The lines that close a failure: the restore's and the link passes' own.
 const CFailureLine kFailureLines[] = {
-    {L"KEFLImpl::RestoreFilespace : Failed to copy file", FailureKind::File},
-    {L"KEFLImpl::RestoreFilespace : Failed to create folder", FailureKind::Folder},
-    {L"KEFLImpl::CountFiles : ... ending(FindFirstFile failed)", FailureKind::Listing},
-    {L"KEFLImpl::CountFiles : ... ending(FindNextFile failed)", FailureKind::Listing},
-    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateJunction failed", FailureKind::Junction},
-    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateSymbolicLink failed", FailureKind::SymbolicLink},
-    {L"KEFLImpl::RestoreLinks : KEFLImpl::CreateHardLink failed", FailureKind::HardLink},
+    {words::kRestoreFilespace, words::kFileFailed, FailureKind::File},
+    {words::kRestoreFilespace, words::kFolderFailed, FailureKind::Folder},
+    {words::kCountFiles, words::kListingFailed, FailureKind::Listing},
+    {words::kCountFiles, words::kListingCut, FailureKind::Listing},
+    {words::kRestoreLinks, words::kJunctionFailed, FailureKind::Junction},
+    {words::kRestoreLinks, words::kSymbolicLinkFailed, FailureKind::SymbolicLink},
+    {words::kRestoreLinks, words::kHardLinkFailed, FailureKind::HardLink},
 };
 
 // The last lines of a note on a file or folder that was restored all the same (its data is there,
 // its times or attributes are not). Without information lines between entries, its path, error
 // and reason would otherwise pass to the next entry that fails.
-const wchar_t* const kNoteEnds[] = {L"Failed to set times", L"Failed to set attributes"};
+const wchar_t* const kNoteEnds[] = {words::kTimesNotSet, words::kAttributesNotSet};
 
 // The link routines trace their own Windows error right after the target of the call that failed
 // or right after their reason. Every other error they trace is a note on a link that they go on to
@@ -75,7 +78,7 @@ const wchar_t* const kNoteEnds[] = {L"Failed to set times", L"Failed to set attr
 bool IsLinkRoutine(std::wstring_view sFunction)
 {
     for (const wchar_t* pwszRoutine :
-         {L"KEFLImpl::CreateJunction", L"KEFLImpl::CreateSymbolicLink", L"KEFLImpl::CreateHardLink"})
+         {words::kCreateJunction, words::kCreateSymbolicLink, words::kCreateHardLink})
         if (sFunction.substr(0, std::wcslen(pwszRoutine)) == pwszRoutine)
             return true;
     return false;
@@ -84,8 +87,8 @@ bool IsLinkRoutine(std::wstring_view sFunction)
 // "CTrace::WriteLine : Trace file reached its size limit of ", as the trace's bytes.
 const std::string& SizeLimitPrefix()
 {
-    static const std::string sPrefix = morvane::ToUtf8(std::wstring(morvane::kTraceLimitFunction) + L" : " +
-                                                       morvane::kTraceLimitReached);
+    static const std::string sPrefix =
+        morvane::ToUtf8(std::wstring(words::kTraceLimitFunction) + L" : " + words::kTraceLimitReached);
     return sPrefix;
 }
 
@@ -159,10 +162,13 @@ void CTraceParser::Line(std::string_view sLine)
             m_findings.sSizeLimit = morvane::FromUtf8(sText.substr(sText.find(" : ") + 3));
         return;
     }
-    const bool bNamesEntry = sText.find(" : sDst = ") != std::string_view::npos ||
-                             sText.find(" : sLink = ") != std::string_view::npos;
-    if (chLevel != 'E' &&
-        !(chLevel == 'I' && (bNamesEntry || sText.find(" : walk.ull") != std::string_view::npos)))
+    // The information lines that matter, told apart by their bytes before any conversion.
+    static const std::string sDstValue = morvane::ToUtf8(std::wstring(L" : ") + words::kDst + L" = ");
+    static const std::string sLinkValue = morvane::ToUtf8(std::wstring(L" : ") + words::kLink + L" = ");
+    static const std::string sWalkValue = morvane::ToUtf8(std::wstring(L" : ") + L"walk.");
+    const bool bNamesEntry =
+        sText.find(sDstValue) != std::string_view::npos || sText.find(sLinkValue) != std::string_view::npos;
+    if (chLevel != 'E' && !(chLevel == 'I' && (bNamesEntry || sText.find(sWalkValue) != std::string_view::npos)))
         return;
     const std::string_view sThread = sLine.substr(posThread + 2, posMarker - posThread - 2);
     auto itState = m_states.find(sThread);
@@ -179,25 +185,25 @@ void CTraceParser::Line(std::string_view sLine)
     if (bNamesEntry)
     {
         itState->second.Clear();
-        for (const wchar_t* pwszName : {L"sDst", L"sLink"})
+        for (const wchar_t* pwszName : {words::kDst, words::kLink})
             if (HasValue(sRest, pwszName))
                 m_findings.sLastNamed = ValueOf(sRest, pwszName);
     }
-    if (HasValue(sRest, L"walk.ullFiles"))
+    if (HasValue(sRest, words::kWalkFiles))
     {
         m_findings.bWalkCounted = true;
         m_findings.ullFiles =
-            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullFiles")).c_str(), nullptr, 10);
+            std::wcstoull(std::wstring(ValueOf(sRest, words::kWalkFiles)).c_str(), nullptr, 10);
     }
-    else if (HasValue(sRest, L"walk.ullDirectories"))
+    else if (HasValue(sRest, words::kWalkFolders))
         m_findings.ullFolders =
-            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullDirectories")).c_str(), nullptr, 10);
-    else if (HasValue(sRest, L"walk.ullSkippedFiles"))
+            std::wcstoull(std::wstring(ValueOf(sRest, words::kWalkFolders)).c_str(), nullptr, 10);
+    else if (HasValue(sRest, words::kWalkSkippedFiles))
         m_findings.ullSkippedFiles =
-            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullSkippedFiles")).c_str(), nullptr, 10);
-    else if (HasValue(sRest, L"walk.ullSkippedFolders"))
+            std::wcstoull(std::wstring(ValueOf(sRest, words::kWalkSkippedFiles)).c_str(), nullptr, 10);
+    else if (HasValue(sRest, words::kWalkSkippedFolders))
         m_findings.ullSkippedFolders =
-            std::wcstoull(std::wstring(ValueOf(sRest, L"walk.ullSkippedFolders")).c_str(), nullptr, 10);
+            std::wcstoull(std::wstring(ValueOf(sRest, words::kWalkSkippedFolders)).c_str(), nullptr, 10);
 }
 
 void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
@@ -211,17 +217,17 @@ void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
         state.Clear();
         return;
     }
-    for (const wchar_t* pwszName : {L"sDst", L"sFolder", L"sLink", L"sJumboLink"})
+    for (const wchar_t* pwszName : {words::kDst, words::kFolder, words::kLink, words::kJumboLink})
         if (HasValue(sRest, pwszName) &&
-            (state.sPath.empty() || std::wstring_view(pwszName) != L"sJumboLink"))
+            (state.sPath.empty() || std::wstring_view(pwszName) != words::kJumboLink))
             state.sPath = ValueOf(sRest, pwszName);
     const bool bLinkErrorNext = std::exchange(state.bLinkErrorNext, false);
-    if (HasValue(sRest, L"dwLastError") && (bLinkErrorNext || !IsLinkRoutine(sText.substr(0, posColon))))
+    if (HasValue(sRest, words::kLastError) && (bLinkErrorNext || !IsLinkRoutine(sText.substr(0, posColon))))
         state.dwError = static_cast<DWORD>(
-            std::wcstoul(std::wstring(ValueOf(sRest, L"dwLastError")).c_str(), nullptr, 10));
-    const size_t posEnding = sRest.find(L"ending(");
+            std::wcstoul(std::wstring(ValueOf(sRest, words::kLastError)).c_str(), nullptr, 10));
+    const size_t posEnding = sRest.find(words::kEnding);
     const bool bGivesUp = posEnding != std::wstring_view::npos && sRest.back() == L')';
-    state.bLinkErrorNext = bGivesUp || HasValue(sRest, L"sJumboTarget");
+    state.bLinkErrorNext = bGivesUp || HasValue(sRest, words::kJumboTarget);
     if (bGivesUp && m_findings.vGaveUp.size() < kGaveUpKept)
     {
         const std::wstring sError = ErrorText(state.dwError);
@@ -231,13 +237,13 @@ void CTraceParser::ErrorLine(CThreadState& state, std::wstring_view sText)
     }
     if (bGivesUp && state.sReason.empty())
         state.sReason = sRest.substr(posEnding + 7, sRest.size() - posEnding - 8);
-    else if (sRest.substr(0, 7) == L"Failed " && sRest != L"Failed to copy file" &&
-             sRest != L"Failed to create folder")
+    else if (sRest.substr(0, 7) == L"Failed " && sRest != words::kFileFailed &&
+             sRest != words::kFolderFailed)
         state.sReason = sRest;
 
     for (const CFailureLine& failureLine : kFailureLines)
     {
-        if (sText != failureLine.pwszText)
+        if (sText.substr(0, posColon) != failureLine.pwszFunction || sRest != failureLine.pwszText)
             continue;
         CFailure failure{failureLine.kind, state.sPath, state.dwError, state.sReason};
         // A long-path prefix is how the library calls Windows, not what the user knows.

@@ -1,10 +1,12 @@
 #include "links/LinkRestore.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
+#include "folders/ParentFolders.h"
 #include "links/FileNames.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
+#include "trace/TraceWords.h"
 
 #include <shlwapi.h>
 
@@ -18,8 +20,6 @@ namespace morvane
 {
 namespace
 {
-
-constexpr size_t kResourceTextChars = 1024;
 
 // The junction's reparse data: a mount-point reparse buffer, its path buffer holding the
 // substitute name "\??\<target>" and the print name "<target>", each ended by a NUL.
@@ -54,7 +54,7 @@ void SetLinkAttributes(const wchar_t* pwszFunction, const std::wstring& sJumboLi
     if (dwAttr == 0 || ::SetFileAttributesW(sJumboLink.c_str(), dwAttr))
         return;
     const DWORD dwLastError = ::GetLastError();
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboLink", sJumboLink);
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, words::kJumboLink, sJumboLink);
     g_KeflTrace.TraceHex(TRACE_ERROR, pwszFunction, L"dwAttr", dwAttr);
     TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
 }
@@ -110,7 +110,7 @@ public:
         if (SetTimesByPath(m_sFolder, m_data.ftCreationTime, m_data.ftLastAccessTime, m_data.ftLastWriteTime))
             return;
         const DWORD dwLastError = ::GetLastError();
-        g_KeflTrace.TraceValue(TRACE_ERROR, m_pwszFunction, L"sFolder", m_sFolder);
+        g_KeflTrace.TraceValue(TRACE_ERROR, m_pwszFunction, words::kFolder, m_sFolder);
         TraceLastError(m_pwszFunction, dwLastError, TRACE_ERROR);
     }
     CFolderTimesKept(const CFolderTimesKept&) = delete;
@@ -145,9 +145,9 @@ void RemoveAside(const wchar_t* pwszFunction, const std::wstring& sJumboAside)
 
 } // namespace
 
-CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
+CLinkRestorer::CLinkRestorer(CHostChannel& channel, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
                              CreateHardLinkFn pfnCreateHardLinkW, const CUnrestoredFiles& unrestored)
-    : m_base(base), m_hModule(hModule), m_pfnCreateSymbolicLinkW(pfnCreateSymbolicLinkW),
+    : m_channel(channel), m_pfnCreateSymbolicLinkW(pfnCreateSymbolicLinkW),
       m_pfnCreateHardLinkW(pfnCreateHardLinkW), m_unrestored(unrestored)
 {
 }
@@ -155,13 +155,13 @@ CLinkRestorer::CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLink
 void CLinkRestorer::SendProgress(ProgMsg& progress, uint32_t uiState)
 {
     progress.uiState = uiState;
-    m_base.ReportProgress(progress);
+    m_channel.ReportProgress(progress);
 }
 
 bool CLinkRestorer::RestoreLinks(const PointList& junctionPoints, const PointList& symbolicLinks,
                                  const PointList& hardLinks)
 {
-    static const wchar_t kFn[] = L"KEFLImpl::RestoreLinks";
+    static const wchar_t* const kFn = words::kRestoreLinks;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
     // One flag for the whole call: once a link failed, no later pass reports success.
     bool bFailed = false;
@@ -175,7 +175,7 @@ bool CLinkRestorer::RestoreLinks(const PointList& junctionPoints, const PointLis
 
 void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bFailed)
 {
-    static const wchar_t kFn[] = L"KEFLImpl::RestoreLinks";
+    static const wchar_t* const kFn = words::kRestoreLinks;
     struct PassTexts
     {
         const wchar_t* pwszEntry;
@@ -186,12 +186,12 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
     };
     static const PassTexts kJunctions = {
         L"Restoring junctions ...", L"JunctionPoints.size()", L"Junction Points, Soft-Links & Hard-Links",
-        L"KEFLImpl::CreateJunction failed", L"Restored junctions successfully"};
+        words::kJunctionFailed, L"Restored junctions successfully"};
     static const PassTexts kSymbolic = {L"Restoring symbolic links ...", L"SymbolicLinks.size()",
-                                        L"Symbolic Links", L"KEFLImpl::CreateSymbolicLink failed",
+                                        L"Symbolic Links", words::kSymbolicLinkFailed,
                                         L"Restored symbolic links successfully"};
     static const PassTexts kHard = {L"Restoring hard links ...", L"HardLinks.size()", L"Restoring Hard-Links",
-                                    L"KEFLImpl::CreateHardLink failed", L"Restored hard links successfully"};
+                                    words::kHardLinkFailed, L"Restored hard links successfully"};
     const PassTexts& texts = kind == LinkKind::Junction   ? kJunctions
                              : kind == LinkKind::Symbolic ? kSymbolic
                                                           : kHard;
@@ -207,11 +207,10 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
     {
         // The junction pass opens the whole link restore, so its text (message 133, about hard
         // links) stands for all three passes.
-        wchar_t wszText[kResourceTextChars] = {};
-        if (::LoadStringW(m_hModule, IDS_RESTORING_HARD_LINKS, wszText,
-                          static_cast<int>(kResourceTextChars)) > 0)
+        const std::wstring sText = m_channel.Text(IDS_RESTORING_HARD_LINKS);
+        if (!sText.empty())
         {
-            progress.sText = wszText;
+            progress.sText = sText;
             SendProgress(progress, PROG_STATE_TEXT);
         }
     }
@@ -235,7 +234,7 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
         {
             // The link's own name at error level: not every reason a link routine gives has
             // one, and a host learns the links that failed from these lines.
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sLink", point.sLink);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kLink, point.sLink);
             g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, texts.pwszFailure);
             bFailed = true;
         }
@@ -254,9 +253,9 @@ void CLinkRestorer::RestorePass(LinkKind kind, const PointList& points, bool& bF
 
 bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
 {
-    static const wchar_t kFn[] = L"KEFLImpl::CreateJunction";
+    static const wchar_t* const kFn = words::kCreateJunction;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kLink, sLink);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sTarget", sTarget);
     const std::wstring sJumboLink = LongPath(sLink);
     const std::wstring sJumboTarget = LongPath(sTarget);
@@ -269,10 +268,10 @@ bool CLinkRestorer::CreateJunction(const std::wstring& sLink, const std::wstring
         // Only the folders above the target are made: the junction may point at a folder that
         // the restore of its own drive brings back later.
         g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Target folder absent, creating it ...");
-        if (!m_base.CreateParentDir(sJumboTarget))
+        if (!CreateParentFolders(sJumboTarget))
             return TraceFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(TGT) failed)");
     }
-    if (!m_base.CreateParentDir(sJumboLink))
+    if (!CreateParentFolders(sJumboLink))
         return TraceFailed(kFn, L"... ending(WIBEImpl::CreateParentDir(JCT) failed)");
     const CFolderTimesKept folderTimes(kFn, sJumboLink);
 
@@ -316,20 +315,20 @@ bool CLinkRestorer::PrepareLink(const wchar_t* pwszFunction, bool bAvailable, co
                                 const std::wstring& sLink, const std::wstring& sTarget)
 {
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, pwszFunction, L"starting ...");
-    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"sLink", sLink);
+    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, words::kLink, sLink);
     g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"sTarget", sTarget);
     if (!bAvailable)
         return TraceFailed(pwszFunction, pwszUnavailable);
     if (!IsOnNtfs(sLink))
         return TraceFailed(pwszFunction, L"... ending(Link is not on an NTFS filesystem)");
-    if (!m_base.CreateParentDir(LongPath(sLink)))
+    if (!CreateParentFolders(LongPath(sLink)))
         return TraceFailed(pwszFunction, L"... ending(KEFLImpl::CreateParentDir failed)");
     return true;
 }
 
 bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget, DWORD dwAttr)
 {
-    static const wchar_t kFn[] = L"KEFLImpl::CreateSymbolicLink";
+    static const wchar_t* const kFn = words::kCreateSymbolicLink;
     const std::wstring sJumboLink = LongPath(sLink);
     const std::wstring sJumboTarget = LongPath(sTarget);
     // Asked before anything is made: a missing target gives a link to a file.
@@ -346,8 +345,8 @@ bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wst
         // A link that is there already counts as made.
         if (dwLastError != ERROR_ALREADY_EXISTS)
         {
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboLink, sJumboLink);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboTarget, sJumboTarget);
             TraceLastError(kFn, dwLastError, TRACE_ERROR);
             return false;
         }
@@ -360,7 +359,7 @@ bool CLinkRestorer::CreateSymbolicLink(const std::wstring& sLink, const std::wst
 
 bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring& sTarget)
 {
-    static const wchar_t kFn[] = L"KEFLImpl::CreateHardLinkW";
+    static const wchar_t* const kFn = words::kCreateHardLink;
     if (!PrepareLink(kFn, m_pfnCreateHardLinkW != nullptr, L"... ending(CreateHardLink is not available)",
                      sLink, sTarget))
         return false;
@@ -390,7 +389,7 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
     DWORD dwAsideError = ERROR_SUCCESS;
     if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !MoveAside(sJumboLink, sJumboAside, dwAsideError))
     {
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboLink, sJumboLink);
         return TraceFailed(kFn, L"... ending(Existing file could not be moved aside)", dwAsideError);
     }
 
@@ -400,8 +399,8 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
         // A name that is there already counts as made only when it is the target's own.
         if (dwLastError != ERROR_ALREADY_EXISTS || !IsSameFile(sJumboLink, sJumboTarget))
         {
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboLink", sJumboLink);
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboTarget", sJumboTarget);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboLink, sJumboLink);
+            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboTarget, sJumboTarget);
             TraceLastError(kFn, dwLastError, TRACE_ERROR);
             PutBack(kFn, sJumboAside, sJumboLink);
             return false;

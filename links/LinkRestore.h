@@ -2,7 +2,8 @@
 // Re-creating the backup's junctions, symbolic links and hard links on the restored volumes:
 // KEFLImpl's RestoreLinks, CreateJunction, CreateSymbolicLink and CreateHardLinkW, which trace
 // under those names.
-#include "client/VESKImpl.h"
+#include "VESK.h"
+#include "channel/HostChannel.h"
 #include "links/Point.h"
 #include "links/UnrestoredFiles.h"
 
@@ -19,10 +20,10 @@ using CreateHardLinkFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPSECURITY_ATTRIBUTES);
 class CLinkRestorer
 {
 public:
-    // base: parent folders, progress and string resources; the two entry points as looked up at
-    // the session's construction (null where the system lacks them); the files the session's
-    // restores could not copy, which no hard link is made to.
-    CLinkRestorer(VESKImpl& base, HMODULE hModule, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
+    // channel: progress and string resources; the two entry points as looked up at the session's
+    // construction (null where the system lacks them); the files the session's restores could
+    // not copy, which no hard link is made to.
+    CLinkRestorer(CHostChannel& channel, CreateSymbolicLinkFn pfnCreateSymbolicLinkW,
                   CreateHardLinkFn pfnCreateHardLinkW, const CUnrestoredFiles& unrestored);
 
     bool RestoreLinks(const PointList& junctionPoints, const PointList& symbolicLinks,
@@ -48,8 +49,7 @@ private:
     bool PrepareLink(const wchar_t* pwszFunction, bool bAvailable, const wchar_t* pwszUnavailable,
                      const std::wstring& sLink, const std::wstring& sTarget);
 
-    VESKImpl& m_base;
-    HMODULE m_hModule;
+    CHostChannel& m_channel;
     CreateSymbolicLinkFn m_pfnCreateSymbolicLinkW;
     CreateHardLinkFn m_pfnCreateHardLinkW;
     const CUnrestoredFiles& m_unrestored;

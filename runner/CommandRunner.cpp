@@ -1,8 +1,7 @@
 // Starting a command with piped output and its monitor thread; the session's waits and resets.
 #include "runner/CommandRunner.h"
 
-#include "client/MessageIds.h"
-#include "client/VESKImpl.h"
+#include "channel/MessageIds.h"
 #include "trace/TraceObjects.h"
 
 #include <vector>
@@ -44,7 +43,7 @@ std::vector<wchar_t> WritableCommandLine(const std::wstring& sCmd)
 
 } // namespace
 
-CCommandRunner::CCommandRunner(VESKImpl& base) : m_base(base) {}
+CCommandRunner::CCommandRunner(CHostChannel& channel) : m_channel(channel) {}
 
 CCommandRunner::~CCommandRunner()
 {
@@ -88,7 +87,7 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"CreateFile(CONIN) failed");
         TraceLastError(kFn, dwLastError, TRACE_ERROR);
         // The message as the product has always logged it: unformatted.
-        m_base.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
+        m_channel.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
         return false;
     }
 

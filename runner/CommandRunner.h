@@ -26,6 +26,7 @@
 //
 // One file a job: CommandRunner.cpp (starting a command, the session's waits),
 // CommandMonitor.cpp (the monitor thread), OutputReader.cpp (ReadChar, GetLine).
+#include "channel/HostChannel.h"
 #include "platform/UniqueHandle.h"
 
 #include <windows.h>
@@ -37,7 +38,6 @@
 namespace morvane
 {
 
-class VESKImpl;
 
 class CCommandRunner
 {
@@ -46,7 +46,7 @@ public:
     using ReadProgressFn = int32_t (*)(uint64_t ullContext);
 
     // base receives the user messages of the runner.
-    explicit CCommandRunner(VESKImpl& base);
+    explicit CCommandRunner(CHostChannel& channel);
     // Waits for a monitor that is still running (it refers to this object), then closes what is
     // left of the run.
     ~CCommandRunner();
@@ -106,7 +106,7 @@ private:
     // Moves the unconsumed bytes of the read buffer into the ring buffer.
     void FillRing();
 
-    VESKImpl& m_base;
+    CHostChannel& m_channel;
 
     CUniqueFile m_hConsoleIn;      // the child's standard input
     CUniqueFile m_hPipeRead;       // our end of the child's standard output and error

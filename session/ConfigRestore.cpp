@@ -1,7 +1,7 @@
 // The backup's configuration copied into the host's configuration folder with XCOPY.
 #include "session/KEFLImpl.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
 #include "trace/TraceObjects.h"
 
 #include <shlwapi.h>

@@ -2,6 +2,7 @@
 
 #include "links/FileNames.h"
 #include "trace/TraceObjects.h"
+#include "trace/TraceWords.h"
 
 namespace morvane
 {
@@ -33,7 +34,7 @@ bool DetachSharedName(const std::wstring& sDst, DWORD& dwLastError)
     std::wstring sAside;
     if (!MoveAside(sDst, sAside, dwLastError))
     {
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
         TraceLastError(kFn, dwLastError, L"Failed to move shared destination aside");
         return false;
     }

@@ -2,7 +2,7 @@
 // marked from the restored configuration.
 #include "session/KEFLImpl.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
 #include "trace/TraceObjects.h"
 #include "platform/FormatText.h"
 #include "platform/ProfileString.h"

@@ -7,11 +7,12 @@
 #include "session/RestoreProgress.h"
 #include "session/VolumeFlush.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
 #include "platform/CatchAtEdge.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
+#include "trace/TraceWords.h"
 
 #include <algorithm>
 #include <cwchar>
@@ -23,7 +24,7 @@ namespace morvane
 namespace
 {
 
-const wchar_t kRestoreFilespace[] = L"KEFLImpl::RestoreFilespace";
+const wchar_t* const kRestoreFilespace = words::kRestoreFilespace;
 const wchar_t kCopyFile[] = L"KEFLImpl::CopyFileWithProgress";
 
 // Filespace.dwFsFlags: the filespace is a mount point, not a drive.
@@ -67,7 +68,7 @@ bool IsSkippedFile(const std::wstring& sDst)
 void TraceMetadataFailure(const wchar_t* pwszFunction, const std::wstring& sPath, DWORD dwLastError,
                           const wchar_t* pwszWhat)
 {
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sDst", sPath);
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, words::kDst, sPath);
     TraceLastError(pwszFunction, dwLastError);
     g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
 }
@@ -100,9 +101,9 @@ void RestoreMetadata(const wchar_t* pwszFunction, HANDLE hFile, const std::wstri
                      const CWalkEntry& entry)
 {
     if (!SetTimes(hFile, entry))
-        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set times");
+        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), words::kTimesNotSet);
     if (!SetAttributes(hFile, entry))
-        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set attributes");
+        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), words::kAttributesNotSet);
 }
 
 // A folder's times and attributes, once everything inside it is restored.
@@ -112,7 +113,7 @@ void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLon
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     if (!hFolder)
-        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), L"Failed to set times");
+        TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), words::kTimesNotSet);
     else
         RestoreMetadata(pwszFunction, hFolder.get(), sLongDst, entry);
 }
@@ -126,9 +127,9 @@ bool CreateFolder(const std::wstring& sDst)
     const DWORD dwLastError = ::GetLastError();
     if (dwLastError == ERROR_ALREADY_EXISTS)
         return true;
-    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
+    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
     TraceLastError(kFn, dwLastError);
-    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to create folder");
+    g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, words::kFolderFailed);
     return false;
 }
 
@@ -234,16 +235,12 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     progress.sPath = fs.sFsPath;
     progress.wcDriveLetter = fs.wcFsDriveLetter;
     progress.uiState = PROG_STATE_STARTING;
-    if (m_pfnProgMsg)
-        m_pfnProgMsg(&progress, m_pProgMsgCtx);
-    if (m_hModule)
+    m_channel.ReportProgress(progress);
+    if (m_channel.Module())
     {
-        wchar_t wszText[1024] = {};
-        ::LoadStringW(m_hModule, IDS_COUNTING_OBJECTS, wszText, 1024);
-        progress.sText = wszText;
+        progress.sText = m_channel.Text(IDS_COUNTING_OBJECTS);
         progress.uiState = PROG_STATE_TEXT;
-        if (m_pfnProgMsg)
-            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        m_channel.ReportProgress(progress);
     }
 
     // With these two enabled, backup semantics read files and list folders whose access lists
@@ -261,13 +258,12 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     if (!WalkFilespace(sSrcFolder, walk))
     {
         progress.uiState = PROG_STATE_FAILED;
-        if (m_pfnProgMsg)
-            m_pfnProgMsg(&progress, m_pProgMsgCtx);
+        m_channel.ReportProgress(progress);
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
         return EndRestore(L"... ending(CountFiles failed)");
     }
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullFiles", static_cast<int64_t>(walk.ullFiles));
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullDirectories",
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFiles, static_cast<int64_t>(walk.ullFiles));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFolders,
                            static_cast<int64_t>(walk.ullDirectories));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
 
@@ -275,7 +271,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     // the folders are made here, in walk order, and each file goes to a worker. A failing entry is
     // noted and the walk goes on: as much as possible is restored. The paths are built into two
     // buffers that keep their size from entry to entry.
-    CRestoreProgress reporter(progress, m_pfnProgMsg, m_pProgMsgCtx, walk.ullBytes);
+    CRestoreProgress reporter(progress, m_channel, walk.ullBytes);
     std::wstring sSrc;
     std::wstring sDst;
     int64_t llSkippedFiles = 0;
@@ -289,14 +285,14 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             walk.AppendPath(uiEntry, sDst);
             if (entry.IsDirectory())
             {
-                g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+                g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
                 const bool bSkipped = IsSkippedDirectory(sDst);
                 llSkippedFolders += bSkipped ? 1 : 0;
                 reporter.EntryDone(bSkipped || CreateFolder(sDst));
             }
             else if (IsSkippedFile(sDst))
             {
-                g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+                g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
                 // Counted, but left out by rule: what will be restored is the total.
                 reporter.Skipped(entry.ullSize);
                 reporter.EntryDone(true);
@@ -315,8 +311,8 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     const bool bFailed = reporter.AnyFailed();
     // Left out by rule (the recycle bins, System Volume Information, the paging and hibernation
     // files): counted by the walk, not restored, and no failure.
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullSkippedFiles", llSkippedFiles);
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullSkippedFolders", llSkippedFolders);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkSkippedFiles, llSkippedFiles);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkSkippedFolders, llSkippedFolders);
 
     // Folders last, deepest first: restoring a folder's content changes its times.
     for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)
@@ -361,7 +357,7 @@ void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, c
                            CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDst", sDst);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
     // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
     const bool bCopied = CatchAtEdge(
         [&]
@@ -373,8 +369,8 @@ void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, c
         });
     if (!bCopied)
     {
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sDst", sDst);
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to copy file");
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, words::kFileFailed);
         m_unrestored.Failed(sDst);
     }
     else

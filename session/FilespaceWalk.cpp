@@ -3,6 +3,7 @@
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"
+#include "trace/TraceWords.h"
 
 #include <cwchar>
 #include <vector>
@@ -13,7 +14,7 @@ namespace
 {
 
 // The walk's trace lines keep the name they have always had: support tools look for it.
-const wchar_t kCountFiles[] = L"KEFLImpl::CountFiles";
+const wchar_t* const kCountFiles = words::kCountFiles;
 
 // One folder being listed: its listing, its entry, and how much of the path buffer is its path.
 struct CWalkFrame
@@ -32,7 +33,7 @@ bool IsDotOrDotDot(const wchar_t* pwszName)
 // happened says so too, innermost first, as each level of the walk gives up.
 bool EndWalk(const std::wstring& sFolder, DWORD dwLastError, const wchar_t* pwszReason, size_t cOpenLevels)
 {
-    g_KeflTrace.TraceValue(TRACE_ERROR, kCountFiles, L"sFolder", sFolder);
+    g_KeflTrace.TraceValue(TRACE_ERROR, kCountFiles, words::kFolder, sFolder);
     TraceLastError(kCountFiles, dwLastError);
     g_KeflTrace.TraceMessage(TRACE_ERROR, kCountFiles, pwszReason);
     for (size_t i = 0; i < cOpenLevels; ++i)
@@ -56,7 +57,7 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
     std::wstring sPattern = LongPath(sPath + L"\\*");
     CUniqueFind hFind(::FindFirstFileW(sPattern.c_str(), &fd));
     if (!hFind)
-        return EndWalk(sPath, ::GetLastError(), L"... ending(FindFirstFile failed)", 0);
+        return EndWalk(sPath, ::GetLastError(), words::kListingFailed, 0);
     vStack.push_back({std::move(hFind), CWalkEntry::kNoParent, sPath.size()});
 
     bool bHaveEntry = true; // fd holds an entry that the listing on top of the stack gave
@@ -68,7 +69,7 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
             const DWORD dwLastError = ::GetLastError();
             sPath.resize(frame.cchPath);
             if (dwLastError != ERROR_NO_MORE_FILES)
-                return EndWalk(sPath, dwLastError, L"... ending(FindNextFile failed)", vStack.size() - 1);
+                return EndWalk(sPath, dwLastError, words::kListingCut, vStack.size() - 1);
             g_KeflTrace.TraceMessage(TRACE_VERBOSE, kCountFiles, L"... ending");
             vStack.pop_back();
             continue;
@@ -100,7 +101,7 @@ bool WalkFilespace(const std::wstring& sFolder, CWalkList& walk)
         sPattern = LongPath(sPath + L"\\*");
         CUniqueFind hListing(::FindFirstFileW(sPattern.c_str(), &fd));
         if (!hListing)
-            return EndWalk(sPath, ::GetLastError(), L"... ending(FindFirstFile failed)", vStack.size());
+            return EndWalk(sPath, ::GetLastError(), words::kListingFailed, vStack.size());
         vStack.push_back({std::move(hListing), uiEntry, sPath.size()});
         bHaveEntry = true;
     }

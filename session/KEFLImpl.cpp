@@ -1,6 +1,6 @@
 #include "session/KEFLImpl.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
 #include "client/ModuleName.h"
 #include "links/LinkPointFiles.h"
 #include "session/ModuleDescription.h"
@@ -14,7 +14,7 @@ KEFLImpl::KEFLImpl()
 {
     static const wchar_t kFn[] = L"KEFLImpl::KEFLImpl";
     // User messages come from this library's string table, not the shared base's module.
-    m_hModule = ::GetModuleHandleW(kModuleFileName);
+    m_channel.SetModule(::GetModuleHandleW(kModuleFileName));
     ReadTraceLevels(kFn);
 
     HMODULE hKernel32 = ::GetModuleHandleW(L"KERNEL32.DLL");
@@ -70,7 +70,7 @@ bool KEFLImpl::NotAvailable(const wchar_t* pwszFunction)
 
 CLinkRestorer KEFLImpl::LinkRestorer()
 {
-    return CLinkRestorer(*this, m_hModule, m_pfnCreateSymbolicLinkW, m_pfnCreateHardLinkW, m_unrestored);
+    return CLinkRestorer(m_channel, m_pfnCreateSymbolicLinkW, m_pfnCreateHardLinkW, m_unrestored);
 }
 
 bool KEFLImpl::RestoreLinks()

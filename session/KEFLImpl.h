@@ -126,7 +126,7 @@ private:
     CUnrestoredFiles m_unrestored;
 
     // The child processes of the session (XCOPY) and their monitor thread.
-    CCommandRunner m_CommandRunner{*this};
+    CCommandRunner m_CommandRunner{m_channel};
 
     // Re-creates the recorded links; made with the link-creation entry points once they are known.
     CLinkRestorer LinkRestorer();

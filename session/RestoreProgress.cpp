@@ -5,9 +5,8 @@
 namespace morvane
 {
 
-CRestoreProgress::CRestoreProgress(ProgMsg& msg, ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext,
-                                   uint64_t ullTotal)
-    : m_msg(msg), m_pfnProgMsg(pfnProgMsg), m_ullContext(ullContext),
+CRestoreProgress::CRestoreProgress(ProgMsg& msg, const CHostChannel& channel, uint64_t ullTotal)
+    : m_msg(msg), m_channel(channel),
       m_dwCallingThread(::GetCurrentThreadId()), m_ullTotal(ullTotal)
 {
     m_msg.ullTotal = ullTotal;
@@ -48,8 +47,7 @@ void CRestoreProgress::Report()
     m_msg.ullBytesDone = ullBytesDone;
     m_msg.ullTotal = ullTotal;
     m_msg.ullDone = ullDone;
-    if (m_pfnProgMsg)
-        m_pfnProgMsg(&m_msg, m_ullContext);
+    m_channel.ReportProgress(m_msg);
 }
 
 } // namespace morvane

@@ -6,6 +6,7 @@
 // size as the walk saw it (stream headers, a file grown since) before it adds the bytes done, and
 // a report reads the bytes done before the total.
 #include "VESK.h"
+#include "channel/HostChannel.h"
 
 #include <windows.h>
 
@@ -19,7 +20,7 @@ class CRestoreProgress
 {
 public:
     // msg holds the filespace's path and letter; ullTotal is the walk's sum of file sizes.
-    CRestoreProgress(ProgMsg& msg, ProgMsgCallbackFn pfnProgMsg, uint64_t ullContext, uint64_t ullTotal);
+    CRestoreProgress(ProgMsg& msg, const CHostChannel& channel, uint64_t ullTotal);
 
     // Any thread, during a copy: cbRead bytes read, cbBeyondSize of them past the file's size.
     // On the calling thread the host hears of it at once.
@@ -36,8 +37,7 @@ private:
     bool OnCallingThread() const { return ::GetCurrentThreadId() == m_dwCallingThread; }
 
     ProgMsg& m_msg;
-    ProgMsgCallbackFn m_pfnProgMsg;
-    uint64_t m_ullContext;
+    const CHostChannel& m_channel;
     DWORD m_dwCallingThread;
     std::atomic<uint64_t> m_ullBytesDone{0};
     std::atomic<uint64_t> m_ullTotal;

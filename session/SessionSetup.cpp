@@ -2,7 +2,7 @@
 // and translated, a hidden console for the session's child processes, the link points read.
 #include "session/KEFLImpl.h"
 
-#include "client/MessageIds.h"
+#include "channel/MessageIds.h"
 #include "trace/TraceObjects.h"
 
 #include <shlwapi.h>

@@ -5,7 +5,7 @@
 #include "trace/TraceText.h"
 #include "platform/FormatText.h"
 #include "platform/ProfileString.h"
-#include "platform/TraceSizeLimit.h"
+#include "trace/TraceWords.h"
 #include "platform/Utf8.h"
 
 #include <shlwapi.h>
@@ -311,8 +311,8 @@ bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
             return (uiLimitLevel & (TRACE_ERROR | TRACE_WARNING)) != 0;
         std::string sLine;
         AppendPrefix(sLine, TRACE_WARNING);
-        std::wstring sText = std::wstring(kTraceLimitFunction) + L" : " + kTraceLimitReached +
-                             std::to_wstring(cbLimit / kMiB) + kTraceLimitConsequence;
+        std::wstring sText = std::wstring(words::kTraceLimitFunction) + L" : " + words::kTraceLimitReached +
+                             std::to_wstring(cbLimit / kMiB) + words::kTraceLimitConsequence;
         sText += kTraceLineEnd;
         sLine += ToUtf8(sText);
         m_cbFile += AppendToFile(hFile, sLine);

@@ -4,6 +4,7 @@
 #include "platform/CatchAtEdge.h"
 #include "platform/FormatText.h"
 #include "trace/KEFLTrace.h"
+#include "trace/TraceWords.h"
 
 namespace morvane
 {
@@ -22,7 +23,7 @@ inline bool TraceFailed(const wchar_t* pwszFunction, const wchar_t* pwszReason)
 
 inline void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, uint32_t uiLevel = TRACE_ERROR)
 {
-    g_KeflTrace.TraceValue(uiLevel, pwszFunction, L"dwLastError", static_cast<int64_t>(dwLastError));
+    g_KeflTrace.TraceValue(uiLevel, pwszFunction, words::kLastError, static_cast<int64_t>(dwLastError));
 }
 
 inline void TraceLastError(const wchar_t* pwszFunction, DWORD dwLastError, const wchar_t* pwszWhat)

@@ -15,7 +15,6 @@ inline constexpr wchar_t kWorkDir[] = L"E:\\UnitWork";
 class CTestVESKImpl : public morvane::VESKImpl
 {
 public:
-    using VESKImpl::m_hModule;
     using VESKImpl::m_uiOSVersion;
 };
 
@@ -32,7 +31,7 @@ protected:
         morvane::g_KeflTrace.ResetTraceFile();
         m_hKefl.reset(::LoadLibraryW(L"KEFL.dll"));
         ASSERT_TRUE(m_hKefl) << "error " << ::GetLastError();
-        m_impl.m_hModule = m_hKefl.get();
+        m_impl.Channel().SetModule(m_hKefl.get());
     }
     void TearDown() override { kefltest::ResetHostConfiguration(); }
 

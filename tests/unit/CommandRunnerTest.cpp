@@ -65,7 +65,7 @@ protected:
     }
 
     size_t m_cHandles = 0;
-    morvane::CCommandRunner m_runner{m_impl};
+    morvane::CCommandRunner m_runner{m_impl.Channel()};
 };
 
 } // namespace

@@ -1,7 +1,7 @@
 // Making the missing folders above a path before a file is restored into it. Paths may carry the
 // "\\?\" prefix and be longer than 260 characters, so the shell's path helpers (limited to 260)
 // are not used here.
-#include "client/VESKImpl.h"
+#include "folders/ParentFolders.h"
 
 #include "trace/TraceObjects.h"
 
@@ -60,7 +60,7 @@ bool StripLastComponent(std::wstring& sPath)
 
 } // namespace
 
-bool VESKImpl::CreateParentDir(const std::wstring& sPath)
+bool CreateParentFolders(const std::wstring& sPath)
 {
     static const wchar_t kFn[] = L"VESKImpl::CreateParentDir";
     g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"sPath", sPath);
@@ -76,7 +76,7 @@ bool VESKImpl::CreateParentDir(const std::wstring& sPath)
                 ::GetLastError() != ERROR_ALREADY_EXISTS)
             {
                 // Its own parent is missing too: make that chain first, then this folder.
-                if (!CreateParentDir(wszParentDir))
+                if (!CreateParentFolders(wszParentDir))
                 {
                     g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, L"CreateParentDir failed");
                     g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"wszParentDir", wszParentDir);

@@ -1,4 +1,4 @@
-#include "client/KEFL.h"
+#include "exports/KEFL.h"
 
 #include "session/KEFLImpl.h"
 #include "trace/TraceObjects.h"

@@ -2,7 +2,7 @@
 // null, with the reason in the trace, rather than throw into a host that may not catch.
 #include "VESK.h"
 #include "VeskCredentials.h"
-#include "client/KEFL.h"
+#include "exports/KEFL.h"
 #include "trace/TraceObjects.h"
 
 namespace

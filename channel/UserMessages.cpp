@@ -1,5 +1,5 @@
 // User messages: texts of KEFL.DLL's string table handed to the host's log callback.
-#include "client/VESKImpl.h"
+#include "channel/HostChannel.h"
 
 #include "trace/TraceObjects.h"
 
@@ -35,7 +35,7 @@ void TraceEntry(const wchar_t* pwszFunction, uint32_t uiSeverity, uint32_t uiMsg
 
 } // namespace
 
-int32_t VESKImpl::LogStdMsg(uint32_t uiSeverity, uint32_t uiMsgId)
+int32_t CHostChannel::LogStdMsg(uint32_t uiSeverity, uint32_t uiMsgId)
 {
     static const wchar_t kFn[] = L"VESKImpl::LogStdMsg";
     TraceEntry(kFn, uiSeverity, uiMsgId);
@@ -52,7 +52,16 @@ int32_t VESKImpl::LogStdMsg(uint32_t uiSeverity, uint32_t uiMsgId)
 }
 
 // A string-table text takes its values printf-style, as every client of the recovery host formats them.
-int32_t VESKImpl::LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...) // NOLINT(cert-dcl50-cpp)
+int32_t CHostChannel::LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...) // NOLINT(cert-dcl50-cpp)
+{
+    va_list args;
+    va_start(args, uiMsgId);
+    const int32_t iRc = LogVarMsgV(uiSeverity, uiMsgId, args);
+    va_end(args);
+    return iRc;
+}
+
+int32_t CHostChannel::LogVarMsgV(uint32_t uiSeverity, uint32_t uiMsgId, va_list args)
 {
     static const wchar_t kFn[] = L"VESKImpl::LogVarMsg";
     TraceEntry(kFn, uiSeverity, uiMsgId);
@@ -64,10 +73,7 @@ int32_t VESKImpl::LogVarMsg(uint32_t uiSeverity, uint32_t uiMsgId, ...) // NOLIN
     // convention (%s wide, %S narrow, %c a wide character).
     constexpr size_t kMsgChars = 2048;
     wchar_t wszMsgBuf[kMsgChars];
-    va_list args;
-    va_start(args, uiMsgId);
     _vsnwprintf(wszMsgBuf, kMsgChars - 1, wszFormat, args);
-    va_end(args);
     wszMsgBuf[kMsgChars - 1] = L'\0';
 
     if (bLoaded)
