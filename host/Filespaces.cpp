@@ -9,12 +9,6 @@ namespace keflhost
 namespace
 {
 
-// Filespace flags: BOOT is 0x3, SYSTEM 0x5, the configuration drive 0x2, a mount point 0x8.
-constexpr uint32_t kFlagBootOrSystem = 0x1;
-constexpr uint32_t kFlagBoot = 0x2;
-constexpr uint32_t kFlagSystem = 0x4;
-constexpr uint32_t kFlagMount = 0x8;
-
 std::wstring WithoutTrailingSlashes(std::wstring sFolder, size_t cchKept)
 {
     while (sFolder.size() > cchKept && sFolder.back() == L'\\')
@@ -26,23 +20,23 @@ std::wstring WithoutTrailingSlashes(std::wstring sFolder, size_t cchKept)
 
 std::wstring Name(const morvane::Filespace& fs)
 {
-    return (fs.dwFsFlags & kFlagMount) ? fs.sFsMountDir : std::wstring(1, fs.wcFsDriveLetter) + L":";
+    return (fs.dwFsFlags & morvane::kFsFlagMountPoint) ? fs.sFsMountDir : std::wstring(1, fs.wcFsDriveLetter) + L":";
 }
 
 std::wstring DescribeFlags(uint32_t dwFsFlags)
 {
     std::wstring sFlags;
     auto add = [&](const wchar_t* pwsz) { sFlags += (sFlags.empty() ? L"" : L" ") + std::wstring(pwsz); };
-    const bool bBoot = (dwFsFlags & (kFlagBootOrSystem | kFlagBoot)) == (kFlagBootOrSystem | kFlagBoot);
-    const bool bSystem = (dwFsFlags & (kFlagBootOrSystem | kFlagSystem)) == (kFlagBootOrSystem | kFlagSystem);
+    const bool bBoot = (dwFsFlags & morvane::kFsFlagBoot) == morvane::kFsFlagBoot;
+    const bool bSystem = (dwFsFlags & morvane::kFsFlagSystem) == morvane::kFsFlagSystem;
     if (bBoot)
         add(L"BOOT");
     if (bSystem)
         add(L"SYSTEM");
     // 0x2 alone marks the drive that carried the configuration; on BOOT it cannot be told apart.
-    if ((dwFsFlags & kFlagBoot) && !bBoot)
+    if ((dwFsFlags & morvane::kFsFlagConfig) && !bBoot)
         add(L"CONFIG");
-    if (dwFsFlags & kFlagMount)
+    if (dwFsFlags & morvane::kFsFlagMountPoint)
         add(L"MOUNT");
     return sFlags;
 }
@@ -64,7 +58,7 @@ bool IsSelected(const morvane::Filespace& fs, const std::vector<std::wstring>& v
         return true;
     for (const std::wstring& sWanted : vSelected)
     {
-        if (fs.dwFsFlags & kFlagMount)
+        if (fs.dwFsFlags & morvane::kFsFlagMountPoint)
         {
             if (_wcsicmp(sWanted.c_str(), fs.sFsMountDir.c_str()) == 0)
                 return true;
@@ -81,7 +75,7 @@ bool IsSelected(const morvane::Filespace& fs, const std::vector<std::wstring>& v
 std::wstring BackupFolder(const std::wstring& sLocation, const morvane::Filespace& fs)
 {
     const std::wstring sFolder = WithoutTrailingSlashes(sLocation, 0);
-    if (!(fs.dwFsFlags & kFlagMount))
+    if (!(fs.dwFsFlags & morvane::kFsFlagMountPoint))
         return sFolder + L"\\" + fs.wcFsDriveLetter;
     // A mount point's files are inside the folder of the drive that holds it.
     const std::wstring sMount = WithoutTrailingSlashes(fs.sFsMountDir, 3);
@@ -90,7 +84,7 @@ std::wstring BackupFolder(const std::wstring& sLocation, const morvane::Filespac
 
 std::wstring RestoredFolder(const morvane::Filespace& fs)
 {
-    if (!(fs.dwFsFlags & kFlagMount))
+    if (!(fs.dwFsFlags & morvane::kFsFlagMountPoint))
         return std::wstring(1, fs.wcFsDriveLetter) + L":";
     return WithoutTrailingSlashes(fs.sFsMountDir, 3);
 }

@@ -85,6 +85,16 @@ struct Filespace
     wchar_t wcFsDriveLetter;
 };
 
+// Filespace::dwFsFlags, as the host reads them: the drive that holds the backup's configuration
+// 0x2, BOOT 0x3, SYSTEM 0x5 (0x1 marks BOOT or SYSTEM, beside 0x2 or 0x4), a mount point 0x8.
+constexpr uint32_t kFsFlagConfig = 0x2;
+constexpr uint32_t kFsFlagBoot = 0x3;
+constexpr uint32_t kFsFlagSystem = 0x5;
+constexpr uint32_t kFsFlagMountPoint = 0x8;
+
+// The letters a drive filespace may have, in the order the backup's drive folders are listed.
+inline constexpr wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
 class VESK
 {
 public:

@@ -119,11 +119,8 @@ bool KEFLImpl::GetConfig()
     }
 
     std::wstring sPath;
-    if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return TraceFailed(kFn, L"... ending(ConvertVoltoDL failed)");
-    }
+    if (!LocalTargetPath(kFn, sPath, L"... ending(ConvertVoltoDL failed)"))
+        return false;
     const std::wstring sSource = sPath + L"\\" + kDataFolder;
     const std::wstring sCmd = L"XCOPY /e /h /r /y \"" + sSource + L"\\*\" \"" + m_sConfigDir + L"\"";
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sCmd", sCmd);

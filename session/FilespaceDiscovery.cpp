@@ -18,16 +18,6 @@ namespace
 const wchar_t kGetFilespaceList[] = L"KEFLImpl::GetFilespaceList";
 const wchar_t kGetBOOTandSYSTEM[] = L"KEFLImpl::GetBOOTandSYSTEM";
 
-// The letters a drive folder of the backup may have, in the order they are listed.
-const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
-
-// Filespace flags as the host reads them: BOOT is 0x3, SYSTEM 0x5, the drive that holds the
-// backup's configuration 0x2, a mount point 0x8.
-constexpr uint32_t kFsFlagConfig = 0x2;
-constexpr uint32_t kFsFlagBoot = 0x3;
-constexpr uint32_t kFsFlagSystem = 0x5;
-constexpr uint32_t kFsFlagMountPoint = 0x8;
-
 // Whether c is one of the upper-case drive letters. The terminator counts too (wcschr finds it),
 // so an empty value in the configuration passes as a letter.
 bool IsDriveLetter(wchar_t c)
@@ -55,18 +45,11 @@ std::wstring PathBelowDrive(const std::wstring& sPath)
 
 } // namespace
 
-bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
+// One filespace per drive folder of the backup ("R:\Backup\C" is drive C:), found under sPath;
+// the drive that carried the configuration has it copied to the host. False when that copy fails.
+bool KEFLImpl::ListDriveFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces)
 {
     const wchar_t* const kFn = kGetFilespaceList;
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-    SetLastErrorMsg(L"");
-    LogStdMsg(MSG_SEVERITY_INFO, IDS_LISTING_DRIVE_LETTERS);
-
-    std::wstring sPath;
-    if (!LocalTargetPath(kFn, sPath))
-        return false;
-
-    // One filespace per drive folder of the backup ("R:\Backup\C" is drive C:).
     for (const wchar_t* pwc = kDriveLetters; *pwc; ++pwc)
     {
         const wchar_t wcLetter = *pwc;
@@ -106,20 +89,19 @@ bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
         }
         vFilespaces.push_back(fs);
     }
+    return true;
+}
 
-    // One filespace per mount point; its files are in the folder of the drive it is mounted on.
+// One filespace per mount point; its files are in the folder of the drive it is mounted on.
+void KEFLImpl::ListMountFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces)
+{
     for (const Point& point : m_MountPoints)
     {
-        if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
-        {
-            LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-            return TraceFailed(kFn, L"... ending(ConvertVOLtoDL failed)");
-        }
         const std::wstring& sMountDir = point.sLink;
         const wchar_t wcLetter =
             sMountDir.empty() ? L'\0' : static_cast<wchar_t>(std::towupper(sMountDir[0]));
         const std::wstring sSubFolder = sPath + L"\\" + wcLetter + PathBelowDrive(sMountDir);
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sSubFolder", sSubFolder);
+        g_KeflTrace.TraceValue(TRACE_INFO, kGetFilespaceList, L"sSubFolder", sSubFolder);
 
         Filespace fs = EmptyFilespace();
         fs.wcFsDriveLetter = wcLetter;
@@ -128,27 +110,80 @@ bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
         fs.sFsPath = sMountDir;
         vFilespaces.push_back(fs);
     }
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiFilespaceCount", static_cast<int64_t>(vFilespaces.size()));
+}
 
-    // BOOT and SYSTEM as the configuration names them; a mount point is neither.
+// BOOT and SYSTEM as the configuration names them; a mount point is neither.
+void KEFLImpl::MarkBootAndSystem(std::vector<Filespace>& vFilespaces)
+{
     for (Filespace& fs : vFilespaces)
     {
         if (fs.dwFsFlags & kFsFlagMountPoint)
             continue;
         if (fs.wcFsDriveLetter == m_wcWinBOOT)
         {
-            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Found BOOT filespace");
+            g_KeflTrace.TraceMessage(TRACE_INFO, kGetFilespaceList, L"Found BOOT filespace");
             fs.dwFsFlags |= kFsFlagBoot;
         }
         if (fs.wcFsDriveLetter == m_wcWinSYSTEM)
         {
-            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Found SYSTEM filespace");
+            g_KeflTrace.TraceMessage(TRACE_INFO, kGetFilespaceList, L"Found SYSTEM filespace");
             fs.dwFsFlags |= kFsFlagSystem;
         }
     }
+}
+
+bool KEFLImpl::GetFilespaceList(std::vector<Filespace>& vFilespaces)
+{
+    const wchar_t* const kFn = kGetFilespaceList;
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    SetLastErrorMsg(L"");
+    LogStdMsg(MSG_SEVERITY_INFO, IDS_LISTING_DRIVE_LETTERS);
+
+    std::wstring sPath;
+    if (!LocalTargetPath(kFn, sPath) || !ListDriveFilespaces(sPath, vFilespaces))
+        return false;
+    ListMountFilespaces(sPath, vFilespaces);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiFilespaceCount", static_cast<int64_t>(vFilespaces.size()));
+    MarkBootAndSystem(vFilespaces);
 
     LogStdMsg(MSG_SEVERITY_INFO, IDS_LISTED_DRIVE_LETTERS);
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+// The SYSTEM drive of an MBR disk: [WinDir] BootDriveLetter, else the letter of the partition
+// [WinDir] BootPartition names in the disk's section.
+bool KEFLImpl::ReadMbrSystemLetter(const wchar_t* pwszIni, const wchar_t* pwszDriveSection)
+{
+    const wchar_t* const kFn = kGetBOOTandSYSTEM;
+    wchar_t wszLetter[2] = {};
+    g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Windows SYSTEM on an MBR disk");
+    ::GetPrivateProfileStringW(L"WinDir", L"BootDriveLetter", L"-", wszLetter, 2, pwszIni);
+    m_wcWinSYSTEM = wszLetter[0];
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_wcWinSYSTEM", m_wcWinSYSTEM);
+    if (!IsDriveLetter(m_wcWinSYSTEM))
+    {
+        g_KeflTrace.TraceMessage(TRACE_WARNING, kFn, L"[WinDir] BootDriveLetter not found/valid");
+        const int iBootPartition =
+            static_cast<int>(::GetPrivateProfileIntW(L"WinDir", L"BootPartition", -1, pwszIni));
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"iBootPartition", static_cast<int64_t>(iBootPartition));
+        if (iBootPartition < 0)
+        {
+            LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_SYSTEM_DRIVE);
+            return TraceFailed(kFn, L"... ending([WinDir] BootPartition missing)");
+        }
+        wchar_t wszPartitionKey[32] = {};
+        (void)FormatInto(wszPartitionKey, L"DriveLetter%u",
+                         static_cast<unsigned>(iBootPartition)); // fits
+        ::GetPrivateProfileStringW(pwszDriveSection, wszPartitionKey, L"-", wszLetter, 2, pwszIni);
+        m_wcWinSYSTEM = static_cast<wchar_t>(std::towupper(wszLetter[0]));
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_wcWinSYSTEM", m_wcWinSYSTEM);
+        if (!IsDriveLetter(m_wcWinSYSTEM))
+        {
+            LogStdMsg(MSG_SEVERITY_WARNING, IDS_NO_SYSTEM_DRIVE);
+            return TraceFailed(kFn, L"... ending(SYSTEM drive letter cannot be determined)");
+        }
+    }
     return true;
 }
 
@@ -198,38 +233,10 @@ bool KEFLImpl::GetBOOTandSYSTEM()
     const UINT uiPartStyle = ::GetPrivateProfileIntW(wszDriveSection, L"PartitionStyle", 0, pwszIni);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"uiPartStyle", static_cast<int64_t>(uiPartStyle));
 
-    if (uiPartStyle == 0)
-    {
-        // MBR: the drive Windows starts from is named directly, or by its partition number.
-        g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Windows SYSTEM on an MBR disk");
-        ::GetPrivateProfileStringW(L"WinDir", L"BootDriveLetter", L"-", wszLetter, 2, pwszIni);
-        m_wcWinSYSTEM = wszLetter[0];
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_wcWinSYSTEM", m_wcWinSYSTEM);
-        if (!IsDriveLetter(m_wcWinSYSTEM))
-        {
-            g_KeflTrace.TraceMessage(TRACE_WARNING, kFn, L"[WinDir] BootDriveLetter not found/valid");
-            const int iBootPartition =
-                static_cast<int>(::GetPrivateProfileIntW(L"WinDir", L"BootPartition", -1, pwszIni));
-            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"iBootPartition", static_cast<int64_t>(iBootPartition));
-            if (iBootPartition < 0)
-            {
-                LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_SYSTEM_DRIVE);
-                return TraceFailed(kFn, L"... ending([WinDir] BootPartition missing)");
-            }
-            wchar_t wszPartitionKey[32] = {};
-            (void)FormatInto(wszPartitionKey, L"DriveLetter%u",
-                             static_cast<unsigned>(iBootPartition)); // fits
-            ::GetPrivateProfileStringW(wszDriveSection, wszPartitionKey, L"-", wszLetter, 2, pwszIni);
-            m_wcWinSYSTEM = static_cast<wchar_t>(std::towupper(wszLetter[0]));
-            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"m_wcWinSYSTEM", m_wcWinSYSTEM);
-            if (!IsDriveLetter(m_wcWinSYSTEM))
-            {
-                LogStdMsg(MSG_SEVERITY_WARNING, IDS_NO_SYSTEM_DRIVE);
-                return TraceFailed(kFn, L"... ending(SYSTEM drive letter cannot be determined)");
-            }
-        }
-    }
-    else if (uiPartStyle == 1)
+    // MBR: the drive Windows starts from is named directly, or by its partition number.
+    if (uiPartStyle == 0 && !ReadMbrSystemLetter(pwszIni, wszDriveSection))
+        return false;
+    if (uiPartStyle == 1)
     {
         // GPT: Windows starts from the EFI system partition, which has no drive letter to restore.
         g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Windows SYSTEM on a GPT disk");

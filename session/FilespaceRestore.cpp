@@ -27,9 +27,6 @@ namespace
 const wchar_t* const kRestoreFilespace = words::kRestoreFilespace;
 const wchar_t kCopyFile[] = L"KEFLImpl::CopyFileWithProgress";
 
-// Filespace.dwFsFlags: the filespace is a mount point, not a drive.
-constexpr uint32_t kFsFlagMountPoint = 0x8;
-
 // The unit of BackupRead and BackupWrite.
 constexpr DWORD kCopyBufferBytes = 65536;
 
@@ -37,8 +34,6 @@ constexpr DWORD kCopyBufferBytes = 65536;
 // this far apart.
 constexpr int kOpenAttempts = 10;
 constexpr DWORD kOpenRetryMs = 30000;
-const wchar_t kDriveLetters[] = L"ABCDEFGHIJKLMNOPQRSTUVWXYZ";
-
 // What a restored file or folder takes over from its copy in the backup, beside its times.
 constexpr DWORD kRestoredAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                       FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
@@ -133,6 +128,120 @@ bool CreateFolder(const std::wstring& sDst)
     return false;
 }
 
+// Folders last, deepest first: restoring a folder's content changes its times.
+void RestoreFolderTimes(const CWalkList& walk, const std::wstring& sDstFolder)
+{
+    std::wstring sDst;
+    for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)
+    {
+        if (!walk.Entry(uiEntry).IsDirectory())
+            continue;
+        sDst.assign(sDstFolder);
+        walk.AppendPath(uiEntry, sDst);
+        if (IsSkippedDirectory(sDst))
+            continue;
+        const std::wstring sLongDst = LongPath(sDst);
+        if (IsFolder(sLongDst))
+            RestoreFolderMetadata(kRestoreFilespace, sLongDst, walk.Entry(uiEntry));
+    }
+}
+
+// Exclusive access: a file that another process is still writing is waited for.
+CUniqueFile OpenSource(const std::wstring& sSrc, DWORD& dwLastError)
+{
+    CUniqueFile hSrc;
+    for (int iAttempt = 1; iAttempt <= kOpenAttempts; ++iAttempt)
+    {
+        hSrc.reset(::CreateFileW(sSrc.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        if (hSrc)
+            break;
+        dwLastError = ::GetLastError();
+        // Only a file that another process holds becomes readable by waiting.
+        if (dwLastError != ERROR_SHARING_VIOLATION && dwLastError != ERROR_LOCK_VIOLATION)
+            break;
+        if (iAttempt < kOpenAttempts)
+            ::Sleep(kOpenRetryMs);
+    }
+    return hSrc;
+}
+
+struct CCopyTotals
+{
+    uint64_t ullRead = 0;
+    uint64_t ullWritten = 0;
+};
+
+// The file's backup streams from hSrc to hDst through pBuffer, each read counted into progress.
+// Both streams' contexts are ended, also when the copy stopped on a failure. False after a failed
+// read or write.
+bool CopyStreams(HANDLE hSrc, HANDLE hDst, BYTE* pBuffer, const CWalkEntry& entry, CRestoreProgress& progress,
+                 CCopyTotals& totals)
+{
+    const wchar_t* const kFn = kCopyFile;
+    DWORD dwLastError = ERROR_SUCCESS;
+    LPVOID pReadContext = nullptr;
+    LPVOID pWriteContext = nullptr;
+    bool bResult = true;
+    bool bCopying = true;
+    while (bCopying)
+    {
+        DWORD dwBytesRead = 0;
+        if (!::BackupRead(hSrc, pBuffer, kCopyBufferBytes, &dwBytesRead, FALSE, FALSE, &pReadContext))
+        {
+            dwLastError = ::GetLastError();
+            TraceLastError(kFn, dwLastError);
+            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to read from source file");
+            bResult = false;
+            break;
+        }
+        if (dwBytesRead == 0)
+        {
+            g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (source)");
+            break;
+        }
+        // The count knew each file's data only; the stream headers (and a file grown since the
+        // count) raise the total as they are read, so that bytes done never pass it.
+        totals.ullRead += dwBytesRead;
+        progress.Read(dwBytesRead, totals.ullRead > entry.ullSize
+                                       ? std::min<uint64_t>(dwBytesRead, totals.ullRead - entry.ullSize)
+                                       : 0);
+
+        DWORD dwRemaining = dwBytesRead;
+        while (dwRemaining > 0)
+        {
+            // A partial write is followed by a write of the rest: the bytes it did not take.
+            DWORD dwBytesWritten = 0;
+            if (!::BackupWrite(hDst, pBuffer + (dwBytesRead - dwRemaining), dwRemaining, &dwBytesWritten,
+                               FALSE, FALSE, &pWriteContext))
+            {
+                dwLastError = ::GetLastError();
+                TraceLastError(kFn, dwLastError);
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to write to destination file");
+                bResult = false;
+                bCopying = false;
+                break;
+            }
+            totals.ullWritten += dwBytesWritten;
+            if (dwBytesWritten == 0)
+            {
+                g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (destination)");
+                bCopying = false;
+                break;
+            }
+            dwRemaining -= dwBytesWritten < dwRemaining ? dwBytesWritten : dwRemaining;
+        }
+    }
+
+    // Both streams' contexts are ended, also when the copy stopped on a failure.
+    DWORD dwIgnored = 0;
+    if (pReadContext)
+        ::BackupRead(hSrc, nullptr, 0, &dwIgnored, TRUE, FALSE, &pReadContext);
+    if (pWriteContext)
+        ::BackupWrite(hDst, nullptr, 0, &dwIgnored, TRUE, FALSE, &pWriteContext);
+    return bResult;
+}
+
 bool EndRestore(const wchar_t* pwszReason)
 {
     g_KeflTrace.TraceMessage(TRACE_ERROR, kRestoreFilespace, pwszReason);
@@ -141,97 +250,90 @@ bool EndRestore(const wchar_t* pwszReason)
 
 } // namespace
 
-bool KEFLImpl::RestoreFilespace(Filespace& fs)
+// The destination of a filespace: the mount point MPoint.dat knows by that folder, or a valid
+// drive letter. False, with the host's message, when it is neither.
+bool KEFLImpl::CheckDestination(const Filespace& fs, const Point*& pMountPoint)
 {
     const wchar_t* const kFn = kRestoreFilespace;
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    pMountPoint = nullptr;
+    if (!(fs.dwFsFlags & kFsFlagMountPoint))
+    {
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.wcFsDriveLetter", fs.wcFsDriveLetter);
+        // wcschr finds the terminator too: a NUL letter is no letter.
+        if (fs.wcFsDriveLetter != L'\0' && std::wcschr(kDriveLetters, fs.wcFsDriveLetter))
+            return true;
+        LogVarMsg(MSG_SEVERITY_ERROR, IDS_INVALID_DRIVE_LETTER, fs.wcFsDriveLetter);
+        return EndRestore(L"... ending(Drive letter not valid)");
+    }
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.sFsMountDir", fs.sFsMountDir);
+    for (const Point& point : m_MountPoints)
+    {
+        if (_wcsicmp(point.sLink.c_str(), fs.sFsMountDir.c_str()) == 0)
+        {
+            pMountPoint = &point;
+            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Valid mount point supplied");
+            return true;
+        }
+    }
+    LogVarMsg(MSG_SEVERITY_ERROR, IDS_UNKNOWN_MOUNT_POINT, fs.sFsMountDir.c_str());
+    return EndRestore(L"... ending(Mount point unknown)");
+}
+
+// Where a filespace's files come from and go to. The backup keeps each drive in a folder named
+// after its letter, and a mount point's files inside the folder of the drive that holds the mount
+// point, at the mount point's own path: C:\Mount\Data is R:\Backup\C\Mount\Data. The path is taken
+// from MPoint.dat's section name rather than from its BackupTarget, which carries the backup
+// drive's letter of that time. False, with the host's message, when the destination is unknown,
+// the backup cannot be reached or the destination's volume is not there.
+bool KEFLImpl::ResolveFolders(const Filespace& fs, CFilespaceFolders& folders)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
     if (m_sTargetLocation.empty())
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
         return EndRestore(L"... ending(Target location not set)");
     }
-
-    // Where the files go: a drive's root or a mount point's folder, which MPoint.dat must know.
-    const bool bMountPoint = (fs.dwFsFlags & kFsFlagMountPoint) != 0;
     const Point* pMountPoint = nullptr;
-    if (bMountPoint)
-    {
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.sFsMountDir", fs.sFsMountDir);
-        for (const Point& point : m_MountPoints)
-        {
-            if (_wcsicmp(point.sLink.c_str(), fs.sFsMountDir.c_str()) == 0)
-            {
-                pMountPoint = &point;
-                break;
-            }
-        }
-        if (!pMountPoint)
-        {
-            LogVarMsg(MSG_SEVERITY_ERROR, IDS_UNKNOWN_MOUNT_POINT, fs.sFsMountDir.c_str());
-            return EndRestore(L"... ending(Mount point unknown)");
-        }
-        g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"Valid mount point supplied");
-    }
-    else
-    {
-        g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Filespace.wcFsDriveLetter", fs.wcFsDriveLetter);
-        // wcschr finds the terminator too: a NUL letter is no letter.
-        if (fs.wcFsDriveLetter == L'\0' || !std::wcschr(kDriveLetters, fs.wcFsDriveLetter))
-        {
-            LogVarMsg(MSG_SEVERITY_ERROR, IDS_INVALID_DRIVE_LETTER, fs.wcFsDriveLetter);
-            return EndRestore(L"... ending(Drive letter not valid)");
-        }
-    }
-
     std::wstring sLocalPath;
-    if (!ConvertVOLtoDL(m_sTargetLocation, sLocalPath))
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndRestore(L"... ending(ConvertVOLtoDL failed)");
-    }
-    // The backup keeps each drive in a folder named after its letter, and a mount point's files
-    // inside the folder of the drive that holds the mount point, at the mount point's own path:
-    // C:\Mount\Data is R:\Backup\C\Mount\Data. The path is taken from MPoint.dat's section name
-    // rather than from its BackupTarget, which carries the backup drive's letter of that time.
-    std::wstring sSrcFolder;
-    std::wstring sDstFolder;
-    if (bMountPoint)
+    if (!CheckDestination(fs, pMountPoint) || !LocalTargetPath(kFn, sLocalPath))
+        return false;
+    folders.bMountPoint = pMountPoint != nullptr;
+    if (pMountPoint)
     {
         const std::wstring& sLink = pMountPoint->sLink;
         const std::wstring sDirPart = sLink.size() >= 2 && sLink[1] == L':' ? sLink.substr(2) : sLink;
-        sSrcFolder = sLocalPath + L"\\" + sLink.substr(0, 1) + sDirPart;
-        sDstFolder = fs.sFsMountDir;
-        while (sSrcFolder.size() > 3 && sSrcFolder.back() == L'\\')
-            sSrcFolder.pop_back();
-        while (sDstFolder.size() > 3 && sDstFolder.back() == L'\\')
-            sDstFolder.pop_back();
+        folders.sSrc = sLocalPath + L"\\" + sLink.substr(0, 1) + sDirPart;
+        folders.sDst = fs.sFsMountDir;
+        while (folders.sSrc.size() > 3 && folders.sSrc.back() == L'\\')
+            folders.sSrc.pop_back();
+        while (folders.sDst.size() > 3 && folders.sDst.back() == L'\\')
+            folders.sDst.pop_back();
     }
     else
     {
-        sSrcFolder = sLocalPath + L"\\" + fs.wcFsDriveLetter;
+        folders.sSrc = sLocalPath + L"\\" + fs.wcFsDriveLetter;
         // No backslash: the source folder's part of each path is replaced, giving "C:\...".
-        sDstFolder = std::wstring(1, fs.wcFsDriveLetter) + L":";
+        folders.sDst = std::wstring(1, fs.wcFsDriveLetter) + L":";
     }
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sSrcFolder", sSrcFolder);
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDstFolder", sDstFolder);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sSrcFolder", folders.sSrc);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDstFolder", folders.sDst);
 
     // The destination volume must be there.
-    const std::wstring sDstRoot = sDstFolder + L"\\";
-    if (!::GetVolumeInformationW(sDstRoot.c_str(), nullptr, 0, nullptr, nullptr, nullptr, nullptr, 0))
-    {
-        const DWORD dwLastError = ::GetLastError();
-        TraceLastError(kFn, dwLastError);
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"GetVolumeInformation failed");
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_RESTORE_DRIVE_FAILED);
-        return EndRestore(L"...ending(Destination drive letter / mount directory not found)");
-    }
+    if (::GetVolumeInformationW(folders.Root().c_str(), nullptr, 0, nullptr, nullptr, nullptr, nullptr, 0))
+        return true;
+    TraceLastError(kFn, ::GetLastError(), L"GetVolumeInformation failed");
+    LogStdMsg(MSG_SEVERITY_ERROR, IDS_RESTORE_DRIVE_FAILED);
+    return EndRestore(L"...ending(Destination drive letter / mount directory not found)");
+}
 
+// The host hears that the restore starts: the message, then the progress record's start and the
+// counting text.
+void KEFLImpl::AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& progress)
+{
     if (bMountPoint)
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORING_MOUNT, fs.sFsMountDir.c_str());
     else
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORING_DRIVE, fs.wcFsDriveLetter);
-
-    ProgMsg progress{};
     progress.sPath = fs.sFsPath;
     progress.wcDriveLetter = fs.wcFsDriveLetter;
     progress.uiState = PROG_STATE_STARTING;
@@ -242,35 +344,15 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         progress.uiState = PROG_STATE_TEXT;
         m_channel.ReportProgress(progress);
     }
+}
 
-    // With these two enabled, backup semantics read files and list folders whose access lists
-    // would refuse this account; without them the restore goes on with what it can read.
-    for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
-    {
-        if (!SetPrivilege(pwszPrivilege, true))
-            g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Privilege not enabled", std::wstring(pwszPrivilege));
-    }
-
-    // Until the walk has handed over every file, the link pass takes none of this filespace's
-    // files as restored: a walk stopped by an exception leaves files neither copied nor failed.
-    m_unrestored.WalkBegins(sDstFolder);
-    CWalkList walk;
-    if (!WalkFilespace(sSrcFolder, walk))
-    {
-        progress.uiState = PROG_STATE_FAILED;
-        m_channel.ReportProgress(progress);
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
-        return EndRestore(L"... ending(CountFiles failed)");
-    }
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFiles, static_cast<int64_t>(walk.ullFiles));
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFolders,
-                           static_cast<int64_t>(walk.ullDirectories));
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
-
-    // Parents come before their children in the walk, so each folder exists before its content:
-    // the folders are made here, in walk order, and each file goes to a worker. A failing entry is
-    // noted and the walk goes on: as much as possible is restored. The paths are built into two
-    // buffers that keep their size from entry to entry.
+// Parents come before their children in the walk, so each folder exists before its content: the
+// folders are made here, in walk order, and each file goes to a worker. A failing entry is noted
+// and the walk goes on: as much as possible is restored. The paths are built into two buffers that
+// keep their size from entry to entry. Answers whether any entry failed.
+bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, ProgMsg& progress)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
     CRestoreProgress reporter(progress, m_channel, walk.ullBytes);
     std::wstring sSrc;
     std::wstring sDst;
@@ -281,7 +363,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
             const CWalkEntry& entry = walk.Entry(uiEntry);
-            sDst.assign(sDstFolder);
+            sDst.assign(folders.sDst);
             walk.AppendPath(uiEntry, sDst);
             if (entry.IsDirectory())
             {
@@ -300,42 +382,63 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
             }
             else
             {
-                sSrc.assign(sSrcFolder);
+                sSrc.assign(folders.sSrc);
                 walk.AppendPath(uiEntry, sSrc);
                 workers.Submit([this, &reporter, entry, sSrc, sDst] { RestoreFile(sSrc, sDst, entry, reporter); });
             }
         }
         workers.Finish();
     }
-    m_unrestored.WalkEnded(sDstFolder);
-    const bool bFailed = reporter.AnyFailed();
     // Left out by rule (the recycle bins, System Volume Information, the paging and hibernation
     // files): counted by the walk, not restored, and no failure.
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkSkippedFiles, llSkippedFiles);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkSkippedFolders, llSkippedFolders);
+    return reporter.AnyFailed();
+}
 
-    // Folders last, deepest first: restoring a folder's content changes its times.
-    for (uint32_t uiEntry = walk.Size(); uiEntry-- > 0;)
+bool KEFLImpl::RestoreFilespace(Filespace& fs)
+{
+    const wchar_t* const kFn = kRestoreFilespace;
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    CFilespaceFolders folders;
+    if (!ResolveFolders(fs, folders))
+        return false;
+    ProgMsg progress{};
+    AnnounceRestore(fs, folders.bMountPoint, progress);
+
+    // With these two enabled, backup semantics read files and list folders whose access lists
+    // would refuse this account; without them the restore goes on with what it can read.
+    for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
     {
-        const CWalkEntry& entry = walk.Entry(uiEntry);
-        if (!entry.IsDirectory())
-            continue;
-        sDst.assign(sDstFolder);
-        walk.AppendPath(uiEntry, sDst);
-        if (IsSkippedDirectory(sDst))
-            continue;
-        const std::wstring sLongDst = LongPath(sDst);
-        if (IsFolder(sLongDst))
-            RestoreFolderMetadata(kFn, sLongDst, entry);
+        if (!SetPrivilege(pwszPrivilege, true))
+            g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Privilege not enabled", std::wstring(pwszPrivilege));
     }
-    FlushVolume(sDstRoot);
+
+    // Until the walk has handed over every file, the link pass takes none of this filespace's
+    // files as restored: a walk stopped by an exception leaves files neither copied nor failed.
+    m_unrestored.WalkBegins(folders.sDst);
+    CWalkList walk;
+    if (!WalkFilespace(folders.sSrc, walk))
+    {
+        progress.uiState = PROG_STATE_FAILED;
+        m_channel.ReportProgress(progress);
+        LogStdMsg(MSG_SEVERITY_ERROR, IDS_COUNT_OBJECTS_FAILED);
+        return EndRestore(L"... ending(CountFiles failed)");
+    }
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFiles, static_cast<int64_t>(walk.ullFiles));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFolders, static_cast<int64_t>(walk.ullDirectories));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
+    const bool bFailed = RestoreEntries(walk, folders, progress);
+    m_unrestored.WalkEnded(folders.sDst);
+    RestoreFolderTimes(walk, folders.sDst);
+    FlushVolume(folders.Root());
 
     if (bFailed)
     {
         LogStdMsg(MSG_SEVERITY_ERROR, IDS_RESTORE_DRIVE_FAILED);
         return EndRestore(L"... ending(failed to copy one or more files)");
     }
-    if (bMountPoint)
+    if (folders.bMountPoint)
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_MOUNT, fs.sFsMountDir.c_str());
     else
         LogVarMsg(MSG_SEVERITY_INFO, IDS_RESTORED_DRIVE, fs.wcFsDriveLetter);
@@ -383,30 +486,14 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
 {
     const wchar_t* const kFn = kCopyFile;
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
-
-    // Exclusive access: a file that another process is still writing is waited for.
-    CUniqueFile hSrc;
     DWORD dwLastError = ERROR_SUCCESS;
-    for (int iAttempt = 1; iAttempt <= kOpenAttempts; ++iAttempt)
-    {
-        hSrc.reset(::CreateFileW(sSrc.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-        if (hSrc)
-            break;
-        dwLastError = ::GetLastError();
-        // Only a file that another process holds becomes readable by waiting.
-        if (dwLastError != ERROR_SHARING_VIOLATION && dwLastError != ERROR_LOCK_VIOLATION)
-            break;
-        if (iAttempt < kOpenAttempts)
-            ::Sleep(kOpenRetryMs);
-    }
+    CUniqueFile hSrc = OpenSource(sSrc, dwLastError);
     if (!hSrc)
     {
         TraceLastError(kFn, dwLastError);
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Failed to open source file for reading)");
         return false;
     }
-
     CUniqueFile hDst = OpenDestination(sDst, dwLastError);
     if (!hDst)
     {
@@ -427,69 +514,8 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L".. ending(Memory allocation error)");
         return false;
     }
-    BYTE* const pBuffer = vBuffer.data();
-
-    LPVOID pReadContext = nullptr;
-    LPVOID pWriteContext = nullptr;
-    bool bResult = true;
-    uint64_t ullTotalBytesRead = 0;
-    uint64_t ullTotalBytesWritten = 0;
-    bool bCopying = true;
-    while (bCopying)
-    {
-        DWORD dwBytesRead = 0;
-        if (!::BackupRead(hSrc.get(), pBuffer, kCopyBufferBytes, &dwBytesRead, FALSE, FALSE, &pReadContext))
-        {
-            dwLastError = ::GetLastError();
-            TraceLastError(kFn, dwLastError);
-            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to read from source file");
-            bResult = false;
-            break;
-        }
-        if (dwBytesRead == 0)
-        {
-            g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (source)");
-            break;
-        }
-        // The count knew each file's data only; the stream headers (and a file grown since the
-        // count) raise the total as they are read, so that bytes done never pass it.
-        ullTotalBytesRead += dwBytesRead;
-        progress.Read(dwBytesRead, ullTotalBytesRead > entry.ullSize
-                                       ? std::min<uint64_t>(dwBytesRead, ullTotalBytesRead - entry.ullSize)
-                                       : 0);
-
-        DWORD dwRemaining = dwBytesRead;
-        while (dwRemaining > 0)
-        {
-            // A partial write is followed by a write of the rest: the bytes it did not take.
-            DWORD dwBytesWritten = 0;
-            if (!::BackupWrite(hDst.get(), pBuffer + (dwBytesRead - dwRemaining), dwRemaining, &dwBytesWritten,
-                               FALSE, FALSE, &pWriteContext))
-            {
-                dwLastError = ::GetLastError();
-                TraceLastError(kFn, dwLastError);
-                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to write to destination file");
-                bResult = false;
-                bCopying = false;
-                break;
-            }
-            ullTotalBytesWritten += dwBytesWritten;
-            if (dwBytesWritten == 0)
-            {
-                g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (destination)");
-                bCopying = false;
-                break;
-            }
-            dwRemaining -= dwBytesWritten < dwRemaining ? dwBytesWritten : dwRemaining;
-        }
-    }
-
-    // Both streams' contexts are ended, also when the copy stopped on a failure.
-    DWORD dwIgnored = 0;
-    if (pReadContext)
-        ::BackupRead(hSrc.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pReadContext);
-    if (pWriteContext)
-        ::BackupWrite(hDst.get(), nullptr, 0, &dwIgnored, TRUE, FALSE, &pWriteContext);
+    CCopyTotals totals;
+    bool bResult = CopyStreams(hSrc.get(), hDst.get(), vBuffer.data(), entry, progress, totals);
     // Times and attributes through the open handle, after the last write, so that closing it
     // keeps them.
     if (bResult)
@@ -501,10 +527,9 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
         bResult = false;
     }
 
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(ullTotalBytesRead));
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten",
-                           static_cast<int64_t>(ullTotalBytesWritten));
-    if (ullTotalBytesRead != ullTotalBytesWritten)
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(totals.ullRead));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten", static_cast<int64_t>(totals.ullWritten));
+    if (totals.ullRead != totals.ullWritten)
     {
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Bytes Read != Bytes Written)");
         return false;

@@ -116,13 +116,14 @@ uint32_t KEFLImpl::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue
     return uiRc;
 }
 
-bool KEFLImpl::LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath)
+bool KEFLImpl::LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath,
+                               const wchar_t* pwszConvertFailure)
 {
     const wchar_t* pwszFailure = nullptr;
     if (m_sTargetLocation.empty())
         pwszFailure = L"... ending(Target location not set)";
     else if (!ConvertVOLtoDL(m_sTargetLocation, sPath))
-        pwszFailure = L"... ending(ConvertVOLtoDL failed)";
+        pwszFailure = pwszConvertFailure;
     else
         return true;
     // The same text for both: the host's user can only check the backup location.

@@ -79,12 +79,37 @@ public:
     // How many files are in flight at once: trace.ini's KEFL_RestoreThreads, 1 to 64, else 8.
     uint32_t RestoreThreads();
 
+    // Where one filespace's files come from (in the backup) and go to ("E:" or a mount folder).
+    struct CFilespaceFolders
+    {
+        bool bMountPoint = false;
+        std::wstring sSrc;
+        std::wstring sDst;
+        std::wstring Root() const { return sDst + L"\\"; }
+    };
+
 private:
+    // The parts of RestoreFilespace (FilespaceRestore.cpp).
+    bool CheckDestination(const Filespace& fs, const Point*& pMountPoint);
+    bool ResolveFolders(const Filespace& fs, CFilespaceFolders& folders);
+    void AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& progress);
+    bool RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, ProgMsg& progress);
+
+    // The parts of GetFilespaceList and GetBOOTandSYSTEM (FilespaceDiscovery.cpp).
+    bool ListDriveFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces);
+    void ListMountFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces);
+    void MarkBootAndSystem(std::vector<Filespace>& vFilespaces);
+    bool ReadMbrSystemLetter(const wchar_t* pwszIni, const wchar_t* pwszDriveSection);
+    // Init's console for the session's child processes, hidden (SessionSetup.cpp).
+    bool SetUpConsole();
+
     // Re-reads trace.ini and traces the two levels.
     void ReadTraceLevels(const wchar_t* pwszFunction);
-    // The backup's drive-letter path now. False, with message 125 and the failure trace of
-    // pwszFunction, when no location is set or it cannot be translated.
-    bool LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath);
+    // The backup's drive-letter path now, from its letter-free form: the one way back, once an
+    // operation. False, with message 125 and the failure trace of pwszFunction ("... ending(Target
+    // location not set)", or pwszConvertFailure), when no location is set or it cannot be translated.
+    bool LocalTargetPath(const wchar_t* pwszFunction, std::wstring& sPath,
+                         const wchar_t* pwszConvertFailure = L"... ending(ConvertVOLtoDL failed)");
     // Back to an empty session: no child-process handles, no link points, no console.
     void Reset();
     // The link-point files of the backup's data folder, in the order J, M, H, S.

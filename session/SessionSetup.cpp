@@ -56,6 +56,39 @@ void KEFLImpl::Reset()
         ::FreeConsole();
 }
 
+// The session's child processes (XCOPY) need a console; the host must not see its window.
+bool KEFLImpl::SetUpConsole()
+{
+    if (!::AllocConsole())
+    {
+        const DWORD dwLastError = ::GetLastError();
+        if (dwLastError != ERROR_ACCESS_DENIED) // the process has a console already
+        {
+            LogVarMsg(MSG_SEVERITY_ERROR, IDS_ALLOCCONSOLE_FAILED, dwLastError);
+            return EndInit(L"... ending(AllocConsole failed)");
+        }
+    }
+    if (HWND hConsole = ::GetConsoleWindow())
+    {
+        if (!::ShowWindow(hConsole, SW_HIDE))
+        {
+            const DWORD dwLastError = ::GetLastError();
+            if (dwLastError != ERROR_ACCESS_DENIED)
+            {
+                LogVarMsg(MSG_SEVERITY_WARNING, IDS_SHOWWINDOW_FAILED, dwLastError);
+                g_KeflTrace.TraceMessage(TRACE_WARNING, kInit, L"ShowWindow failed");
+            }
+        }
+    }
+    else
+    {
+        const DWORD dwLastError = ::GetLastError();
+        LogVarMsg(MSG_SEVERITY_WARNING, IDS_GETCONSOLEWINDOW_FAILED, dwLastError);
+        g_KeflTrace.TraceMessage(TRACE_WARNING, kInit, L"GetConsoleWindow failed");
+    }
+    return true;
+}
+
 bool KEFLImpl::Init(VeskCredentials* pCredentials)
 {
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kInit, L"starting ...");
@@ -90,40 +123,10 @@ bool KEFLImpl::Init(VeskCredentials* pCredentials)
     if (!CheckIfWebDAV(m_sTargetLocation, m_bIsWebDAV))
         return EndInit(L"... ending(CheckIfWebDAV failed)");
 
-    // The session's child processes (XCOPY) need a console; the host must not see its window.
-    if (!::AllocConsole())
-    {
-        const DWORD dwLastError = ::GetLastError();
-        if (dwLastError != ERROR_ACCESS_DENIED) // the process has a console already
-        {
-            LogVarMsg(MSG_SEVERITY_ERROR, IDS_ALLOCCONSOLE_FAILED, dwLastError);
-            return EndInit(L"... ending(AllocConsole failed)");
-        }
-    }
-    if (HWND hConsole = ::GetConsoleWindow())
-    {
-        if (!::ShowWindow(hConsole, SW_HIDE))
-        {
-            const DWORD dwLastError = ::GetLastError();
-            if (dwLastError != ERROR_ACCESS_DENIED)
-            {
-                LogVarMsg(MSG_SEVERITY_WARNING, IDS_SHOWWINDOW_FAILED, dwLastError);
-                g_KeflTrace.TraceMessage(TRACE_WARNING, kInit, L"ShowWindow failed");
-            }
-        }
-    }
-    else
-    {
-        const DWORD dwLastError = ::GetLastError();
-        LogVarMsg(MSG_SEVERITY_WARNING, IDS_GETCONSOLEWINDOW_FAILED, dwLastError);
-        g_KeflTrace.TraceMessage(TRACE_WARNING, kInit, L"GetConsoleWindow failed");
-    }
-
-    if (!ConvertVOLtoDL(m_sTargetLocation, m_sLocalPath))
-    {
-        LogStdMsg(MSG_SEVERITY_ERROR, IDS_NO_TARGET_LOCATION);
-        return EndInit(L"... ending(ConvertVOLtoDL failed)");
-    }
+    if (!SetUpConsole())
+        return false;
+    if (!LocalTargetPath(kInit, m_sLocalPath))
+        return false;
     const std::wstring sDataFolder = m_sLocalPath + L"\\" + kDataFolder;
     if (!::PathIsDirectoryW(sDataFolder.c_str()))
     {
