@@ -41,6 +41,69 @@ std::vector<wchar_t> WritableCommandLine(const std::wstring& sCmd)
     return vCmd;
 }
 
+// The child's standard input: this process's console, inheritable. False (traced, and the user
+// told) when there is no console to open.
+bool OpenConsoleInput(const wchar_t* pwszFunction, CHostChannel& channel, CUniqueFile& hConsoleIn)
+{
+    SECURITY_ATTRIBUTES saConsole = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    hConsoleIn.reset(::CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &saConsole,
+                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!hConsoleIn)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"CreateFile(CONIN) failed");
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+        // The message as the product has always logged it: unformatted.
+        channel.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
+        return false;
+    }
+    return true;
+}
+
+// One pipe for the child's standard output and error, both ends made with sa. False (traced)
+// when it cannot be made; the owners then hold nothing.
+bool CreateOutputPipe(const wchar_t* pwszFunction, SECURITY_ATTRIBUTES& sa, CUniqueFile& hPipeRead,
+                      CUniqueFile& hPipeWrite)
+{
+    if (!::CreatePipe(hPipeRead.put(), hPipeWrite.put(), &sa, CCommandRunner::kBufferBytes))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        // Nothing was created; what the call left in the slots is no handle.
+        hPipeRead.release();
+        hPipeWrite.release();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(Create STDOUT pipe failed)");
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+        return false;
+    }
+    return true;
+}
+
+// Starts sCmd hidden, reading hConsoleIn and writing both its output and its errors into
+// hPipeWrite; pi receives the child's handles, which the caller then owns. False (traced) when
+// the process cannot be started.
+bool StartHiddenChild(const wchar_t* pwszFunction, const std::wstring& sCmd, SECURITY_ATTRIBUTES& sa,
+                      const CUniqueFile& hConsoleIn, const CUniqueFile& hPipeWrite, PROCESS_INFORMATION& pi)
+{
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESHOWWINDOW | STARTF_USESTDHANDLES;
+    si.wShowWindow = SW_HIDE;
+    si.hStdInput = hConsoleIn.get();
+    si.hStdOutput = hPipeWrite.get();
+    si.hStdError = hPipeWrite.get();
+    std::vector<wchar_t> vCmdLine = WritableCommandLine(sCmd);
+    // A process group of its own, so that a console break reaches the child and not us.
+    if (!::CreateProcessW(nullptr, vCmdLine.data(), &sa, &sa, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
+                          nullptr, &si, &pi))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"... ending(CreateProcess failed)");
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 CCommandRunner::CCommandRunner(CHostChannel& channel) : m_channel(channel) {}
@@ -76,58 +139,24 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     SECURITY_DESCRIPTOR sd;
     if (!InitNullDacl(sd, kFn))
         return false;
-
-    // The child's standard input: this process's console, inheritable.
-    SECURITY_ATTRIBUTES saConsole = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    CUniqueFile hConsoleIn(::CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &saConsole,
-                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hConsoleIn)
-    {
-        const DWORD dwLastError = ::GetLastError();
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"CreateFile(CONIN) failed");
-        TraceLastError(kFn, dwLastError, TRACE_ERROR);
-        // The message as the product has always logged it: unformatted.
-        m_channel.LogStdMsg(MSG_SEVERITY_ERROR, IDS_CREATEFILE_FAILED);
+    CUniqueFile hConsoleIn;
+    if (!OpenConsoleInput(kFn, m_channel, hConsoleIn))
         return false;
-    }
 
-    // One pipe for the child's standard output and error; both ends inheritable.
+    // Both pipe ends and the child's process and thread handles are inheritable, open to anyone.
     if (!InitNullDacl(sd, kFn))
         return false;
     SECURITY_ATTRIBUTES sa = {sizeof(SECURITY_ATTRIBUTES), &sd, TRUE};
     CUniqueFile hPipeRead;
     CUniqueFile hPipeWrite;
-    if (!::CreatePipe(hPipeRead.put(), hPipeWrite.put(), &sa, kBufferBytes))
-    {
-        const DWORD dwLastError = ::GetLastError();
-        // Nothing was created; what the call left in the slots is no handle.
-        hPipeRead.release();
-        hPipeWrite.release();
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Create STDOUT pipe failed)");
-        TraceLastError(kFn, dwLastError, TRACE_ERROR);
+    if (!CreateOutputPipe(kFn, sa, hPipeRead, hPipeWrite))
         return false;
-    }
 
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sCmd", sCmd);
 
-    STARTUPINFOW si = {};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESHOWWINDOW | STARTF_USESTDHANDLES;
-    si.wShowWindow = SW_HIDE;
-    si.hStdInput = hConsoleIn.get();
-    si.hStdOutput = hPipeWrite.get();
-    si.hStdError = hPipeWrite.get();
     PROCESS_INFORMATION pi = {};
-    std::vector<wchar_t> vCmdLine = WritableCommandLine(sCmd);
-    // A process group of its own, so that a console break reaches the child and not us.
-    if (!::CreateProcessW(nullptr, vCmdLine.data(), &sa, &sa, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
-                          nullptr, &si, &pi))
-    {
-        const DWORD dwLastError = ::GetLastError();
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(CreateProcess failed)");
-        TraceLastError(kFn, dwLastError, TRACE_ERROR);
+    if (!StartHiddenChild(kFn, sCmd, sa, hConsoleIn, hPipeWrite, pi))
         return false; // closes the console input and both pipe ends
-    }
 
     m_hConsoleIn = std::move(hConsoleIn);
     m_hPipeRead = std::move(hPipeRead);
@@ -137,6 +166,17 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     m_dwProcessId = pi.dwProcessId;
     m_dwThreadId = pi.dwThreadId;
 
+    DWORD dwThreadId = 0;
+    if (!StartMonitor(kFn, dwThreadId))
+        return false;
+
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwThreadId", static_cast<int64_t>(dwThreadId));
+    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    return true;
+}
+
+bool CCommandRunner::StartMonitor(const wchar_t* pwszFunction, DWORD& dwThreadId)
+{
     m_monitorParams.phCommandMutex = &m_hCommandMutex;
     m_monitorParams.phProcess = &m_hProcess;
     m_monitorParams.phThread = &m_hThread;
@@ -147,13 +187,13 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
     CUniqueHandle hStarted(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
     m_monitorParams.hStarted = hStarted.get();
 
-    DWORD dwThreadId = 0;
     CUniqueHandle hMonitor(::CreateThread(nullptr, 0, &ThreadEndCommand, &m_monitorParams, 0, &dwThreadId));
     if (!hMonitor)
     {
         const DWORD dwLastError = ::GetLastError();
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Failed to create monitoring thread)");
-        TraceLastError(kFn, dwLastError, TRACE_ERROR);
+        g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction,
+                                 L"... ending(Failed to create monitoring thread)");
+        TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
         // Nobody would close our copy of the pipe's write end after the child, so its output would
         // never end: the unwatched child is stopped and every handle of the run closed.
         ::TerminateProcess(m_hProcess.get(), 1);
@@ -166,9 +206,6 @@ bool CCommandRunner::RunCommand(const std::wstring& sCmd)
         ::WaitForSingleObject(hStarted.get(), INFINITE);
     m_monitorParams.hStarted = nullptr;
     m_hMonitor = std::move(hMonitor);
-
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwThreadId", static_cast<int64_t>(dwThreadId));
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }
 

@@ -38,7 +38,6 @@
 namespace morvane
 {
 
-
 class CCommandRunner
 {
 public:
@@ -101,6 +100,10 @@ private:
         HANDLE hStarted = nullptr;
     };
 
+    // Hands the started child to a monitor thread and waits until the monitor holds the command
+    // mutex; dwThreadId receives the thread's id. False (traced) when no thread starts: the child
+    // is then stopped and every handle of the run closed.
+    bool StartMonitor(const wchar_t* pwszFunction, DWORD& dwThreadId);
     // Empties the read buffer and the ring buffer.
     void ResetReadState();
     // Moves the unconsumed bytes of the read buffer into the ring buffer.
