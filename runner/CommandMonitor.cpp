@@ -44,6 +44,41 @@ void TraceExitStatus(const wchar_t* pwszFunction, DWORD dwExitStatus)
     g_KeflTrace.TraceValue(TRACE_WARNING, pwszFunction, L"dwExitStatus", static_cast<int64_t>(dwExitStatus));
 }
 
+// Polls the child hProcess until it has ended, sending its process group one console break once
+// bAbort is set. True with the child's exit status; false (traced) when the status cannot be read.
+bool WaitForExit(const wchar_t* pwszFunction, HANDLE hProcess, DWORD dwProcessId,
+                 const std::atomic<bool>& bAbort, DWORD& dwExitStatus)
+{
+    bool bBreakSent = false;
+    uint32_t uiPolls = 0;
+    for (;;)
+    {
+        if (!::GetExitCodeProcess(hProcess, &dwExitStatus))
+        {
+            const DWORD dwLastError = ::GetLastError();
+            g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, L"GetExitCodeProcess failed");
+            g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"dwLastError",
+                                   static_cast<int64_t>(dwLastError));
+            return false;
+        }
+        if (dwExitStatus != STILL_ACTIVE)
+            return true;
+        if (bAbort.load() && !bBreakSent)
+        {
+            g_KeflTrace.TraceMessage(TRACE_INFO, pwszFunction, L"ABORT");
+            g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, L"dwThreadId",
+                                   static_cast<int64_t>(::GetCurrentThreadId()));
+            // The child has a process group of its own, whose id is the child's process id.
+            ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, dwProcessId);
+            bBreakSent = true;
+        }
+        // Nine polls in quick succession, then a second's pause, which ends when the child does:
+        // the listing waits for the configuration copy, not for the rest of a second.
+        if (++uiPolls % kPollsPerPause == 0)
+            ::WaitForSingleObject(hProcess, 1000);
+    }
+}
+
 } // namespace
 
 DWORD WINAPI CCommandRunner::ThreadEndCommand(LPVOID pParam)
@@ -81,41 +116,8 @@ DWORD WINAPI CCommandRunner::ThreadEndCommand(LPVOID pParam)
     if (hStarted)
         ::SetEvent(hStarted);
 
-    const HANDLE hProcess = pParams->phProcess->get();
     DWORD dwExitStatus = STILL_ACTIVE;
-    bool bExitStatusKnown = false;
-    bool bBreakSent = false;
-    uint32_t uiPolls = 0;
-    for (;;)
-    {
-        if (!::GetExitCodeProcess(hProcess, &dwExitStatus))
-        {
-            const DWORD dwLastError = ::GetLastError();
-            g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"GetExitCodeProcess failed");
-            g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
-            break;
-        }
-        if (dwExitStatus != STILL_ACTIVE)
-        {
-            bExitStatusKnown = true;
-            break;
-        }
-        if (pParams->pbAbort->load() && !bBreakSent)
-        {
-            g_KeflTrace.TraceMessage(TRACE_INFO, kFn, L"ABORT");
-            g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwThreadId",
-                                   static_cast<int64_t>(::GetCurrentThreadId()));
-            // The child has a process group of its own, whose id is the child's process id.
-            ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, pParams->dwProcessId);
-            bBreakSent = true;
-        }
-        // Nine polls in quick succession, then a second's pause, which ends when the child does:
-        // the listing waits for the configuration copy, not for the rest of a second.
-        if (++uiPolls % kPollsPerPause == 0)
-            ::WaitForSingleObject(hProcess, 1000);
-    }
-
-    if (bExitStatusKnown)
+    if (WaitForExit(kFn, pParams->phProcess->get(), pParams->dwProcessId, *pParams->pbAbort, dwExitStatus))
         TraceExitStatus(kFn, dwExitStatus);
 
     pParams->phProcess->reset();
