@@ -17,6 +17,131 @@ namespace
 // Names under this folder are files that were pending deletion when the backup was taken.
 const wchar_t kPendingDeleteMarker[] = L"Temp\\PendingDeletes\\$$DeleteMe";
 
+const wchar_t kCreateFn[] = L"VESKImpl::MyCreateHardLink";
+
+// The link repair's ends: a failure traced with its reason (and the error it is about), or the
+// link made.
+bool LinkFailed(const wchar_t* pwszReason)
+{
+    g_VeskTrace.TraceMessage(TRACE_ERROR, kCreateFn, pwszReason);
+    return false;
+}
+bool LinkFailedWith(const wchar_t* pwszReason, const wchar_t* pwszName, DWORD dwError)
+{
+    g_VeskTrace.TraceMessage(TRACE_ERROR, kCreateFn, pwszReason);
+    g_VeskTrace.TraceValue(TRACE_ERROR, kCreateFn, pwszName, static_cast<int64_t>(dwError));
+    return false;
+}
+bool LinkMade()
+{
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kCreateFn, L"... ending(Created Hard-Link OK)");
+    return true;
+}
+
+// The first existing name, in the list's order: what every missing name is linked to. Null when
+// none exists.
+const wchar_t* FirstExistingName(const HardLinkList& hardLinks)
+{
+    for (const HardLinkEntry* pEntry : hardLinks)
+    {
+        if (pEntry != nullptr && pEntry->bExists && pEntry->wszFileName != nullptr)
+            return pEntry->wszFileName;
+    }
+    return nullptr;
+}
+
+// Makes the administrators the owner of sTarget, having read its owner and DACL into thunk so that
+// they can be put back. False (traced) at the first step that fails; what was changed stays so.
+bool TakeOwnership(VESKImpl& client, const std::wstring& sTarget, SecurityThunk& thunk)
+{
+    DWORD dwRc = ::GetNamedSecurityInfoW(sTarget.c_str(), SE_FILE_OBJECT,
+                                         OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                         &thunk.OwnerSID, nullptr, &thunk.DACL, nullptr, &thunk.SecDesc);
+    if (dwRc != ERROR_SUCCESS)
+        return LinkFailedWith(L"... ending(GetNamedSecurityInfo(Owner/DACL) failed", L"dwRc", dwRc);
+    thunk.bOwnsAllocations = true;
+
+    SID_IDENTIFIER_AUTHORITY ntAuthority = SECURITY_NT_AUTHORITY;
+    if (!::AllocateAndInitializeSid(&ntAuthority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0,
+                                    0, 0, 0, 0, 0, &thunk.AdminSID))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        thunk.AdminSID = nullptr;
+        return LinkFailedWith(L"... ending(AllocateAndInitializeSid failed)", L"dwLastError", dwLastError);
+    }
+
+    if (!client.SetPrivilege(L"SeTakeOwnershipPrivilege", true))
+        return LinkFailed(L"... ending(SetPrivilege(SE_TAKE_OWNERSHIP_NAME, true) failed)");
+
+    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
+                                   OWNER_SECURITY_INFORMATION, thunk.AdminSID, nullptr, nullptr, nullptr);
+    if (dwRc != ERROR_SUCCESS)
+        return LinkFailedWith(L"... ending(SetNamedSecurityInfo(new owner) failed)", L"dwRc", dwRc);
+    return true;
+}
+
+// Gives the current user full access to sTarget: its DACL read into thunk with one entry added.
+// The new DACL goes into newDacl, which the caller keeps until the repair ends. False (traced)
+// when the DACL cannot be made or set.
+bool GrantCurrentUserFullAccess(const std::wstring& sTarget, const SecurityThunk& thunk,
+                                CUniqueLocalMem& newDacl)
+{
+    EXPLICIT_ACCESSW ea = {};
+    ea.grfAccessPermissions = 0x1FFFFF; // all standard rights and all file rights (FILE_ALL_ACCESS)
+    ea.grfAccessMode = GRANT_ACCESS;
+    ea.grfInheritance = NO_INHERITANCE;
+    ea.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
+    ea.Trustee.TrusteeType = TRUSTEE_IS_USER;
+    ea.Trustee.ptstrName = const_cast<LPWSTR>(L"CURRENT_USER");
+    PACL pNewDacl = nullptr;
+    DWORD dwRc = ::SetEntriesInAclW(1, &ea, thunk.DACL, &pNewDacl);
+    newDacl.reset(pNewDacl);
+    if (dwRc != ERROR_SUCCESS)
+        return LinkFailedWith(L"... ending(SetEntriesInAcl failed)", L"dwRc", dwRc);
+
+    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
+                                   DACL_SECURITY_INFORMATION, nullptr, nullptr, pNewDacl, nullptr);
+    if (dwRc != ERROR_SUCCESS)
+        return LinkFailedWith(L"... ending(SetNamedSecurityInfo(new DACL) failed)", L"dwRc", dwRc);
+    return true;
+}
+
+// Puts sTarget's old DACL and owner back and drops the ownership privilege. Each failure is traced
+// and none stops the others: the link is made, and what cannot be put back is for support staff.
+void PutBackOwnerAndDacl(VESKImpl& client, const std::wstring& sTarget, const SecurityThunk& thunk)
+{
+    DWORD dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
+                                         DACL_SECURITY_INFORMATION, nullptr, nullptr, thunk.DACL, nullptr);
+    if (dwRc != ERROR_SUCCESS)
+        LinkFailedWith(L"... ending(SetNamedSecurityInfo(old DACL) failed)", L"dwRc", dwRc);
+    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
+                                   OWNER_SECURITY_INFORMATION, thunk.OwnerSID, nullptr, nullptr, nullptr);
+    if (dwRc != ERROR_SUCCESS)
+        LinkFailedWith(L"... ending(SetNamedSecurityInfo(old owner) failed)", L"dwRc", dwRc);
+    if (!client.SetPrivilege(L"SeTakeOwnershipPrivilege", false))
+        LinkFailed(L"... ending(SetPrivilege(SE_TAKE_OWNERSHIP_NAME) failed)");
+}
+
+// The link made where the plain call was refused: the administrators made the target's owner and
+// the current user given full access, the link made, and the old DACL and owner put back.
+bool LinkAsOwner(VESKImpl& client, const std::wstring& sLink, const std::wstring& sTarget)
+{
+    SecurityThunk thunk;
+    // Lives until the old DACL and owner are back, and is released before the thunk's objects.
+    CUniqueLocalMem newDacl;
+    if (!TakeOwnership(client, sTarget, thunk) || !GrantCurrentUserFullAccess(sTarget, thunk, newDacl))
+        return false;
+
+    if (!::CreateHardLinkW(sLink.c_str(), sTarget.c_str(), nullptr))
+    {
+        // The target keeps the administrators as owner and the widened DACL.
+        const DWORD dwLastError = ::GetLastError();
+        return LinkFailedWith(L"... ending(CreateHardLink failed)", L"dwLastError", dwLastError);
+    }
+    PutBackOwnerAndDacl(client, sTarget, thunk);
+    return LinkMade();
+}
+
 } // namespace
 
 bool VESKImpl::ProcessSection(const std::wstring& sSection, HardLinkList& hardLinks)
@@ -106,16 +231,7 @@ bool VESKImpl::FixHardLinks(const std::wstring& sSection, HardLinkList& hardLink
     if (!SetPrivilege(L"SeRestorePrivilege", true))
         g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, L"SetPrivilege(SE_RESTORE_NAME) failed)");
 
-    // The first existing name, in the list's order, is what every missing name is linked to.
-    const wchar_t* wszTarget = nullptr;
-    for (const HardLinkEntry* pEntry : hardLinks)
-    {
-        if (pEntry != nullptr && pEntry->bExists && pEntry->wszFileName != nullptr)
-        {
-            wszTarget = pEntry->wszFileName;
-            break;
-        }
-    }
+    const wchar_t* wszTarget = FirstExistingName(hardLinks);
     if (wszTarget == nullptr)
     {
         g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(No existing targets)");
@@ -157,106 +273,25 @@ bool VESKImpl::FixHardLinks(const std::wstring& sSection, HardLinkList& hardLink
 
 bool VESKImpl::MyCreateHardLink(const std::wstring& sLink, const std::wstring& sTarget)
 {
-    static const wchar_t kFn[] = L"VESKImpl::MyCreateHardLink";
-    auto fail = [](const wchar_t* pwszReason) -> bool
-    {
-        g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, pwszReason);
-        return false;
-    };
-    auto failWith = [](const wchar_t* pwszReason, const wchar_t* pwszName, DWORD dwError) -> bool
-    {
-        g_VeskTrace.TraceMessage(TRACE_ERROR, kFn, pwszReason);
-        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, pwszName, static_cast<int64_t>(dwError));
-        return false;
-    };
-    auto linked = []() -> bool
-    {
-        g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending(Created Hard-Link OK)");
-        return true;
-    };
-    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kFn, L"starting ...");
+    g_VeskTrace.TraceMessage(TRACE_VERBOSE, kCreateFn, L"starting ...");
     if (sLink.empty())
-        return fail(L"... ending(Invalid parameter - Link)");
+        return LinkFailed(L"... ending(Invalid parameter - Link)");
     if (sTarget.empty())
-        return fail(L"... ending(Invalid parameter - Target)");
+        return LinkFailed(L"... ending(Invalid parameter - Target)");
 
     if (::CreateHardLinkW(sLink.c_str(), sTarget.c_str(), nullptr))
-        return linked();
+        return LinkMade();
     DWORD dwLastError = ::GetLastError();
     if (dwLastError == ERROR_PATH_NOT_FOUND)
     {
         CreateParentDir(sLink);
         if (::CreateHardLinkW(sLink.c_str(), sTarget.c_str(), nullptr))
-            return linked();
+            return LinkMade();
         dwLastError = ::GetLastError();
     }
     if (dwLastError != ERROR_ACCESS_DENIED)
-        return failWith(L"... ending(CreateHardLink failed)", L"dwLastError", dwLastError);
-
-    // Refused: the target's owner and DACL are read, the administrators made its owner and the
-    // current user given full access, the link made, and the old DACL and owner put back.
-    SecurityThunk thunk;
-    DWORD dwRc = ::GetNamedSecurityInfoW(sTarget.c_str(), SE_FILE_OBJECT,
-                                         OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
-                                         &thunk.OwnerSID, nullptr, &thunk.DACL, nullptr, &thunk.SecDesc);
-    if (dwRc != ERROR_SUCCESS)
-        return failWith(L"... ending(GetNamedSecurityInfo(Owner/DACL) failed", L"dwRc", dwRc);
-    thunk.bOwnsAllocations = true;
-
-    SID_IDENTIFIER_AUTHORITY ntAuthority = SECURITY_NT_AUTHORITY;
-    if (!::AllocateAndInitializeSid(&ntAuthority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0,
-                                    0, 0, 0, 0, 0, &thunk.AdminSID))
-    {
-        dwLastError = ::GetLastError();
-        thunk.AdminSID = nullptr;
-        return failWith(L"... ending(AllocateAndInitializeSid failed)", L"dwLastError", dwLastError);
-    }
-
-    if (!SetPrivilege(L"SeTakeOwnershipPrivilege", true))
-        return fail(L"... ending(SetPrivilege(SE_TAKE_OWNERSHIP_NAME, true) failed)");
-
-    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
-                                   OWNER_SECURITY_INFORMATION, thunk.AdminSID, nullptr, nullptr, nullptr);
-    if (dwRc != ERROR_SUCCESS)
-        return failWith(L"... ending(SetNamedSecurityInfo(new owner) failed)", L"dwRc", dwRc);
-
-    EXPLICIT_ACCESSW ea = {};
-    ea.grfAccessPermissions = 0x1FFFFF; // all standard rights and all file rights (FILE_ALL_ACCESS)
-    ea.grfAccessMode = GRANT_ACCESS;
-    ea.grfInheritance = NO_INHERITANCE;
-    ea.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
-    ea.Trustee.TrusteeType = TRUSTEE_IS_USER;
-    ea.Trustee.ptstrName = const_cast<LPWSTR>(L"CURRENT_USER");
-    CUniqueLocalMem newDacl;
-    PACL pNewDacl = nullptr;
-    dwRc = ::SetEntriesInAclW(1, &ea, thunk.DACL, &pNewDacl);
-    newDacl.reset(pNewDacl);
-    if (dwRc != ERROR_SUCCESS)
-        return failWith(L"... ending(SetEntriesInAcl failed)", L"dwRc", dwRc);
-
-    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
-                                   DACL_SECURITY_INFORMATION, nullptr, nullptr, pNewDacl, nullptr);
-    if (dwRc != ERROR_SUCCESS)
-        return failWith(L"... ending(SetNamedSecurityInfo(new DACL) failed)", L"dwRc", dwRc);
-
-    if (!::CreateHardLinkW(sLink.c_str(), sTarget.c_str(), nullptr))
-    {
-        // The target keeps the administrators as owner and the widened DACL.
-        dwLastError = ::GetLastError();
-        return failWith(L"... ending(CreateHardLink failed)", L"dwLastError", dwLastError);
-    }
-
-    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
-                                   DACL_SECURITY_INFORMATION, nullptr, nullptr, thunk.DACL, nullptr);
-    if (dwRc != ERROR_SUCCESS)
-        failWith(L"... ending(SetNamedSecurityInfo(old DACL) failed)", L"dwRc", dwRc);
-    dwRc = ::SetNamedSecurityInfoW(const_cast<LPWSTR>(sTarget.c_str()), SE_FILE_OBJECT,
-                                   OWNER_SECURITY_INFORMATION, thunk.OwnerSID, nullptr, nullptr, nullptr);
-    if (dwRc != ERROR_SUCCESS)
-        failWith(L"... ending(SetNamedSecurityInfo(old owner) failed)", L"dwRc", dwRc);
-    if (!SetPrivilege(L"SeTakeOwnershipPrivilege", false))
-        fail(L"... ending(SetPrivilege(SE_TAKE_OWNERSHIP_NAME) failed)");
-    return linked();
+        return LinkFailedWith(L"... ending(CreateHardLink failed)", L"dwLastError", dwLastError);
+    return LinkAsOwner(*this, sLink, sTarget);
 }
 
 } // namespace morvane
