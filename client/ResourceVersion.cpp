@@ -41,6 +41,78 @@ bool QueryString(const std::vector<BYTE>& info, const wchar_t* pwszSubBlock, con
     return true;
 }
 
+// The full path of the loaded module sModuleName; false (traced) when it is not loaded or its
+// path cannot be read.
+bool LoadedModulePath(const std::wstring& sModuleName, std::wstring& sPath)
+{
+    HMODULE hModule = ::GetModuleHandleW(sModuleName.c_str());
+    if (!hModule)
+    {
+        const DWORD dwLastError = ::GetLastError();
+        TraceFailure(L"... ending(NULL module)");
+        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+        return false;
+    }
+    DWORD dwLastError = 0;
+    if (!GetModulePath(hModule, sPath, dwLastError))
+    {
+        TraceFailure(L"... ending(GetModuleFileName failed)");
+        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+        return false;
+    }
+    return true;
+}
+
+// The whole version resource of the file sPath; false (traced) when it has none or it cannot be
+// read.
+bool ReadVersionInfo(const std::wstring& sPath, std::vector<BYTE>& info)
+{
+    DWORD dwHandle = 0;
+    const DWORD cbInfo = ::GetFileVersionInfoSizeW(sPath.c_str(), &dwHandle);
+    if (cbInfo == 0)
+    {
+        TraceFailure(L"... ending(No version resource available)");
+        return false;
+    }
+    info.resize(cbInfo);
+    if (!::GetFileVersionInfoW(sPath.c_str(), 0, cbInfo, info.data()))
+    {
+        TraceFailure(L"... ending(GetFileVersionInfo failed)");
+        return false;
+    }
+    return true;
+}
+
+// "\StringFileInfo\<language><code page>\" of the resource's first translation, the block that
+// holds its version strings; false (traced) when the resource names no translation.
+bool StringBlockName(const std::vector<BYTE>& info, std::wstring& sBlock)
+{
+    struct LANGANDCODEPAGE
+    {
+        WORD wLanguage;
+        WORD wCodePage;
+    }* lpTranslate = nullptr;
+    UINT cbTranslate = 0;
+    if (!::VerQueryValueW(info.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&lpTranslate),
+                          &cbTranslate) ||
+        cbTranslate < sizeof(LANGANDCODEPAGE))
+    {
+        TraceFailure(L"... ending(VerQueryValue failed)");
+        return false;
+    }
+    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wLanguage",
+                           static_cast<int64_t>(lpTranslate->wLanguage));
+    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wCodePage",
+                           static_cast<int64_t>(lpTranslate->wCodePage));
+
+    wchar_t wszBlock[64];
+    // Two words take at most eight hexadecimal digits: the block name always fits.
+    (void)FormatInto(wszBlock, L"\\StringFileInfo\\%04x%04x\\", lpTranslate->wLanguage,
+                     lpTranslate->wCodePage);
+    sBlock = wszBlock;
+    return true;
+}
+
 } // namespace
 
 void VESKImpl::GetResourceVersionStr(std::wstring& sVersion)
@@ -54,65 +126,19 @@ void VESKImpl::GetResourceVersionStr(std::wstring& sVersion)
     }
     sVersion = L"Error";
 
-    HMODULE hModule = ::GetModuleHandleW(sModuleName.c_str());
-    if (!hModule)
-    {
-        const DWORD dwLastError = ::GetLastError();
-        TraceFailure(L"... ending(NULL module)");
-        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
-        return;
-    }
     std::wstring sPath;
-    DWORD dwLastError = 0;
-    if (!GetModulePath(hModule, sPath, dwLastError))
-    {
-        TraceFailure(L"... ending(GetModuleFileName failed)");
-        g_VeskTrace.TraceValue(TRACE_ERROR, kFn, L"dwLastError", static_cast<int64_t>(dwLastError));
+    std::vector<BYTE> info;
+    std::wstring sBlock;
+    if (!LoadedModulePath(sModuleName, sPath) || !ReadVersionInfo(sPath, info) ||
+        !StringBlockName(info, sBlock))
         return;
-    }
 
-    DWORD dwHandle = 0;
-    const DWORD cbInfo = ::GetFileVersionInfoSizeW(sPath.c_str(), &dwHandle);
-    if (cbInfo == 0)
-    {
-        TraceFailure(L"... ending(No version resource available)");
-        return;
-    }
-    std::vector<BYTE> info(cbInfo);
-    if (!::GetFileVersionInfoW(sPath.c_str(), 0, cbInfo, info.data()))
-    {
-        TraceFailure(L"... ending(GetFileVersionInfo failed)");
-        return;
-    }
-
-    struct LANGANDCODEPAGE
-    {
-        WORD wLanguage;
-        WORD wCodePage;
-    }* lpTranslate = nullptr;
-    UINT cbTranslate = 0;
-    if (!::VerQueryValueW(info.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&lpTranslate),
-                          &cbTranslate) ||
-        cbTranslate < sizeof(LANGANDCODEPAGE))
-    {
-        TraceFailure(L"... ending(VerQueryValue failed)");
-        return;
-    }
-    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wLanguage",
-                           static_cast<int64_t>(lpTranslate->wLanguage));
-    g_VeskTrace.TraceValue(TRACE_INFO, kFn, L"lpTranslate->wCodePage",
-                           static_cast<int64_t>(lpTranslate->wCodePage));
-
-    wchar_t wszBlock[64];
-    // Two words take at most eight hexadecimal digits: the block name always fits.
-    (void)FormatInto(wszBlock, L"\\StringFileInfo\\%04x%04x\\", lpTranslate->wLanguage,
-                     lpTranslate->wCodePage);
     std::wstring sFileVersion;
     std::wstring sPrivateBuild;
-    if (!QueryString(info, (std::wstring(wszBlock) + L"FileVersion").c_str(),
+    if (!QueryString(info, (sBlock + L"FileVersion").c_str(),
                      L"... ending(VerQueryValue(FileVersion) failed)",
                      L"... ending( No data returned by VerQueryValue(FileVersion) )", sFileVersion) ||
-        !QueryString(info, (std::wstring(wszBlock) + L"PrivateBuild").c_str(),
+        !QueryString(info, (sBlock + L"PrivateBuild").c_str(),
                      L"... ending(VerQueryValue(PrivateBuild) failed)",
                      L"... ending( No data returned by VerQueryValue(PrivateBuild) )", sPrivateBuild))
         return;
