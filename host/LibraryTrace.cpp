@@ -166,6 +166,12 @@ void CTraceParser::Line(std::string_view sLine)
     static const std::string sDstValue = morvane::ToUtf8(std::wstring(L" : ") + words::kDst + L" = ");
     static const std::string sLinkValue = morvane::ToUtf8(std::wstring(L" : ") + words::kLink + L" = ");
     static const std::string sWalkValue = morvane::ToUtf8(std::wstring(L" : ") + L"walk.");
+    static const std::string sKeptValue = morvane::ToUtf8(std::wstring(L" : ") + words::kKeptUnchanged + L" = ");
+    if (chLevel == 'I' && sText.find(sKeptValue) != std::string_view::npos)
+    {
+        ++m_findings.ullKept;
+        return;
+    }
     const bool bNamesEntry =
         sText.find(sDstValue) != std::string_view::npos || sText.find(sLinkValue) != std::string_view::npos;
     if (chLevel != 'E' && !(chLevel == 'I' && (bNamesEntry || sText.find(sWalkValue) != std::string_view::npos)))

@@ -41,6 +41,7 @@ struct CTraceFindings
     uint64_t ullFolders = 0;
     uint64_t ullSkippedFiles = 0; // of those, left out by rule (the page file, the recycle bins)
     uint64_t ullSkippedFolders = 0;
+    uint64_t ullKept = 0; // files an earlier run restored whole, kept as they were
     // The last file, folder or link that an information line named: what a stalled step is at.
     std::wstring sLastNamed;
     // Why functions gave up, as their failed-exit lines say, with the error traced before: the

@@ -327,6 +327,7 @@ void CRestoreFollower::Restored(const std::wstring& sResult, const std::wstring&
     entry.ullFolders = findings.ullFolders;
     entry.ullSkippedFiles = findings.ullSkippedFiles;
     entry.ullSkippedFolders = findings.ullSkippedFolders;
+    entry.ullKept = findings.ullKept;
     entry.ullBytes = totals.ullBytes;
     entry.dSeconds = totals.dSeconds;
     entry.vFailures = findings.vFailures;
@@ -463,6 +464,8 @@ std::wstring DescribeFilespace(const CFilespaceRecord& fs)
                  Count(ullFoldersFailed, L"folder", L"folders") + L" did not";
     if (ullListings > 0)
         sLine += L"; " + Count(ullListings, L"backup folder", L"backup folders") + L" could not be listed";
+    if (fs.ullKept > 0)
+        sLine += L" (" + std::to_wstring(fs.ullKept) + L" of the files kept as an earlier run left them)";
     if (fs.ullSkippedFiles + fs.ullSkippedFolders > 0)
         sLine += L"; " + Count(fs.ullSkippedFiles + fs.ullSkippedFolders, L"left out by rule", L"left out by rule");
     return fs.sResult == L"restored" || fs.sResult == L"failed" ? sLine : sLine + L" (" + fs.sResult + L")";

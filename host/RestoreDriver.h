@@ -22,6 +22,8 @@ struct CRestoreRequest
     std::wstring sReportFile; // empty: no report
     // Drive letters ("C") or mount-point folders ("C:\Mount\Data"); empty: every filespace.
     std::vector<std::wstring> vSelected;
+    // Files an earlier run restored whole are kept (--resume).
+    bool bResume = false;
     // No progress for this long is said, with what the restore is at.
     uint64_t ullStallMs = 10 * 60 * 1000;
 };

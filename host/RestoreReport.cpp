@@ -75,6 +75,8 @@ std::string ReportJson(const CRunRecord& record)
                                         {"folders", fs.ullFolders},     {"bytes", fs.ullBytes},
                                         {"seconds", fs.dSeconds},       {"failures", Failures(fs.vFailures)},
                                         {"failuresMayBeMissing", MayBeMissing(fs.sFailuresIncomplete)}};
+        if (record.bResumed)
+            entry["keptUnchanged"] = fs.ullKept;
         if (fs.sResult == L"cut short")
             entry["doneBeforeCutShort"] = fs.ullDone;
         if (fs.bVerified)
@@ -111,6 +113,7 @@ std::string ReportJson(const CRunRecord& record)
         report["stopped"] = ToUtf8(record.sStopped);
     if (!record.sCutShort.empty())
         report["cutShort"] = ToUtf8(record.sCutShort);
+    report["resumed"] = record.bResumed;
     report["exitStatus"] = record.iExitStatus;
     report["exitMeaning"] = ExitBits(record.iExitStatus);
     // Replaced, not thrown: a name the conversion could not carry must not lose the report.

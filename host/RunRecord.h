@@ -30,6 +30,7 @@ struct CFilespaceRecord
     uint64_t ullSkippedFiles = 0; // of those, left out by rule
     uint64_t ullSkippedFolders = 0;
     uint64_t ullDone = 0; // files and folders done, when the restore was cut short
+    uint64_t ullKept = 0; // files an earlier run restored whole, kept (--resume)
     uint64_t ullBytes = 0;
     double dSeconds = 0;
     std::vector<CFailure> vFailures;
@@ -56,6 +57,7 @@ struct CRunRecord
     std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it
     std::wstring sStopped;                      // the error that ended the run after it began
     std::wstring sCutShort; // how the restore process ended before the restore did
+    bool bResumed = false;  // --resume: files an earlier run restored whole were kept
     // Under Wine: the junctions and symbolic links the stand-ins recorded ("junction", link, target).
     std::vector<std::array<std::wstring, 3>> vRecordedLinks;
     int iExitStatus = kExitOk;

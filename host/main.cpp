@@ -8,6 +8,7 @@
 #include "host/RestoreDriver.h"
 #include "host/RestoreReport.h"
 #include "host/RestoreSession.h"
+#include "host/ResumeSetting.h"
 #include "platform/ModulePath.h"
 #include "platform/UniqueHandle.h"
 
@@ -18,6 +19,7 @@
 #include <cwchar>
 #include <exception>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,7 +31,7 @@ namespace
 const wchar_t kUsage[] =
     L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
     L"                [--list | --restore C,D,C:\\Mount\\Data] [--verify] [--report FILE]\n"
-    L"                [--stall-minutes N]\n"
+    L"                [--stall-minutes N] [--resume]\n"
     L"Starts its restore process, which loads KEFL.dll from this program's folder, and prints the\n"
     L"client's description, version and capabilities. With credentials (from the recovery answer\n"
     L"file's section ZovaBackupLocation, or a backup folder and an optional point in time) it lists\n"
@@ -40,6 +42,8 @@ const wchar_t kUsage[] =
     L"  --verify           afterwards compares every restored file with its copy in the backup\n"
     L"  --report FILE      writes what was done, failed and verified as JSON\n"
     L"  --stall-minutes N  says so when no progress came for N minutes (10 by default)\n"
+    L"  --resume           keeps the files an earlier run restored whole (same size, time and\n"
+    L"                     attributes as in the backup) instead of copying them again\n"
     L"Exit status: 0 everything restored (and verified); 1 nothing could start (the library, the\n"
     L"arguments, the credentials, the session, or a backup without filespaces); otherwise the sum of\n"
     L"2 files or folders not restored, 4 links not made, 8 verification found differences, 16 the\n"
@@ -93,6 +97,8 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
             options.request.sReportFile = argv[++i];
         else if (sArg == L"--list")
             options.request.bListOnly = true;
+        else if (sArg == L"--resume")
+            options.request.bResume = true;
         else if (sArg == L"--restore" && bHasValue)
             options.request.vSelected = SplitList(argv[++i]);
         else if (sArg == L"--stall-minutes" && bHasValue && std::wcstoul(argv[i + 1], nullptr, 10) > 0)
@@ -104,7 +110,7 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
     const bool bPitAlone = !options.sPit.empty() && options.sLocation.empty();
     const bool bNoCredentials = options.sAnsFile.empty() && options.sLocation.empty();
     const bool bRestoreAlone =
-        bNoCredentials && (options.request.bListOnly || !options.request.vSelected.empty() ||
+        bNoCredentials && (options.request.bListOnly || options.request.bResume || !options.request.vSelected.empty() ||
                            options.request.bVerify || !options.request.sReportFile.empty());
     return !bBoth && !bPitAlone && !bRestoreAlone;
 }
@@ -155,6 +161,35 @@ BOOL WINAPI OnConsoleControl(DWORD dwType)
     return TRUE;
 }
 
+// Starts the restore process and follows it to its end.
+int StartAndFollow(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
+{
+    keflhost::CRestoreProcess process;
+    std::wstring sError;
+    if (!process.Start(RestoreProgram(), keflhost::SessionArguments(session), sError))
+    {
+        record.sNotStarted = sError;
+        PrintLine(L"keflhost: " + sError);
+        return keflhost::kExitNotStarted;
+    }
+    keflhost::CProgressDisplay display(keflhost::Output());
+    return keflhost::FollowRestore(process, options.request, g_bStop, display, record);
+}
+
+// The restore process with --resume's setting in force for its run, and put back after.
+int RunRestoreProcess(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
+{
+    std::optional<keflhost::CResumeSetting> resume;
+    if (options.request.bResume)
+    {
+        resume.emplace();
+        record.bResumed = true;
+        PrintLine(L"Resuming: a file an earlier run restored whole (the same size, last-write time and attributes "
+                  L"as in the backup) is kept; KEFL_SkipUnchanged=1 in " + resume->IniPath() + L" for this run.");
+    }
+    return StartAndFollow(options, session, record);
+}
+
 int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& record)
 {
     if (!ParseOptions(argc, argv, options) || options.bHelp)
@@ -168,16 +203,7 @@ int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& recor
     session.sPit = options.sPit;
     session.bListOnly = options.request.bListOnly;
     session.vSelected = options.request.vSelected;
-    keflhost::CRestoreProcess process;
-    std::wstring sError;
-    if (!process.Start(RestoreProgram(), keflhost::SessionArguments(session), sError))
-    {
-        record.sNotStarted = sError;
-        PrintLine(L"keflhost: " + sError);
-        return Finish(options, record, keflhost::kExitNotStarted);
-    }
-    keflhost::CProgressDisplay display(keflhost::Output());
-    return Finish(options, record, keflhost::FollowRestore(process, options.request, g_bStop, display, record));
+    return Finish(options, record, RunRestoreProcess(options, session, record));
 }
 
 // An error that ended the run early: nothing could start before the first filespace began; after

@@ -242,6 +242,21 @@ bool CopyStreams(HANDLE hSrc, HANDLE hDst, BYTE* pBuffer, const CWalkEntry& entr
     return bResult;
 }
 
+// A destination that an earlier restore wrote whole: a file of the backup copy's size, last-write
+// time and restored attributes. The restore sets a file's times after its last byte, so a copy
+// that an interruption cut off carries the time of the interruption and is copied again. Two files
+// alike in size, time and attributes but not in bytes pass for the same, as with any copy tool.
+bool IsUnchanged(const std::wstring& sLongDst, const CWalkEntry& entry)
+{
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!::GetFileAttributesExW(sLongDst.c_str(), GetFileExInfoStandard, &data) ||
+        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        return false;
+    const uint64_t ullSize = (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    return ullSize == entry.ullSize && ::CompareFileTime(&data.ftLastWriteTime, &entry.ftLastWrite) == 0 &&
+           (data.dwFileAttributes & kRestoredAttributes) == (entry.dwAttributes & kRestoredAttributes);
+}
+
 bool EndRestore(const wchar_t* pwszReason)
 {
     g_KeflTrace.TraceMessage(TRACE_ERROR, kRestoreFilespace, pwszReason);
@@ -359,6 +374,7 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
     int64_t llSkippedFiles = 0;
     int64_t llSkippedFolders = 0;
     {
+        const bool bSkipUnchanged = SkipUnchanged();
         CCopyWorkers workers(RestoreThreads(), [&reporter] { reporter.Report(); });
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
@@ -384,7 +400,8 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
             {
                 sSrc.assign(folders.sSrc);
                 walk.AppendPath(uiEntry, sSrc);
-                workers.Submit([this, &reporter, entry, sSrc, sDst] { RestoreFile(sSrc, sDst, entry, reporter); });
+                workers.Submit([this, &reporter, entry, sSrc, sDst, bSkipUnchanged]
+                               { RestoreFile(sSrc, sDst, entry, bSkipUnchanged, reporter); });
             }
         }
         workers.Finish();
@@ -446,6 +463,13 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     return true;
 }
 
+bool KEFLImpl::SkipUnchanged()
+{
+    const bool bSkipUnchanged = g_KeflTrace.ReadSetting(L"KEFL_SkipUnchanged", 0) == 1;
+    g_KeflTrace.TraceValue(TRACE_INFO, kRestoreFilespace, L"bSkipUnchanged", bSkipUnchanged);
+    return bSkipUnchanged;
+}
+
 uint32_t KEFLImpl::RestoreThreads()
 {
     const uint32_t uiSetting = g_KeflTrace.ReadSetting(L"KEFL_RestoreThreads", CCopyWorkers::kDefaultWorkers);
@@ -457,9 +481,19 @@ uint32_t KEFLImpl::RestoreThreads()
 }
 
 void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                           CRestoreProgress& progress)
+                           bool bSkipUnchanged, CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
+    if (bSkipUnchanged && IsUnchanged(LongPath(sDst), entry))
+    {
+        // Restored already, by an earlier run: its bytes count as done, and the backup's copy is
+        // neither opened nor read.
+        g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kKeptUnchanged, sDst);
+        m_unrestored.Restored(sDst);
+        progress.Read(entry.ullSize, 0);
+        progress.EntryDone(true);
+        return;
+    }
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
     // A file that runs out of memory fails alone, recorded as not restored; the walk goes on.
     const bool bCopied = CatchAtEdge(

@@ -74,8 +74,11 @@ public:
                               CRestoreProgress& progress);
     // One file of the walk, the whole of it on the thread that runs it: its trace lines, the copy,
     // and the entry counted as done.
+    // bSkipUnchanged: a destination that an earlier run restored whole is kept, not copied again.
     void RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                     CRestoreProgress& progress);
+                     bool bSkipUnchanged, CRestoreProgress& progress);
+    // Whether files an earlier run restored whole are kept: trace.ini's KEFL_SkipUnchanged, 1 or 0.
+    bool SkipUnchanged();
     // How many files are in flight at once: trace.ini's KEFL_RestoreThreads, 1 to 64, else 8.
     uint32_t RestoreThreads();
 

@@ -42,6 +42,8 @@ inline constexpr wchar_t kWalkFiles[] = L"walk.ullFiles";
 inline constexpr wchar_t kWalkFolders[] = L"walk.ullDirectories";
 inline constexpr wchar_t kWalkSkippedFiles[] = L"walk.ullSkippedFiles";
 inline constexpr wchar_t kWalkSkippedFolders[] = L"walk.ullSkippedFolders";
+// A file an earlier run restored whole, kept as it is: "Kept unchanged = <path>".
+inline constexpr wchar_t kKeptUnchanged[] = L"Kept unchanged";
 
 // The warning a trace writes once, when its file reaches its size limit:
 //   CTrace::WriteLine : Trace file reached its size limit of 256 MiB: information and verbose
