@@ -2,8 +2,7 @@
 // backup streams, with progress; refusals and failed files as the host sees them.
 #include "dll/SessionFixture.h"
 
-#include "support/BackupStreams.h"
-#include "support/Patches.h"
+#include "winecompat/BackupStreams.h"
 #include "winecompat/LinkStandIns.h"
 
 #include <algorithm>
@@ -11,6 +10,8 @@
 #include <tuple>
 
 using namespace kefltest;
+using winecompat::BackupStreamFaults;
+using winecompat::LiveBackupContexts;
 
 namespace
 {
@@ -29,11 +30,14 @@ HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShar
     const std::wstring sPath = pwszPath;
     const DWORD dwAttributes = ::GetFileAttributesW(pwszPath);
     if (sPath.ends_with(L"\\E\\locked.bin"))
-        return ++g_iLockedOpens, ::SetLastError(ERROR_SHARING_VIOLATION), INVALID_HANDLE_VALUE;
+    {
+        ++g_iLockedOpens;
+        return WithLastError(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
+    }
     if (sPath.ends_with(L"\\E\\denied.bin") ||
         (dwDisposition == CREATE_ALWAYS && dwAttributes != INVALID_FILE_ATTRIBUTES &&
          (dwAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM))))
-        return ::SetLastError(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
+        return WithLastError(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     return g_pfnRealCreateFile(pwszPath, dwAccess, dwShare, pSa, dwDisposition, dwFlags, hTemplate);
 }
 
@@ -44,20 +48,23 @@ int g_iRetryWaits = 0;
 HANDLE g_hOthersDone = nullptr;
 bool g_bOthersDoneMeanwhile = false;
 
-// Windows reports a junction or symbolic link in the find data: the reparse-point attribute and
-// its tag in dwReserved0. Wine makes neither; these names in the backup stand for them.
-decltype(&::FindFirstFileW) g_pfnRealFindFirst = nullptr;
-decltype(&::FindNextFileW) g_pfnRealFindNext = nullptr;
-BOOL AsReparsePoint(WIN32_FIND_DATAW* pfd)
-{
-    static const std::map<std::wstring, DWORD> kTags = {{L"Junction", IO_REPARSE_TAG_MOUNT_POINT},
-                                                        {L"DirLink", IO_REPARSE_TAG_SYMLINK},
-                                                        {L"FileLink.txt", IO_REPARSE_TAG_SYMLINK},
-                                                        {L"Deduplicated.bin", 0x80000013}}; // data, no link
-    if (const auto it = kTags.find(pfd->cFileName); it != kTags.end())
-        pfd->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT, pfd->dwReserved0 = it->second;
-    return TRUE;
-}
+// Restored: an empty file, one of several 64 KiB buffers, a non-ASCII name, a path beyond MAX_PATH,
+// a page file below the root, a mount point's folder, a reparse point that holds data.
+const std::wstring kDeep = L"\\" + std::wstring(90, L'a') + L"\\" + std::wstring(90, L'b') + L"\\" +
+                           std::wstring(90, L'c') + L"\\deep file.txt";
+const std::map<std::wstring, std::string> kRestored = {
+    {L"\\empty.txt", ""},
+    {L"\\Data\\big.bin", Pattern(200000, 1)},
+    {kDeep, Pattern(70000, 3)},
+    {L"\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9\u20AC.txt", "non-ASCII"},
+    {L"\\Old\\pagefile.sys", "p"},
+    {L"\\Mount\\Data\\Sub\\file.bin", Pattern(100000, 8)},
+    {L"\\Deduplicated.bin", "a reparse point, but not a link: copied as data"}};
+// Skipped: what Windows keeps for itself at the root.
+const std::map<std::wstring, std::string> kSkipped = {{L"\\pagefile.sys", Pattern(1000, 4)},
+                                                      {L"\\hiberfil.sys", "h"},
+                                                      {L"\\$Recycle.Bin\\deleted.txt", "d"},
+                                                      {L"\\System Volume Information\\tracking.log", "t"}};
 
 // A session on the fixture backup, its progress recorded, E: emptied, backup streams stood in.
 class FilespaceRestoreTest : public SessionFixture
@@ -76,7 +83,7 @@ protected:
         MakeFolders(kSourceE);
         g_vProgress.clear();
         m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
-        m_pStreams = std::make_unique<CBackupStreamPatches>(m_pLibrary->Module());
+        m_pStreams = std::make_unique<winecompat::CBackupStreamPatches>(m_pLibrary->Module());
         ASSERT_TRUE(m_pStreams->IsApplied());
         const HMODULE hKefl = m_pLibrary->Module();
         g_pfnRealCreateFile = m_patches.Patch(hKefl, "KERNEL32.dll", "CreateFileW", &CreateFileAsWindows);
@@ -89,19 +96,7 @@ protected:
                 if (++g_iRetryWaits == 1 && g_hOthersDone)
                     g_bOthersDoneMeanwhile = ::WaitForSingleObject(g_hOthersDone, 10000) == WAIT_OBJECT_0;
             });
-        g_pfnRealFindFirst = m_patches.Patch(
-            hKefl, "KERNEL32.dll", "FindFirstFileW",
-            +[](LPCWSTR pwszPattern, LPWIN32_FIND_DATAW pfd)
-            {
-                const HANDLE hFind = g_pfnRealFindFirst(pwszPattern, pfd);
-                if (hFind != INVALID_HANDLE_VALUE)
-                    AsReparsePoint(pfd);
-                return hFind;
-            });
-        g_pfnRealFindNext = m_patches.Patch(
-            hKefl, "KERNEL32.dll", "FindNextFileW",
-            +[](HANDLE hFind, LPWIN32_FIND_DATAW pfd) -> BOOL
-            { return g_pfnRealFindNext(hFind, pfd) && AsReparsePoint(pfd); });
+        ShowReparsePoints(m_patches, hKefl);
         WriteTextFile(L"R:\\Backup\\#\\MPoint.dat",
                       "[E:\\Mount\\Data]\r\nTarget=\\\\?\\Volume{1}\\\r\nBackupTarget=R:\\x\r\n");
         WriteTextFile(L"R:\\Backup\\#\\JPoint.dat",
@@ -119,139 +114,184 @@ protected:
         SessionFixture::TearDown();
     }
 
+    // Drive E:'s folder in the backup: the files restored and skipped, an empty folder whose name
+    // only begins like the old recycle bin's, and a junction and links to a folder and to a file,
+    // left to the link pass (not walked into).
+    static void WriteSourceE()
+    {
+        for (const auto* pFiles : {&kRestored, &kSkipped})
+            for (const auto& [sRel, sBytes] : *pFiles)
+            {
+                MakeFolders(kSourceE + sRel.substr(0, sRel.rfind(L'\\')));
+                WriteBytes(kSourceE + sRel, sBytes);
+            }
+        MakeFolders(kSourceE + L"\\RECYCLER2");
+        MakeFolders(kSourceE + L"\\Junction");
+        MakeFolders(kSourceE + L"\\DirLink");
+        for (const wchar_t* pwszBehindLink : {L"\\Junction\\in.txt", L"\\DirLink\\in.txt", L"\\FileLink.txt"})
+            WriteBytes(kSourceE + pwszBehindLink, "behind a link");
+    }
+    // Drive E: restored with that many files in flight (1: one at a time on the calling thread).
+    bool RestoreE(const wchar_t* pwszThreads)
+    {
+        auto traceIni = Verbose();
+        traceIni[L"KEFL_RestoreThreads"] = pwszThreads;
+        WriteTraceIni(traceIni);
+        morvane::Filespace fs{};
+        fs.sFsPath = L"E:\\";
+        fs.wcFsDriveLetter = L'E';
+        return m_pClient->RestoreFilespace(fs);
+    }
+
     std::unique_ptr<winecompat::CLinkPatches> m_pLinks;
-    std::unique_ptr<CBackupStreamPatches> m_pStreams;
+    std::unique_ptr<winecompat::CBackupStreamPatches> m_pStreams;
 };
 
 } // namespace
 
-TEST_F(FilespaceRestoreTest, RestoresADriveByteForByteOverAnOlderTreeTwiceThenAMountPoint)
+TEST_F(FilespaceRestoreTest, RestoresEachFileByteForByteOverAnOlderTreeThenOverItsOwn)
 {
-    // Restored: an empty file, one of several 64 KiB buffers, a non-ASCII name, a path beyond
-    // MAX_PATH, a page file below the root, a mount point's folder. Skipped: what Windows keeps
-    // for itself at the root.
-    const std::wstring sDeep = L"\\" + std::wstring(90, L'a') + L"\\" + std::wstring(90, L'b') + L"\\" +
-                               std::wstring(90, L'c') + L"\\deep file.txt";
-    const std::map<std::wstring, std::string> restored = {
-        {L"\\empty.txt", ""},
-        {L"\\Data\\big.bin", Pattern(200000, 1)},
-        {sDeep, Pattern(70000, 3)},
-        {L"\\Gr\u00FC\u00DFe \u65E5\u672C\\\u0436\u00E9\u20AC.txt", "non-ASCII"},
-        {L"\\Old\\pagefile.sys", "p"},
-        {L"\\Mount\\Data\\Sub\\file.bin", Pattern(100000, 8)},
-        {L"\\Deduplicated.bin", "a reparse point, but not a link: copied as data"}};
-    const std::map<std::wstring, std::string> skipped = {{L"\\pagefile.sys", Pattern(1000, 4)},
-                                                         {L"\\hiberfil.sys", "h"},
-                                                         {L"\\$Recycle.Bin\\deleted.txt", "d"},
-                                                         {L"\\System Volume Information\\tracking.log", "t"}};
-    uint64_t ullRead = 0; // each restored file's data and its 20-byte stream header
-    for (const auto* pFiles : {&restored, &skipped})
-        for (const auto& [sRel, sBytes] : *pFiles)
-        {
-            MakeFolders(kSourceE + sRel.substr(0, sRel.rfind(L'\\')));
-            WriteBytes(kSourceE + sRel, sBytes);
-            ullRead += pFiles == &restored ? sBytes.size() + 20 : 0;
-        }
-    MakeFolders(kSourceE + L"\\RECYCLER2");
-    // A junction and links to a folder and to a file, left to the link pass: not walked into.
-    MakeFolders(kSourceE + L"\\Junction");
-    MakeFolders(kSourceE + L"\\DirLink");
-    for (const wchar_t* pwszBehindLink : {L"\\Junction\\in.txt", L"\\DirLink\\in.txt", L"\\FileLink.txt"})
-        WriteBytes(kSourceE + pwszBehindLink, "behind a link");
-    // Times and attributes of their own for every file and folder; compared where the file system
-    // keeps them as written (Wine keeps no creation time and not every attribute).
+    WriteSourceE();
+    // What an interrupted earlier restore left: a longer old file, a cut one, a file of its own.
+    MakeFolders(L"E:\\Data");
+    WriteBytes(L"E:\\empty.txt", Pattern(200000, 7));
+    WriteBytes(L"E:\\Data\\big.bin", Pattern(100000, 1));
+    WriteBytes(L"E:\\Data\\mine.txt", "not in the backup");
+    for (const wchar_t* pwszThreads : {L"1", L"8"})
+    {
+        SCOPED_TRACE(pwszThreads);
+        g_vMessages.clear();
+        ASSERT_TRUE(RestoreE(pwszThreads)) << testing::PrintToString(ErrorText());
+        for (const auto& [sRel, sBytes] : kRestored)
+            EXPECT_TRUE(ReadBytes(L"E:" + sRel) == sBytes) << testing::PrintToString(sRel);
+        EXPECT_EQ("not in the backup", ReadBytes(L"E:\\Data\\mine.txt"));
+        EXPECT_EQ(0, LiveBackupContexts());
+        EXPECT_TRUE(HasMessage(1, L"Successfully restored drive letter E: from target location"));
+    }
+}
+
+TEST_F(FilespaceRestoreTest, LeavesWhatWindowsKeepsForItselfOutOfTheDriveAndItsTotalAndLinksToTheLinkPass)
+{
+    WriteSourceE();
+    ASSERT_TRUE(RestoreE(L"8")) << testing::PrintToString(ErrorText());
+    for (const wchar_t* pwszSkipped :
+         {L"E:\\pagefile.sys", L"E:\\hiberfil.sys", L"E:\\RECYCLER2", L"E:\\$Recycle.Bin",
+          L"E:\\System Volume Information", L"E:\\Junction", L"E:\\DirLink", L"E:\\FileLink.txt"})
+        EXPECT_FALSE(FileExists(pwszSkipped)) << testing::PrintToString(std::wstring(pwszSkipped));
+    uint64_t ullRead = 0; // each restored file's bytes and its 20-byte stream header
+    for (const auto& [sRel, sBytes] : kRestored)
+        ullRead += sBytes.size() + 20;
+    EXPECT_EQ(ullRead, g_vProgress.back().ullBytesDone);
+    EXPECT_EQ(ullRead, g_vProgress.back().ullTotal);
+    ASSERT_TRUE(m_pClient->RestoreLinks());
+    std::wstring sLinks; // the tree's junction and folder link come from the link pass
+    for (const auto& link : winecompat::CLinkPatches::RecordedLinks())
+        sLinks += link.sKind + L" " + link.sLink + L";";
+    EXPECT_EQ(L"junction E:\\Junction;symbolic link E:\\DirLink;", sLinks);
+}
+
+TEST_F(FilespaceRestoreTest, RestoresTimesAndAttributesAlsoOverItsOwnReadOnlyFiles)
+{
+    // Times and attributes of their own for every file and folder: read-only, hidden, system, none,
+    // archive and not content-indexed, offline; from 5 Nov 2015 on, ten hours apart.
+    WriteSourceE();
     std::map<std::wstring, CMetadata> written;
-    // Read-only, hidden, system, none, archive and not content-indexed, offline.
     const DWORD kAttributes[] = {0x1, 0x2, 0x4, 0, 0x2020, 0x1000};
     for (const auto& [sRel, metadata] : ReadMetadata(kSourceE))
     {
-        const uint64_t ullTime = 130915281890000000ULL + written.size() * 36000000000ULL; // from 5 Nov 2015
+        const uint64_t ullTime = 130915281890000000ULL + written.size() * 36000000000ULL;
         written[sRel] = {metadata.dwAttributes | kAttributes[written.size() % 6],
                          {ullTime, ullTime + 1, ullTime + 2}};
         WriteMetadata(kSourceE + sRel, written[sRel]);
     }
-    DWORD dwKept[2] = {~DWORD(0), ~DWORD(0)}; // of files, of folders
+    // Compared where the file system keeps them as written (Wine keeps no creation time and not
+    // every attribute): the attributes kept of files and of folders, and whether creation times are.
+    DWORD dwKept[2] = {~DWORD(0), ~DWORD(0)};
     bool bCreationKept = true;
     for (const auto& [sRel, metadata] : ReadMetadata(kSourceE))
     {
         dwKept[metadata.dwAttributes >> 4 & 1] &= ~(metadata.dwAttributes ^ written[sRel].dwAttributes);
         bCreationKept = bCreationKept && metadata.times[0] == written[sRel].times[0];
     }
-    const auto Kept = [&](CMetadata m)
-    { return m.dwAttributes &= dwKept[m.dwAttributes >> 4 & 1], m.times[0] *= bCreationKept, m; };
-    // What an interrupted earlier restore left: a longer old file, a cut one, a file of its own.
-    MakeFolders(L"E:\\Data");
-    WriteBytes(L"E:\\empty.txt", Pattern(200000, 7));
-    WriteBytes(L"E:\\Data\\big.bin", Pattern(100000, 1));
-    WriteBytes(L"E:\\Data\\mine.txt", "not in the backup");
-
-    morvane::Filespace fs{};
-    fs.sFsPath = L"E:\\";
-    fs.wcFsDriveLetter = L'E';
-    for (int iRun = 1; iRun <= 2; ++iRun)
+    const auto Kept = [&](CMetadata metadata)
     {
-        // One file at a time on the calling thread, as it always was, then eight in flight.
-        SCOPED_TRACE("restore " + std::to_string(iRun));
-        auto traceIni = Verbose();
-        traceIni[L"KEFL_RestoreThreads"] = iRun == 1 ? L"1" : L"8";
-        WriteTraceIni(traceIni);
-        g_vProgress.clear(), g_progressThreads.clear();
-        const size_t cLinesBefore = KeflLog().size();
+        metadata.dwAttributes &= dwKept[metadata.dwAttributes >> 4 & 1];
+        if (!bCreationKept)
+            metadata.times[0] = 0;
+        return metadata;
+    };
+    for (const wchar_t* pwszThreads : {L"1", L"8"}) // the second over the first's read-only files
+    {
+        SCOPED_TRACE(pwszThreads);
         const auto source = ReadMetadata(kSourceE); // as the walk sees it: a read may move last access
-        ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
-        std::set<uint32_t> copiers; // the threads that traced copies in this run
+        ASSERT_TRUE(RestoreE(pwszThreads)) << testing::PrintToString(ErrorText());
+        const auto target = ReadMetadata(L"E:");
+        for (const auto& [sRel, metadata] : source) // links and skipped files are not on E:
+            EXPECT_TRUE((!target.contains(sRel) && !kRestored.contains(sRel)) ||
+                        Kept(metadata) == Kept(target.at(sRel)))
+                << testing::PrintToString(sRel);
+    }
+}
+
+// One file at a time on the calling thread, or eight in flight on workers; either way the host hears
+// on its own thread: starting, the counting text, then reads with bytes rising, never past the total.
+TEST_F(FilespaceRestoreTest, CopiesOnTheHostsThreadOrOnWorkersAndCallsTheHostOnItsOwnThread)
+{
+    WriteSourceE();
+    for (const wchar_t* pwszThreads : {L"1", L"8"})
+    {
+        SCOPED_TRACE(pwszThreads);
+        g_vProgress.clear();
+        g_progressThreads.clear();
+        const size_t cLinesBefore = KeflLog().size();
+        ASSERT_TRUE(RestoreE(pwszThreads)) << testing::PrintToString(ErrorText());
+        std::set<uint32_t> copiers; // the threads that traced copies in this restore
         const auto vLog = KeflLog();
         for (size_t i = cLinesBefore; i < vLog.size(); ++i)
             if (const auto line = ParseTraceLine(vLog[i]);
                 line && line->sText.starts_with(L"KEFLImpl::CopyFile"))
                 copiers.insert(line->uiThreadId);
-        EXPECT_TRUE(!copiers.empty() && (iRun == 1) == copiers.contains(::GetCurrentThreadId()));
+        ASSERT_FALSE(copiers.empty());
+        EXPECT_EQ(pwszThreads == std::wstring(L"1"), copiers.contains(::GetCurrentThreadId()));
         EXPECT_EQ(std::set<DWORD>{::GetCurrentThreadId()}, g_progressThreads) << "the host's own thread only";
-        const auto target = ReadMetadata(L"E:");
-        for (const auto& [sRel, metadata] : source) // links and skipped files are not on E:
-            EXPECT_TRUE((!target.count(sRel) && !restored.count(sRel)) ||
-                        Kept(metadata) == Kept(target.at(sRel)))
-                << testing::PrintToString(sRel);
-        for (const auto& [sRel, sBytes] : restored)
-            EXPECT_TRUE(ReadBytes(L"E:" + sRel) == sBytes) << testing::PrintToString(sRel);
-        for (const wchar_t* pwszSkipped :
-             {L"E:\\pagefile.sys", L"E:\\hiberfil.sys", L"E:\\RECYCLER2", L"E:\\$Recycle.Bin",
-              L"E:\\System Volume Information", L"E:\\Junction", L"E:\\DirLink", L"E:\\FileLink.txt"})
-            EXPECT_FALSE(FileExists(pwszSkipped)) << testing::PrintToString(std::wstring(pwszSkipped));
-        EXPECT_EQ("not in the backup", ReadBytes(L"E:\\Data\\mine.txt"));
-        EXPECT_EQ(0, LiveBackupContexts());
-        EXPECT_TRUE(HasMessage(1, L"Successfully restored drive letter E: from target location"));
-        // Progress: starting, the counting text, then reads with bytes rising to what the restored
-        // files hold, never past the total, which ends as exactly that (skipped files left out).
         ASSERT_GE(g_vProgress.size(), 6u);
         EXPECT_EQ(1u, g_vProgress[0].uiState);
         EXPECT_EQ(L"Counting objects to be restored ...", g_vProgress[1].sText);
-        EXPECT_EQ(7u, g_vProgress[1].uiState);
-        for (size_t i = 2; i < g_vProgress.size(); ++i)
+        for (size_t i = 1; i < g_vProgress.size(); ++i)
         {
             EXPECT_EQ(7u, g_vProgress[i].uiState) << "record " << i;
             EXPECT_LE(g_vProgress[i].ullBytesDone, g_vProgress[i].ullTotal) << "record " << i;
             EXPECT_GE(g_vProgress[i].ullBytesDone, g_vProgress[i - 1].ullBytesDone) << "record " << i;
         }
-        EXPECT_EQ(ullRead, g_vProgress.back().ullBytesDone);
-        EXPECT_EQ(ullRead, g_vProgress.back().ullTotal);
     }
+}
 
-    ASSERT_TRUE(m_pClient->RestoreLinks());
-    std::wstring sLinks; // the tree's junction and folder link come from the link pass
-    for (const auto& link : winecompat::CLinkPatches::RecordedLinks())
-        sLinks += link.sKind + L" " + link.sLink + L";";
-    EXPECT_EQ(L"junction E:\\Junction;symbolic link E:\\DirLink;", sLinks);
-
-    // The mount point E:\Mount\Data (in MPoint.dat), restored alone from the same drive folder.
-    RemoveTree(L"E:", true);
+TEST_F(FilespaceRestoreTest, RestoresAMountPointAloneFromItsDrivesFolder)
+{
+    // E:\Mount\Data (in MPoint.dat), named without regard to case.
+    WriteSourceE();
     MakeFolders(L"E:\\Mount\\Data");
+    morvane::Filespace fs{};
     fs.sFsPath = L"E:\\Mount\\Data";
-    fs.sFsMountDir = L"e:\\mount\\data"; // matched without regard to case
+    fs.sFsMountDir = L"e:\\mount\\data";
     fs.dwFsFlags = 0x8;
     ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
     EXPECT_TRUE(ReadBytes(L"E:\\Mount\\Data\\Sub\\file.bin") == Pattern(100000, 8));
     EXPECT_FALSE(FileExists(L"E:\\empty.txt")) << "nothing outside the mount point";
+    EXPECT_TRUE(HasMessage(1, L"Successfully restored mount point 'e:\\mount\\data' from target location"));
+}
+
+// A close that fails may have lost the file's last bytes (a full disk, a volume gone): the restored
+// copy of unclosed.bin, not the backup's, fails its close.
+decltype(&::CloseHandle) g_pfnRealClose = nullptr;
+BOOL WINAPI CloseHandleAsAFullDisk(HANDLE h)
+{
+    wchar_t wszPath[MAX_PATH] = {};
+    ::GetFinalPathNameByHandleW(h, wszPath, MAX_PATH, 0);
+    const bool bRestoredCopy =
+        std::wcsstr(wszPath, L"unclosed.bin") != nullptr && std::wcsstr(wszPath, L"\\E\\unclosed.bin") == nullptr;
+    const BOOL bClosed = g_pfnRealClose(h);
+    return bClosed && bRestoredCopy ? WithLastError(ERROR_DISK_FULL, FALSE) : bClosed;
 }
 
 TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
@@ -262,39 +302,31 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
                                     L"unwritable.bin", L"short.bin", L"z\\after.txt", L"denied.bin",
                                     L"unclosed.bin"})
         WriteBytes(kSourceE + L"\\" + pwszName, Pattern(200000, ++uiSeed));
-    // A close that fails may have lost the file's last bytes (a full disk, a volume gone).
-    static decltype(&::CloseHandle) s_pfnRealClose = nullptr;
-    s_pfnRealClose = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CloseHandle",
-                                     +[](HANDLE h) -> BOOL
-                                     {
-                                         wchar_t wszPath[MAX_PATH] = {};
-                                         ::GetFinalPathNameByHandleW(h, wszPath, MAX_PATH, 0);
-                                         const bool bFail = std::wcsstr(wszPath, L"\\E\\unclosed.bin") == nullptr &&
-                                                            std::wcsstr(wszPath, L"unclosed.bin") != nullptr;
-                                         return s_pfnRealClose(h) && !(bFail && (::SetLastError(ERROR_DISK_FULL), true));
-                                     });
+    g_pfnRealClose = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CloseHandle", &CloseHandleAsAFullDisk);
     MakeFolders(L"E:\\blocked.txt");
     // A token that holds neither backup nor restore privilege: the restore goes on without them.
-    m_patches.Patch(
-        m_pLibrary->Module(), "ADVAPI32.dll", "AdjustTokenPrivileges",
-        +[](HANDLE, BOOL, PTOKEN_PRIVILEGES, DWORD, PTOKEN_PRIVILEGES, PDWORD) -> BOOL
-        { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
-    g_iLockedOpens = g_iRetryWaits = 0;
+    m_patches.Patch(m_pLibrary->Module(), "ADVAPI32.dll", "AdjustTokenPrivileges",
+                    +[](HANDLE, BOOL, PTOKEN_PRIVILEGES, DWORD, PTOKEN_PRIVILEGES, PDWORD) -> BOOL
+                    { return WithLastError(ERROR_ACCESS_DENIED, FALSE); });
+    g_iLockedOpens = 0;
+    g_iRetryWaits = 0;
     // Eight files in flight: while the locked file waits out its retries, every other entry (the
     // folder and eight files) is done on the other workers.
     const morvane::CUniqueHandle hOthersDone(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     g_hOthersDone = hOthersDone.get();
     m_pClient->SetProgMsgCallbackFn(
         +[](const morvane::ProgMsg* pMsg, uint64_t)
-        { return pMsg->ullDone == 9 && ::SetEvent(g_hOthersDone), RecordProgress(pMsg, 0); },
+        {
+            if (pMsg->ullDone == 9)
+                ::SetEvent(g_hOthersDone);
+            return RecordProgress(pMsg, 0);
+        },
         0);
     BackupStreamFaults().sReadFailFile = L"unreadable.bin";
     BackupStreamFaults().sWriteFailFile = L"unwritable.bin";
     BackupStreamFaults().sShortWriteFile = L"short.bin";
 
-    morvane::Filespace fs{};
-    fs.wcFsDriveLetter = L'E';
-    EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
+    EXPECT_FALSE(RestoreE(L"8"));
     EXPECT_EQ(10, g_iLockedOpens);
     EXPECT_EQ(9, g_iRetryWaits);
     EXPECT_TRUE(g_bOthersDoneMeanwhile) << "a locked file holds one worker, not the restore";
@@ -313,8 +345,12 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
                                            std::wstring(pwszPrivilege) + L"\""));
+}
 
-    fs.wcFsDriveLetter = L'F'; // no folder F in the backup: the count fails
+TEST_F(FilespaceRestoreTest, ADriveThatTheBackupLacksFailsItsCount)
+{
+    morvane::Filespace fs{};
+    fs.wcFsDriveLetter = L'F';
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
     EXPECT_EQ(L"Couldn't count objects to be restored", ErrorText());
     EXPECT_EQ(3u, g_vProgress.back().uiState);
@@ -341,13 +377,15 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
         EXPECT_FALSE(pClient->RestoreFilespace(*pFs)) << testing::PrintToString(std::wstring(pwszMessage));
         EXPECT_TRUE(HasMessage(3, pwszMessage)) << testing::PrintToString(std::wstring(pwszMessage));
     }
-    // Times that cannot be set are traced; the data is there and the filespace restored.
+}
+
+TEST_F(FilespaceRestoreTest, TimesThatCannotBeSetAreTracedAndTheFileKept)
+{
     WriteBytes(kSourceE + L"\\one.txt", "one");
-    m_patches.Patch(
-        m_pLibrary->Module(), "KERNEL32.dll", "SetFileTime",
-        +[](HANDLE, const FILETIME*, const FILETIME*, const FILETIME*) -> BOOL
-        { return ::SetLastError(ERROR_ACCESS_DENIED), FALSE; });
-    EXPECT_TRUE(m_pClient->RestoreFilespace(drive));
+    m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "SetFileTime",
+                    +[](HANDLE, const FILETIME*, const FILETIME*, const FILETIME*) -> BOOL
+                    { return WithLastError(ERROR_ACCESS_DENIED, FALSE); });
+    EXPECT_TRUE(RestoreE(L"8"));
     EXPECT_EQ("one", ReadBytes(L"E:\\one.txt"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CopyFileWithProgress : Failed to set times"));
 }
@@ -375,11 +413,8 @@ TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWri
         ASSERT_TRUE(::CreateHardLinkW((L"E:" + pair.sName2).c_str(), (L"E:" + pair.sName1).c_str(), nullptr));
     }
     ::SetFileAttributesW(L"E:\\a1.txt", FILE_ATTRIBUTE_READONLY);
-    WriteTraceIni({{L"KEFL_RestoreThreads", L"8"}});
     BackupStreamFaults().bHalfOfOneLargeWrite = true;
-    morvane::Filespace fs{};
-    fs.wcFsDriveLetter = L'E';
-    ASSERT_TRUE(m_pClient->RestoreFilespace(fs)) << testing::PrintToString(ErrorText());
+    ASSERT_TRUE(RestoreE(L"8")) << testing::PrintToString(ErrorText());
     for (const CPair& pair : kPairs)
         for (const auto& [sName, sBytes] : {std::pair(pair.sName1, &pair.sBytes1), {pair.sName2, &pair.sBytes2}})
         {
@@ -399,7 +434,6 @@ TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUn
     WriteBytes(L"E:\\target.txt", "stale");
     WriteTextFile(std::wstring(kBackup) + L"\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
     ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
-    WriteTraceIni({{L"KEFL_RestoreThreads", L"1"}});
     m_pClient->SetProgMsgCallbackFn(
         +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
         {
@@ -408,9 +442,7 @@ TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUn
             return 0;
         },
         0);
-    morvane::Filespace fs{};
-    fs.wcFsDriveLetter = L'E';
-    EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
+    EXPECT_FALSE(RestoreE(L"1"));
     const std::string sLinkBefore = ReadBytes(L"E:\\link.txt");
     m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
     EXPECT_TRUE(m_pClient->RestoreLinks());
@@ -466,7 +498,11 @@ TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
     // Taken down on every way out: the recursive removal after each test would need a deep stack.
     struct CChains
     {
-        ~CChains() { RemoveChain(L"E:"), RemoveChain(kSourceE); }
+        ~CChains()
+        {
+            RemoveChain(L"E:");
+            RemoveChain(kSourceE);
+        }
     } chains;
     WriteBytes(kSourceE + L"\\d", "the deepest file");
     std::wstring sRel = L"\\d";

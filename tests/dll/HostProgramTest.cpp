@@ -49,15 +49,18 @@ std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments, const std:
     return run;
 }
 
-// A backup of one drive folder F (the configuration's drive) with these files, each "x".
-void MakeHostBackup(const std::wstring& sRoot, std::initializer_list<const wchar_t*> files)
+// A backup of one drive folder F (the configuration's drive) with these files, each "x", below sRoot.
+void MakeHostBackup(const std::wstring& sRoot, std::initializer_list<const wchar_t*> files = {})
 {
     MakeFolders(sRoot + L"\\F\\ZOVACFG");
     MakeFolders(sRoot + L"\\#");
-    for (const wchar_t* pwszFile : files)
-        WriteBytes(sRoot + L"\\F\\" + pwszFile, "x");
-    WriteTextFile(sRoot + L"\\#\\disrec.ini",
-                  "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
+    for (const std::wstring sFile : files)
+    {
+        MakeFolders(sRoot + L"\\F\\" + sFile.substr(0, sFile.rfind(L'\\') + 1));
+        WriteBytes(sRoot + L"\\F\\" + sFile, "x");
+    }
+    WriteTextFile(sRoot + L"\\#\\disrec.ini", "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\n"
+                                              "Directory=F:\\Windows\r\nBootDriveLetter=F\r\n");
     WriteTextFile(sRoot + L"\\#\\HPoint.dat", "");
 }
 
@@ -73,9 +76,36 @@ morvane::CUniqueHandle FindRestoreProcess()
     return {};
 }
 
+// Each test's backups lie below R:\Host; what the host restores lands on F:.
+class HostProgramTest : public KeflFixture
+{
+protected:
+    void SetUp() override
+    {
+        KeflFixture::SetUp();
+        Clean();
+    }
+    void TearDown() override
+    {
+        Clean();
+        KeflFixture::TearDown();
+    }
+    static void Clean()
+    {
+        RemoveTree(L"R:\\Host");
+        RemoveTree(L"F:", true);
+    }
+};
+
+// The report that keflhost wrote; discarded when it is no JSON.
+nlohmann::json ReadReport(const std::wstring& sPath)
+{
+    return nlohmann::json::parse(ReadBytes(sPath), nullptr, false);
+}
+
 } // namespace
 
-TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
+TEST_F(HostProgramTest, AnswersEachArgumentErrorWithItsExitCode)
 {
     const struct
     {
@@ -85,54 +115,47 @@ TEST_F(KeflFixture, HostAnswersEachArgumentErrorWithItsExitCode)
     } cases[] = {
         {L"--help", 0, "Exit status: 0 everything restored"},
         {L"--unknown", 1, "usage: keflhost"},
-        {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},             // a point in time needs a location
-        {L"--answer-file a.ini --location R:\\Backup", 1, "usage:"}, // one source only
-        {L"--verify", 1, "usage:"},                                  // verifying needs credentials
-        {L"--location R:\\Backup --pit \"31/04/2016 00:00:00\"", 1, "is not a valid point in time"},
+        {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},          // a point in time needs a location
+        {L"--answer-file a.ini --location R:\\Host", 1, "usage:"}, // one source only
+        {L"--verify", 1, "usage:"},                                // verifying needs credentials
+        {L"--location R:\\Host --pit \"31/04/2016 00:00:00\"", 1, "is not a valid point in time"},
         {L"--location R:\\NoSuchBackup", 1, "says:\n    KEFLImpl::Init: PathIsDirectory failed"},
-        {L"--location R:\\HostEmpty", 1, "keflhost: the backup holds no filespaces"}, // only its data folder
+        {L"--location R:\\Host\\Empty", 1, "keflhost: the backup holds no filespaces"}, // its data folder only
     };
-    MakeFolders(L"R:\\HostEmpty\\#");
-    WriteTextFile(L"R:\\HostEmpty\\#\\HPoint.dat", "");
+    MakeFolders(L"R:\\Host\\Empty\\#");
+    WriteTextFile(L"R:\\Host\\Empty\\#\\HPoint.dat", "");
     for (const auto& [pwszArguments, dwExitCode, pszSaid] : cases)
     {
         const auto [dwActual, sOutput] = RunHost(pwszArguments);
         EXPECT_EQ(dwExitCode, dwActual) << testing::PrintToString(std::wstring(pwszArguments));
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
     }
-    RemoveTree(L"R:\\HostEmpty");
 }
 
-TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
+TEST_F(HostProgramTest, RestoresVerifiesAndNamesEveryFailureWithItsError)
 {
     // One drive folder F (restored onto the target drive F:, all but the page file in its root) with
-    // the configuration and two hard-link
-    // groups held as copies: one whose copies are alike, one whose older copy differs (the link pass
-    // makes it the newer file, which the verification must notice).
-    RemoveTree(L"F:\\Data");
-    RemoveTree(L"F:\\Blocked");
-    RemoveTree(L"R:\\HostSample");
-    for (const wchar_t* pwszDir : {L"\\F\\ZOVACFG", L"\\F\\Data", L"\\F\\Blocked\\inner", L"\\#"})
-        MakeFolders(L"R:\\HostSample" + std::wstring(pwszDir));
-    for (const wchar_t* pwszFile :
-         {L"\\F\\Data\\big.bin", L"\\F\\Data\\copy.bin", L"\\F\\Data\\locked.bin", L"\\F\\Data\\new.bin",
-          L"\\F\\Blocked\\inner\\x.txt", L"\\F\\Data\\orphan.bin", L"\\F\\pagefile.sys"})
-        WriteBytes(L"R:\\HostSample" + std::wstring(pwszFile), Pattern(200000, 12));
-    WriteBytes(L"R:\\HostSample\\F\\Data\\old.bin", Pattern(200000, 13));
+    // the configuration and two hard-link groups held as copies: one whose copies are alike, one
+    // whose older copy differs (the link pass makes it the newer file, which the verification must
+    // notice).
+    const std::wstring sBackup = L"R:\\Host\\Sample";
+    MakeHostBackup(sBackup);
+    MakeFolders(sBackup + L"\\F\\Data");
+    MakeFolders(sBackup + L"\\F\\Blocked\\inner");
+    for (const wchar_t* pwszFile : {L"Data\\big.bin", L"Data\\copy.bin", L"Data\\locked.bin", L"Data\\new.bin",
+                                    L"Blocked\\inner\\x.txt", L"Data\\orphan.bin", L"pagefile.sys"})
+        WriteBytes(sBackup + L"\\F\\" + pwszFile, Pattern(200000, 12));
+    WriteBytes(sBackup + L"\\F\\Data\\old.bin", Pattern(200000, 13));
     for (int i = 1; i <= 20; ++i) // more failures than the screen shows, once the folder cannot be made
-        WriteBytes(L"R:\\HostSample\\F\\Blocked\\inner\\x" + std::to_wstring(i) + L".txt", "x");
-    WriteTextFile(
-        L"R:\\HostSample\\#\\disrec.ini",
-        "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
-    WriteTextFile(L"R:\\HostSample.ini", "[ZovaBackupLocation]\r\nLocation=R:\\HostSample\r\n");
-    const auto WriteHardLinks = [](const char* pszGroups)
-    { WriteTextFile(L"R:\\HostSample\\#\\HPoint.dat", pszGroups); };
-    WriteHardLinks("[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n");
+        WriteBytes(sBackup + L"\\F\\Blocked\\inner\\x" + std::to_wstring(i) + L".txt", "x");
+    WriteTextFile(L"R:\\Host\\Sample.ini", "[ZovaBackupLocation]\r\nLocation=R:\\Host\\Sample\r\n");
+    const std::string sFirstGroup = "[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n";
+    WriteTextFile(sBackup + L"\\#\\HPoint.dat", sFirstGroup);
 
-    const auto [dwListed, sListed] = RunHost(L"--answer-file R:\\HostSample.ini --list");
+    const auto [dwListed, sListed] = RunHost(L"--answer-file R:\\Host\\Sample.ini --list");
     EXPECT_EQ(0u, dwListed) << sListed;
     EXPECT_NE(std::string::npos, sListed.find("  F:   F:\\   [BOOT SYSTEM]")) << sListed;
-    const auto [dwClean, sClean] = RunHost(L"--answer-file R:\\HostSample.ini --verify");
+    const auto [dwClean, sClean] = RunHost(L"--answer-file R:\\Host\\Sample.ini --verify");
     EXPECT_EQ(0u, dwClean) << sClean;
     for (const char* pszExpected :
          {"F:  27 of 27 files and 4 of 4 folders came back; 1 left out by rule",
@@ -144,16 +167,16 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
     // Again over the same tree, with what goes wrong in a recovery: a restored file that something
     // holds open, a file where a folder must go, a hard link to a file the backup lacks, and copies
     // of one hard link that differ.
-    WriteHardLinks("[1]\r\nH1=F:\\Data\\big.bin\r\nH2=F:\\Data\\copy.bin\r\n"
-                   "[2]\r\nH1=F:\\Data\\missing.bin\r\nH2=F:\\Data\\orphan.bin\r\n"
-                   "[3]\r\nH1=F:\\Data\\new.bin\r\nH2=F:\\Data\\old.bin\r\n");
+    WriteTextFile(sBackup + L"\\#\\HPoint.dat", sFirstGroup +
+                                                    "[2]\r\nH1=F:\\Data\\missing.bin\r\nH2=F:\\Data\\orphan.bin\r\n"
+                                                    "[3]\r\nH1=F:\\Data\\new.bin\r\nH2=F:\\Data\\old.bin\r\n");
     RemoveTree(L"F:\\Blocked");
     WriteBytes(L"F:\\Blocked", "a file, not a folder");
     morvane::CUniqueFile hLocked(
         ::CreateFileW(L"F:\\Data\\locked.bin", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(hLocked);
     const auto [dwExitCode, sOutput] =
-        RunHost(L"--answer-file R:\\HostSample.ini --verify --report R:\\HostSample-report.json");
+        RunHost(L"--answer-file R:\\Host\\Sample.ini --verify --report R:\\Host\\Sample-report.json");
     hLocked.reset();
     EXPECT_EQ(2u | 4u | 8u, dwExitCode) << "files failed, links failed, differences:\n" << sOutput;
     for (const char* pszExpected :
@@ -167,11 +190,10 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
     EXPECT_TRUE(ReadBytes(L"F:\\Data\\orphan.bin") == Pattern(200000, 12))
         << "the copy stays where no link was made";
 
-    const std::string sReport = ReadBytes(L"R:\\HostSample-report.json");
-    const nlohmann::json report = nlohmann::json::parse(sReport, nullptr, false);
-    ASSERT_FALSE(report.is_discarded()) << sReport;
+    const nlohmann::json report = ReadReport(L"R:\\Host\\Sample-report.json");
+    ASSERT_FALSE(report.is_discarded());
     EXPECT_EQ(14, report.value("exitStatus", -1));
-    EXPECT_EQ("R:\\HostSample", report["credentials"].value("location", ""));
+    EXPECT_EQ("R:\\Host\\Sample", report["credentials"].value("location", ""));
     const nlohmann::json& fs = report["filespaces"][0];
     EXPECT_EQ("failed", fs.value("result", ""));
     std::map<int, int> errors; // every failure, not only those on screen: error, how many
@@ -183,55 +205,43 @@ TEST_F(KeflFixture, HostRestoresVerifiesAndNamesEveryFailureWithItsError)
         if (iError == 32)
             sHeld = failure.value("path", "");
     }
-    EXPECT_EQ((std::map<int, int>{{3, 22}, {32, 1}}), errors) << sReport;
+    EXPECT_EQ((std::map<int, int>{{3, 22}, {32, 1}}), errors) << report.dump();
     EXPECT_EQ("F:\\Data\\locked.bin", sHeld);
-    EXPECT_EQ(3u, fs["verify"]["differences"].size()) << sReport;
-    EXPECT_EQ(1, report["links"]["hardLinks"].value("failed", 0)) << sReport;
-    for (const wchar_t* pwszPath : {L"R:\\HostSample", L"F:\\Data", L"F:\\Blocked"})
-        RemoveTree(pwszPath);
-    RemoveFile(L"R:\\HostSample.ini");
-    RemoveFile(L"R:\\HostSample-report.json");
+    EXPECT_EQ(3u, fs["verify"]["differences"].size()) << report.dump();
+    EXPECT_EQ(1, report["links"]["hardLinks"].value("failed", 0)) << report.dump();
 }
 
-TEST_F(KeflFixture, HostSaysThatFailuresPastTheTraceSizeLimitMayBeMissing)
+TEST_F(HostProgramTest, SaysThatFailuresPastTheTraceSizeLimitMayBeMissing)
 {
     // At level 4 each file of a deep folder writes its long path and a few lines more, about
     // 2 KB: 700 files pass a limit of 1 MiB by a third. The folder that cannot be made fails either way.
     kefltest::WriteTraceIni({{L"KEFL_TraceLevel", L"4"}, {L"KEFL_TraceMaxMB", L"1"}});
-    std::wstring sDeep = L"\\CappedDeep\\";
+    MakeHostBackup(L"R:\\Host\\Capped", {L"Blocked\\inner\\x.txt"});
+    std::wstring sDeep = L"R:\\Host\\Capped\\F\\Deep\\";
     for (wchar_t wc : {L'a', L'b', L'c', L'd', L'e'})
         sDeep += std::wstring(240, wc) + L"\\";
-    for (const wchar_t* pwszDir : {L"\\F\\ZOVACFG", L"\\F\\CappedBlocked\\inner", L"\\#"})
-        MakeFolders(L"R:\\HostCapped" + std::wstring(pwszDir));
-    MakeFolders(L"R:\\HostCapped\\F" + sDeep);
+    MakeFolders(sDeep);
     for (int i = 0; i < 700; ++i)
-        WriteBytes(L"R:\\HostCapped\\F" + sDeep + std::to_wstring(i) + std::wstring(200, L'g'), "x");
-    WriteBytes(L"R:\\HostCapped\\F\\CappedBlocked\\inner\\x.txt", "x");
-    WriteTextFile(L"R:\\HostCapped\\#\\disrec.ini",
-                  "[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n");
-    WriteTextFile(L"R:\\HostCapped\\#\\HPoint.dat", "");
-    WriteBytes(L"F:\\CappedBlocked", "a file, not a folder");
+        WriteBytes(sDeep + std::to_wstring(i) + std::wstring(200, L'g'), "x");
+    WriteBytes(L"F:\\Blocked", "a file, not a folder");
 
-    const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\HostCapped --report R:\\HostCapped.json");
+    const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Host\\Capped --report R:\\Host\\Capped.json");
     EXPECT_EQ(2u, dwExitCode) << sOutput;
-    EXPECT_NE(std::string::npos, sOutput.find("    folder F:\\CappedBlocked\\inner: error 3: ")) << sOutput;
-    EXPECT_NE(std::string::npos, sOutput.find("  the library's trace says \"Trace file reached its size limit of 1 "
-                                              "MiB: information and verbose lines are no longer written\": "
-                                              "failures past that may be missing"));
-    const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostCapped.json"), nullptr, false);
-    ASSERT_FALSE(report.is_discarded());
+    EXPECT_NE(std::string::npos, sOutput.find("    folder F:\\Blocked\\inner: error 3: ")) << sOutput;
+    EXPECT_NE(std::string::npos, sOutput.find("  the library's trace says \"Trace file reached its size limit "
+                                              "of 1 MiB: information and verbose lines are no longer "
+                                              "written\": failures past that may be missing"));
+    const nlohmann::json report = ReadReport(L"R:\\Host\\Capped.json");
     EXPECT_NE(std::string::npos,
               report["filespaces"][0].value("failuresMayBeMissing", "").find("size limit of 1 MiB"));
-    for (const wchar_t* pwszPath : {L"R:\\HostCapped", L"R:\\HostCapped.json", L"F:\\CappedDeep",
-                                    L"F:\\CappedBlocked", L"F:\\ZOVACFG"})
-        RemoveTree(pwszPath);
 }
 
-TEST_F(KeflFixture, HostFindsItsTraceAgainAfterAnotherLoadOfTheLibraryStartedItAnew)
+TEST_F(HostProgramTest, FindsItsTraceAgainAfterAnotherLoadOfTheLibraryStartedItAnew)
 {
     const auto Failed = [](const char* pszPath)
     {
-        return "[2026-11-23 16:50:49.027]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = \"" + std::string(pszPath) +
+        return "[2026-11-23 16:50:49.027]:0a3c:[E]: KEFLImpl::RestoreFilespace : sDst = \"" +
+               std::string(pszPath) +
                "\"\n[2026-11-23 16:50:49.027]:0a3c:[E]: KEFLImpl::RestoreFilespace : Failed to copy file\n";
     };
     const keflhost::CLibraryTrace trace(KeflLogPath());
@@ -258,39 +268,10 @@ TEST_F(KeflFixture, HostFindsItsTraceAgainAfterAnotherLoadOfTheLibraryStartedItA
     EXPECT_EQ(L"lost ", Read(mark));
 }
 
-namespace
-{
-
-// Windows reports a junction or symbolic link in the find data: the reparse-point attribute and
-// its tag. Wine makes neither; in the verification's listings these names stand for them.
-decltype(&::FindFirstFileW) g_pfnFindFirst = nullptr;
-decltype(&::FindNextFileW) g_pfnFindNext = nullptr;
-BOOL AsReparsePoint(WIN32_FIND_DATAW* pfd)
-{
-    static const std::map<std::wstring, DWORD> kTags = {{L"Junction", IO_REPARSE_TAG_MOUNT_POINT},
-                                                        {L"FileLink.txt", IO_REPARSE_TAG_SYMLINK},
-                                                        {L"Deduplicated.bin", 0x80000013}}; // data, no link
-    if (const auto it = kTags.find(pfd->cFileName); it != kTags.end())
-        pfd->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT, pfd->dwReserved0 = it->second;
-    return TRUE;
-}
-
-} // namespace
-
 TEST(HostVerifyTest, LeavesJunctionsAndSymbolicLinksToTheLinkPass)
 {
     kefltest::CPatches patches;
-    g_pfnFindFirst = patches.Patch(::GetModuleHandleW(nullptr), "KERNEL32.dll", "FindFirstFileW",
-                                   +[](LPCWSTR pwszPattern, LPWIN32_FIND_DATAW pfd)
-                                   {
-                                       const HANDLE hFind = g_pfnFindFirst(pwszPattern, pfd);
-                                       if (hFind != INVALID_HANDLE_VALUE)
-                                           AsReparsePoint(pfd);
-                                       return hFind;
-                                   });
-    g_pfnFindNext = patches.Patch(::GetModuleHandleW(nullptr), "KERNEL32.dll", "FindNextFileW",
-                                  +[](HANDLE hFind, LPWIN32_FIND_DATAW pfd) -> BOOL
-                                  { return g_pfnFindNext(hFind, pfd) && AsReparsePoint(pfd); });
+    ShowReparsePoints(patches, ::GetModuleHandleW(nullptr));
     // In the backup, what Wine shows of the links; restored, the link pass has not made them yet.
     MakeFolders(L"R:\\HostVerify\\E\\Junction");
     MakeFolders(L"R:\\HostVerify\\Restored");
@@ -310,8 +291,8 @@ TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
 {
     // Began, a filespace restored (with a difference found), links failed: the status.
     for (const auto& [bBegan, bRestored, bDifferences, bLinksFailed, iStatus] :
-         {std::tuple{false, false, false, false, 1}, {true, false, false, false, 2}, {true, true, false, true, 2 | 4},
-          {true, true, true, false, 2 | 8}})
+         {std::tuple{false, false, false, false, 1}, {true, false, false, false, 2},
+          {true, true, false, true, 2 | 4}, {true, true, true, false, 2 | 8}})
     {
         keflhost::CRunRecord record;
         record.bRestoreBegan = bBegan;
@@ -324,16 +305,18 @@ TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
     }
 }
 
-TEST_F(KeflFixture, HostSaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
+TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
 {
     // A stand-in restore process sends these bytes and ends with this exit code.
-    const std::string kHello = R"({"event":"hello","protocol":1,"description":"d","version":"1","capabilities":[],)"
-                               R"("wine":false})" "\n";
+    const std::string kHello =
+        R"({"event":"hello","protocol":1,"description":"d","version":"1","capabilities":[],"wine":false})"
+        "\n";
     const std::string kFs = R"({"name":"F","path":"F:\\","mountDir":"","flags":3,"drive":"F","time":null})";
-    const std::string kBegun = kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" +
-                               R"({"event":"begin","filespace":)" + kFs + R"(,"trace":null})" "\n" +
-                               R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
-                               R"("bytesDone":2048,"total":4096,"done":3})" "\n";
+    const std::string kBegun =
+        kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" + R"({"event":"begin","filespace":)" + kFs +
+        R"(,"trace":null})" "\n"
+        R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
+        R"("bytesDone":2048,"total":4096,"done":3})" "\n";
     const struct
     {
         std::string sStream;
@@ -341,59 +324,58 @@ TEST_F(KeflFixture, HostSaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         DWORD dwStatus;
         const char* pszSaid;
     } kCases[] = {
-        {kBegun, "0xC0000005", 16 | 2, "cut short while restoring F:, after 3 files and folders and 2.0 KiB of 4.0 KiB"
-                                       ": the restore process ended early, exit code 0xC0000005: an access violation"},
+        {kBegun, "0xC0000005", 16 | 2,
+         "cut short while restoring F:, after 3 files and folders and 2.0 KiB of 4.0 KiB: the restore "
+         "process ended early, exit code 0xC0000005: an access violation"},
         {"", "0xC00000FD", 16 | 1, "exit code 0xC00000FD: a stack overflow"},
         {kHello + "not an event\n", "0", 16 | 1, "line 2 from the restore process: not a JSON object"},
         {kHello + R"({"event":"line","te)", "0", 16 | 1, "line 2 from the restore process: cut off"},
         {kHello + R"({"event":"line"})" "\n", "0", 16 | 1, "an event keflhost cannot read"},
-        {R"({"event":"hello","protocol":2})" "\n", "0", 16 | 1, "line 1 from the restore process: not a hello of protocol 1"},
+        {R"({"event":"hello","protocol":2})" "\n", "0", 16 | 1,
+         "line 1 from the restore process: not a hello of protocol 1"},
     };
-    const std::wstring sScript = HostDir() + L"\\stand-in-events.txt";
+    const std::wstring sScript = L"R:\\Host\\stand-in-events.txt";
+    MakeFolders(L"R:\\Host");
     ::SetEnvironmentVariableW(L"KEFLHOST_RESTORE_PROCESS", (HostDir() + L"\\kefl_test_child.exe").c_str());
     ::SetEnvironmentVariableW(L"KEFL_TEST_CHILD_SCRIPT", sScript.c_str());
     for (const auto& [sStream, pszExit, dwStatus, pszSaid] : kCases)
     {
         WriteBytes(sScript, sStream);
         ::SetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", pszExit);
-        const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Anything --report R:\\HostCut.json");
+        const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Anything --report R:\\Host\\Cut.json");
         EXPECT_EQ(dwStatus, dwExitCode) << sOutput;
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
-        const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostCut.json"), nullptr, false);
-        EXPECT_FALSE(report.value("cutShort", "").empty()) << pszSaid;
+        EXPECT_FALSE(ReadReport(L"R:\\Host\\Cut.json").value("cutShort", "").empty()) << pszSaid;
     }
     for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT"})
         ::SetEnvironmentVariableW(pwszName, nullptr);
-    RemoveFile(sScript);
-    RemoveFile(L"R:\\HostCut.json");
 }
 
-TEST_F(KeflFixture, HostReportsARestoreProcessKilledMidwayAndASecondRunRestoresTheRest)
+TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresTheRest)
 {
     // The restore waits for a backup file that another program holds; meanwhile its process dies.
-    MakeHostBackup(L"R:\\HostKilled", {L"a.txt", L"held.bin", L"z.txt"});
-    RemoveTree(L"F:\\held.bin");
-    morvane::CUniqueFile hHeld(::CreateFileW(L"R:\\HostKilled\\F\\held.bin", GENERIC_READ, 0, nullptr,
+    MakeHostBackup(L"R:\\Host\\Killed", {L"a.txt", L"held.bin", L"z.txt"});
+    morvane::CUniqueFile hHeld(::CreateFileW(L"R:\\Host\\Killed\\F\\held.bin", GENERIC_READ, 0, nullptr,
                                              OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(hHeld);
-    const auto killWhenHeld = [this]
+    const auto killWhenHeld = []
     {
-        for (int i = 0; i < 600; ++i, ::Sleep(50))
+        for (int i = 0; i < 600; ++i)
+        {
             if (HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : sDst = \"F:\\held.bin\""))
                 if (const morvane::CUniqueHandle hRestore = FindRestoreProcess())
                     return void(::TerminateProcess(hRestore.get(), 0xC0000005));
+            ::Sleep(50);
+        }
     };
-    const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\HostKilled --report R:\\HostKilled.json", killWhenHeld);
+    const auto [dwExitCode, sOutput] =
+        RunHost(L"--location R:\\Host\\Killed --report R:\\Host\\Killed.json", killWhenHeld);
     EXPECT_EQ(16u | 2u, dwExitCode) << sOutput;
     EXPECT_NE(std::string::npos, sOutput.find("cut short while restoring F:")) << sOutput;
     EXPECT_NE(std::string::npos, sOutput.find("exit code 0xC0000005: an access violation")) << sOutput;
-    const nlohmann::json report = nlohmann::json::parse(ReadBytes(L"R:\\HostKilled.json"), nullptr, false);
-    EXPECT_EQ("cut short", report["filespaces"][0].value("result", ""));
+    EXPECT_EQ("cut short", ReadReport(L"R:\\Host\\Killed.json")["filespaces"][0].value("result", ""));
     hHeld.reset();
-    const auto [dwAgain, sAgain] = RunHost(L"--location R:\\HostKilled");
+    const auto [dwAgain, sAgain] = RunHost(L"--location R:\\Host\\Killed");
     EXPECT_EQ(0u, dwAgain) << sAgain;
     EXPECT_EQ("x", ReadBytes(L"F:\\held.bin"));
-    for (const wchar_t* pwszPath : {L"R:\\HostKilled", L"R:\\HostKilled.json", L"F:\\a.txt", L"F:\\held.bin",
-                                    L"F:\\z.txt", L"F:\\ZOVACFG"})
-        RemoveTree(pwszPath);
 }

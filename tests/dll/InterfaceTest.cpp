@@ -1,4 +1,5 @@
-// The client interface as the host calls it: its capabilities and its properties.
+// What KEFL.dll gives the host once loaded: the client's capabilities and properties as the host asks for
+// them, and the user messages of its string table.
 #include "dll/KeflFixture.h"
 
 #include <regex>
@@ -37,4 +38,15 @@ TEST_F(KeflFixture, AnswersCapabilitiesAndPropertiesAsTheHostAsksForThem)
     ::GetPrivateProfileStringW(L"KEFL.DLL", L"Version", L"", wszRecorded, 260,
                                (HostLogDir() + L"\\Version.log").c_str());
     EXPECT_EQ(sVersion, wszRecorded) << "recorded in the host's log folder";
+}
+
+TEST_F(KeflFixture, CarriesEveryUserMessage)
+{
+    Load();
+    for (UINT uiId = 99; uiId <= 142; ++uiId)
+    {
+        wchar_t wszText[1024] = {};
+        ::LoadStringW(m_pLibrary->Module(), uiId, wszText, 1024);
+        EXPECT_EQ(uiId >= 100 && uiId <= 141, wszText[0] != L'\0') << "message " << uiId;
+    }
 }

@@ -30,7 +30,6 @@ protected:
     }
     static std::wstring KeflLogPath() { return kefltest::LogDir() + L"\\KEFL_trace.log"; }
     static CLines KeflLog() { return kefltest::ReadLogLines(KeflLogPath()); }
-    static CLines VeskLog() { return kefltest::ReadLogLines(kefltest::LogDir() + L"\\VESK_trace.log"); }
 
     std::unique_ptr<kefltest::CKeflLibrary> m_pLibrary;
 };

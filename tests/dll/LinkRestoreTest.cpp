@@ -48,9 +48,9 @@ BOOLEAN WINAPI RecordSymbolicLink(LPCWSTR pwszLink, LPCWSTR pwszTarget, DWORD dw
 BOOL WINAPI HardLinkAsWindows(LPCWSTR pwszLink, LPCWSTR pwszTarget, LPSECURITY_ATTRIBUTES pSecurity)
 {
     if (std::wcsstr(pwszLink, L"Refused"))
-        return ::SetLastError(ERROR_TOO_MANY_LINKS), FALSE;
+        return WithLastError(ERROR_TOO_MANY_LINKS, FALSE);
     if (std::wcsstr(pwszLink, L"Taken"))
-        return ::SetLastError(ERROR_ALREADY_EXISTS), FALSE;
+        return WithLastError(ERROR_ALREADY_EXISTS, FALSE);
     return ::CreateHardLinkW(pwszLink, pwszTarget, pSecurity);
 }
 
@@ -180,21 +180,6 @@ TEST_F(LinkRestoreTest, WithoutTheEntryPointsOnlyJunctionsAreMade)
     EXPECT_EQ((PassStates{{1, 7, 2, 4}, {1, 2, 3}, {1, 2, 3}}), States());
 }
 
-TEST_F(LinkRestoreTest, ARefusedHardLinkLeavesTheRestoredCopyUnderItsName)
-{
-    WriteTextFile(L"E:\\file.txt", "content");
-    WriteTextFile(L"E:\\copy.txt", "copy");
-    ::SetFileAttributesW(L"E:\\copy.txt", FILE_ATTRIBUTE_READONLY);
-    WriteTextFile(L"E:\\Refused.txt", "refused copy");
-    Restore(L"", L"", "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\Refused.txt\r\nH3=E:\\copy.txt\r\n");
-
-    EXPECT_EQ("refused copy", ReadBytes(L"E:\\Refused.txt"));
-    EXPECT_EQ(2u, FileIdentity(L"E:\\file.txt").dwLinks);
-    EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
-    EXPECT_EQ(3u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
-    EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 3}}), States());
-}
-
 TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
 {
     // A copy that another program holds open on Windows cannot be moved aside (error 32 here).
@@ -203,13 +188,17 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
                           +[](LPCWSTR pwszFrom, LPCWSTR pwszTo, DWORD dwFlags) -> BOOL
                           {
                               if (std::wcsstr(pwszFrom, L"Held"))
-                                  return ::SetLastError(ERROR_SHARING_VIOLATION), FALSE;
+                                  return WithLastError(ERROR_SHARING_VIOLATION, FALSE);
                               return s_pfnRealMove(pwszFrom, pwszTo, dwFlags);
                           });
     WriteTextFile(L"E:\\file.txt", "content");
-    for (const wchar_t* pwszCopy : {L"E:\\copy.txt", L"E:\\Held.txt", L"E:\\Taken.txt"})
+    // Each failed link leaves the restored copy under its name: one held, one taken, one refused.
+    const wchar_t* const kKept[] = {L"E:\\Held.txt", L"E:\\Taken.txt", L"E:\\Refused.txt"};
+    WriteTextFile(L"E:\\copy.txt", "its own copy");
+    for (const wchar_t* pwszCopy : kKept)
         WriteTextFile(pwszCopy, "its own copy");
-    const std::string sHPoint = "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\copy.txt\r\nH3=E:\\Held.txt\r\nH4=E:\\Taken.txt\r\n";
+    const std::string sHPoint = "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\copy.txt\r\nH3=E:\\Held.txt\r\n"
+                                "H4=E:\\Taken.txt\r\nH5=E:\\Refused.txt\r\n";
     // The second pass runs over a tree that the first one linked.
     for (int iPass = 1; iPass <= 2; ++iPass)
     {
@@ -221,15 +210,19 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
         const std::vector<std::wstring> vNew(vLines.begin() + static_cast<ptrdiff_t>(cLinesBefore), vLines.end());
         const auto vErrors = TextsWithMarker(vNew, L":[E]: ");
         const auto Failed = [&](const wchar_t* pwszLink)
-        { return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" + std::wstring(pwszLink) + L"\""); };
+        {
+            return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" + std::wstring(pwszLink) + L"\"");
+        };
         EXPECT_EQ(0, Failed(L"E:\\copy.txt"));
-        EXPECT_EQ(1, Failed(L"E:\\Held.txt"));
-        EXPECT_EQ(1, Failed(L"E:\\Taken.txt"));
+        EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
+        for (const wchar_t* pwszKept : kKept)
+        {
+            EXPECT_EQ(1, Failed(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
+            EXPECT_EQ("its own copy", ReadBytes(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
+        }
         EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : ... ending(Existing file could not be moved aside)"));
         EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : dwLastError = 32"));
-        EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
-        for (const wchar_t* pwszKept : {L"E:\\Held.txt", L"E:\\Taken.txt"})
-            EXPECT_EQ("its own copy", ReadBytes(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
-        EXPECT_EQ(4u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
+        EXPECT_EQ(5u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
+        EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 2, 2, 3}}), States());
     }
 }

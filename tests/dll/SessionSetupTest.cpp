@@ -16,7 +16,7 @@ TEST_F(SessionFixture, InitTakesABackupFolderOrADriveRootAndStartsOverWhenCalled
                                 {
                                     if (_wcsicmp(pwszPath, L"F:\\") != 0)
                                         return s_pfnReal(pwszPath);
-                                    return ::SetLastError(ERROR_ACCESS_DENIED), FALSE;
+                                    return WithLastError(ERROR_ACCESS_DENIED, FALSE);
                                 });
     for (const wchar_t* pwszLocation : {kBackup, L"F:\\", kBackup})
     {

@@ -149,19 +149,8 @@ TEST_F(KeflFixture, ThreadsAndProcessesWritingAtOnceLoseOrSplitNoLine)
 {
     morvane::CUniqueHandle hReady(::CreateEventW(nullptr, TRUE, FALSE, kChildReadyEvent));
     morvane::CUniqueHandle hGo(::CreateEventW(nullptr, TRUE, FALSE, kChildGoEvent));
-    wchar_t wszExe[MAX_PATH];
-    ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
-    std::wstring sCommand =
-        std::wstring(L"\"") + wszExe +
-        L"\" --gtest_filter=KeflFixture.DISABLED_ChildProcessWriter --gtest_also_run_disabled_tests";
-    STARTUPINFOW si = {};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi = {};
-    ASSERT_TRUE(
-        ::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-        << "error " << ::GetLastError();
-    morvane::CUniqueHandle hProcess(pi.hProcess);
-    ::CloseHandle(pi.hThread);
+    const morvane::CUniqueHandle hProcess = StartTestProcess(L"KeflFixture.DISABLED_ChildProcessWriter");
+    ASSERT_TRUE(hProcess) << "error " << ::GetLastError();
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hReady.get(), 60000)) << "the child did not start";
 
     // Loaded after the child, so that this load's fresh log is the one all write; verbose here only.
@@ -204,7 +193,10 @@ TEST_F(KeflFixture, AFileAtItsSizeLimitKeepsOnlyErrorsThenStopsAtTwiceTheLimit)
         sLog.resize(cbFilled - 2, '#');
         WriteBytes(KeflLogPath(), sLog + "\r\n");
         for (int i = 0; i < 1000; ++i) // information lines, and an error line each
-            pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS), pClient->RestoreFilespace(fs);
+        {
+            pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+            pClient->RestoreFilespace(fs);
+        }
     }
     int iWarnings = 0, iInfoAfter = 0, iErrorsAfter = 0;
     for (const auto& sLine : KeflLog())

@@ -1,5 +1,7 @@
 #include "support/Recorders.h"
 
+#include <algorithm>
+
 namespace kefltest
 {
 
@@ -15,10 +17,8 @@ int32_t RecordMessage(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullCo
 
 bool HasMessage(uint32_t uiSeverity, const std::wstring& sText)
 {
-    for (const CMessage& message : g_vMessages)
-        if (message.uiSeverity == uiSeverity && message.sText == sText)
-            return true;
-    return false;
+    return std::ranges::any_of(g_vMessages, [&](const CMessage& message)
+                               { return message.uiSeverity == uiSeverity && message.sText == sText; });
 }
 
 int32_t RecordProgress(const morvane::ProgMsg* pMsg, uint64_t)

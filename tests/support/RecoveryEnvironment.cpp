@@ -26,16 +26,20 @@ std::wstring LogDir()
     return HostDir() + L"\\Logfiles";
 }
 
-std::wstring HostLogDir()
+// The recovery system reports Windows 5.2 with the MiniNT key.
+static bool OnRecoverySystem()
 {
-    const bool bRecovery = morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;
-    return bRecovery ? L"Z:\\DURN\\Logfiles" : L"X:\\Program Files\\Morvane\\DURN\\Logfiles";
+    return morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;
 }
 
-std::wstring TraceIniPath()
+std::wstring HostLogDir()
 {
-    const bool bRecovery = morvane::CWindowsVersion::Instance().GetCode() == morvane::OSCODE_WINPE_52;
-    return (bRecovery ? std::wstring(kRecoveryConfigDir) : HostDir()) + L"\\trace.ini";
+    return OnRecoverySystem() ? L"Z:\\DURN\\Logfiles" : L"X:\\Program Files\\Morvane\\DURN\\Logfiles";
+}
+
+static std::wstring TraceIniPath()
+{
+    return (OnRecoverySystem() ? std::wstring(L"Z:\\DURN") : HostDir()) + L"\\trace.ini";
 }
 
 void WriteTextFile(const std::wstring& sPath, const std::string& sText)
@@ -157,6 +161,22 @@ CFileIdentity FileIdentity(const std::wstring& sPath)
     if (!hFile || !::GetFileInformationByHandle(hFile.get(), &info))
         return {};
     return {info.nNumberOfLinks, (uint64_t(info.nFileIndexHigh) << 32) | info.nFileIndexLow};
+}
+
+morvane::CUniqueHandle StartTestProcess(const std::wstring& sTest, DWORD dwFlags)
+{
+    wchar_t wszExe[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
+    std::wstring sCommand =
+        L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=" + sTest + L" --gtest_also_run_disabled_tests";
+    STARTUPINFOW si{};
+    si.cb = sizeof(si);
+    PROCESS_INFORMATION pi{};
+    if (!::CreateProcessW(wszExe, sCommand.data(), nullptr, nullptr, FALSE, dwFlags, nullptr, HostDir().c_str(),
+                          &si, &pi))
+        return {};
+    ::CloseHandle(pi.hThread);
+    return morvane::CUniqueHandle(pi.hProcess);
 }
 
 void ResetHostConfiguration()

@@ -3,6 +3,7 @@
 // module. On Wine the prefix made by wine/prepare-env.sh provides the drive letters; on Windows
 // the same letters must be mapped by hand.
 #include "VESK.h"
+#include "platform/UniqueHandle.h"
 #include "support/Recorders.h"
 
 #include <windows.h>
@@ -15,38 +16,30 @@
 namespace kefltest
 {
 
-// Where the host (and this test program) is installed.
+// Where the host (and this test program) is installed, and where the module writes its trace logs when
+// qtx.ini names no other folder.
 std::wstring HostDir();
-// The host's configuration folder on the recovery system.
-inline const wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
-// Where the module writes its trace logs when qtx.ini names no other folder.
 std::wstring LogDir();
 // The host's own log folder (Version.log) when qtx.ini names none: on the recovery system in the
 // configuration drive, else beside the host.
 std::wstring HostLogDir();
-// Where the module reads trace.ini: the configuration folder on the recovery system, else the
-// host's folder.
-std::wstring TraceIniPath();
 
-// Writes trace.ini's section "Main" with the given keys. Each call gives the file a modification
-// time of its own, so that no profile cache can answer with an older copy.
+// Writes trace.ini's section "Main" with the given keys where the module reads it: in the configuration
+// folder on the recovery system, else beside the host.
 void WriteTraceIni(const std::map<std::wstring, std::wstring>& keys);
-// Writes a whole text file (UTF-16 for .ini files is not needed: the texts here are ASCII).
+// A whole text file, with a modification time of its own: no profile cache answers with an older copy.
 void WriteTextFile(const std::wstring& sPath, const std::string& sText);
 // A UTF-16 file as Windows' own tools write one: the byte-order mark FF FE, then UTF-16LE.
 void WriteUtf16File(const std::wstring& sPath, const std::wstring& sText);
 void RemoveFile(const std::wstring& sPath);
-// Removes a folder and everything in it, read-only files too, or a single file (long "\\?\" paths
-// work); with bKeepRoot the folder itself stays, emptied.
+// The helpers below take drive paths of any length, through their "\\?\" form (LongPath).
+// RemoveTree removes a folder and everything in it, read-only files too, or a single file; with
+// bKeepRoot the folder itself stays, emptied. MakeFolders makes every missing folder of a path.
 void RemoveTree(const std::wstring& sPath, bool bKeepRoot = false);
 bool FileExists(const std::wstring& sPath);
-// The "\\?\" form of a drive path, for paths beyond 260 characters; FileExists and RemoveTree
-// take paths of any length through it.
 std::wstring LongPath(const std::wstring& sPath);
-// Makes a folder and every missing folder above it (long paths too).
 void MakeFolders(const std::wstring& sPath);
-// A file's whole content, written or read back through the "\\?\" form (paths of any length);
-// ReadBytes answers "<missing>" for a file it cannot open.
+// A file's whole content; ReadBytes answers "<missing>" for a file it cannot open.
 void WriteBytes(const std::wstring& sPath, const std::string& sBytes);
 std::string ReadBytes(const std::wstring& sPath);
 // cb bytes of a repeatable pseudo-random pattern: two seeds give two different contents.
@@ -68,6 +61,10 @@ struct CMetadata
 };
 std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel = L"");
 void WriteMetadata(const std::wstring& sPath, const CMetadata& metadata);
+
+// Starts this test program again in the host's folder, with CreateProcess's dwFlags, to run the one
+// (disabled) test named; its process, or none when it cannot start.
+morvane::CUniqueHandle StartTestProcess(const std::wstring& sTest, DWORD dwFlags = 0);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
 void ResetHostConfiguration();

@@ -31,12 +31,12 @@ std::optional<CTraceLine> ParseTraceLine(const std::wstring& sLine)
     // Only the prefix goes through the pattern: libstdc++'s matcher recurses once per character,
     // and a line of thousands of characters takes a 1 MiB stack with it (clang's frames first).
     static const std::wregex kPrefix(
-        LR"(^(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\]):([0-9a-fA-F]{4,8})(:\[[EWIV]\]: )?)");
+        LR"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\]:([0-9a-fA-F]{4,8})(:\[[EWIV]\]: )?)");
     const std::wstring sHead = sLine.substr(0, 40); // the longest prefix: 8 digits of thread id and a marker
     std::wsmatch m;
     if (!std::regex_search(sHead, m, kPrefix))
         return std::nullopt;
-    return CTraceLine{m[1], static_cast<uint32_t>(std::stoul(m[2].str(), nullptr, 16)), m[3],
+    return CTraceLine{static_cast<uint32_t>(std::stoul(m[1].str(), nullptr, 16)), m[2],
                       sLine.substr(static_cast<size_t>(m.length(0)))};
 }
 
@@ -55,13 +55,8 @@ std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLine
 
 bool HasText(const std::vector<std::wstring>& vLines, const std::wstring& sText)
 {
-    for (const std::wstring& sLine : vLines)
-    {
-        const auto line = ParseTraceLine(sLine);
-        if (line && line->sText == sText)
-            return true;
-    }
-    return false;
+    return std::ranges::any_of(vLines, [&](const std::wstring& sLine)
+                               { return ParseTraceLine(sLine).value_or(CTraceLine{}).sText == sText; });
 }
 
 CLogHolder::CLogHolder(const wchar_t* pwszFile, bool bDies)

@@ -16,7 +16,6 @@ std::vector<std::wstring> ReadLogLines(const std::wstring& sPath);
 
 struct CTraceLine
 {
-    std::wstring sTimestamp; // "[yyyy-mm-dd hh:mm:ss.mmm]"
     uint32_t uiThreadId = 0;
     std::wstring sMarker; // ":[I]: " etc., empty for a line without marker
     std::wstring sText;   // what follows the marker

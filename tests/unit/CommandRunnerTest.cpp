@@ -104,9 +104,12 @@ TEST_F(CommandRunnerTest, AbortSendsTheChildOneBreakHoweverLongItRuns)
 {
     // The break noted and answered with success, the child not reacting: a command that ignores it
     // and takes its time, while the monitor polls thousands of times with the abort flag set.
-    m_patches.Patch(
-        m_hExe, "KERNEL32.dll", "GenerateConsoleCtrlEvent",
-        +[](DWORD dwEvent, DWORD dwGroup) -> BOOL { return s_vBreaks.emplace_back(dwEvent, dwGroup), TRUE; });
+    m_patches.Patch(m_hExe, "KERNEL32.dll", "GenerateConsoleCtrlEvent",
+                    +[](DWORD dwEvent, DWORD dwGroup) -> BOOL
+                    {
+                        s_vBreaks.emplace_back(dwEvent, dwGroup);
+                        return TRUE;
+                    });
     s_vBreaks.clear();
     m_runner.SetAbort();
     const auto vLines = RunChild(L"--pid --sleep 1500");
@@ -121,11 +124,14 @@ TEST_F(CommandRunnerTest, CommandThatCannotStartTracesWhy)
     m_patches.Patch(
         m_hExe, "KERNEL32.dll", "CreateThread",
         +[](LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE, LPVOID, DWORD, LPDWORD) -> HANDLE
-        { return ::SetLastError(ERROR_NOT_ENOUGH_MEMORY), nullptr; });
+        { return WithLastError(ERROR_NOT_ENOUGH_MEMORY, HANDLE(nullptr)); });
     s_cTerminated = 0;
-    s_pfnTerminate = m_patches.Patch(
-        m_hExe, "KERNEL32.dll", "TerminateProcess",
-        +[](HANDLE hProcess, UINT uiCode) { return ++s_cTerminated, s_pfnTerminate(hProcess, uiCode); });
+    s_pfnTerminate = m_patches.Patch(m_hExe, "KERNEL32.dll", "TerminateProcess",
+                                     +[](HANDLE hProcess, UINT uiCode)
+                                     {
+                                         ++s_cTerminated;
+                                         return s_pfnTerminate(hProcess, uiCode);
+                                     });
     const bool bStarted = m_runner.RunCommand(L"\"" + HostDir() + L"\\kefl_test_child.exe\" --sleep 4000");
     m_patches.Clear(); // before any check: a failing one starts a thread of the test framework
     EXPECT_FALSE(bStarted);

@@ -43,29 +43,15 @@ TEST(LibraryTraceTest, NamesEachFailureWithItsOwnPathErrorAndReason)
     EXPECT_TRUE(findings.bWalkCounted);
     EXPECT_EQ(12u, findings.ullFiles);
     EXPECT_EQ(3u, findings.ullFolders);
-    const struct
-    {
-        FailureKind kind;
-        const wchar_t* pwszPath;
-        DWORD dwError;
-        const wchar_t* pwszReason;
-    } kExpected[] = {
+    const keflhost::CFailure kExpected[] = {
         {FailureKind::File, L"E:\\held.txt", 32, L"Failed to open destination file for writing"},
         {FailureKind::Junction, L"E:\\Docs", 0, L"Link is not on an NTFS filesystem"},
         {FailureKind::Folder, L"E:\\Locked\\Sub", 5, L""},
         {FailureKind::HardLink, L"F:\\b.bin", 2, L""},
-        {FailureKind::Listing, L"R:\\B\\E\\Secret", 5, L"FindFirstFile failed"},
-    };
+        {FailureKind::Listing, L"R:\\B\\E\\Secret", 5, L"FindFirstFile failed"}};
     ASSERT_EQ(std::size(kExpected), findings.vFailures.size());
     for (size_t i = 0; i < std::size(kExpected); ++i)
-    {
-        const keflhost::CFailure& failure = findings.vFailures[i];
-        SCOPED_TRACE(testing::PrintToString(failure.sPath));
-        EXPECT_EQ(keflhost::KindName(kExpected[i].kind), keflhost::KindName(failure.kind));
-        EXPECT_EQ(kExpected[i].pwszPath, failure.sPath);
-        EXPECT_EQ(kExpected[i].dwError, failure.dwError);
-        EXPECT_EQ(kExpected[i].pwszReason, failure.sReason);
-    }
+        EXPECT_EQ(keflhost::DescribeFailure(kExpected[i]), keflhost::DescribeFailure(findings.vFailures[i]));
 }
 
 TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSeparateEntries)

@@ -76,7 +76,10 @@ TEST_F(LocationTranslationTest, WebDavIsToldFromWindowsSharesByProvider)
         {
             auto* pResource = static_cast<NETRESOURCEW*>(pBuffer);
             if (*pcb < sizeof(NETRESOURCEW) + 128)
-                return *pcb = sizeof(NETRESOURCEW) + 128, ERROR_MORE_DATA;
+            {
+                *pcb = sizeof(NETRESOURCEW) + 128;
+                return DWORD(ERROR_MORE_DATA);
+            }
             pResource->lpProvider = wcscpy(reinterpret_cast<wchar_t*>(pResource + 1), s_sProvider.c_str());
             return NO_ERROR;
         });

@@ -51,22 +51,15 @@ TEST(ProgressDisplayTest, DrawsInPlaceOnAConsoleAndEveryTenSecondsIntoALog)
                                  L"Counting objects to be restored ..."));
         }
         display.Finish();
-        const std::vector<std::wstring> expected_log = {
+        const std::vector<std::wstring> vLog = {
             L"Restoring E:\\", L"  Counting objects to be restored ...",
             L"  [#####...............]  25%  9.5 MiB of 38.1 MiB  976.6 KiB/s  0:10 elapsed  0:30 left",
             L"  [##########..........]  50%  19.1 MiB of 38.1 MiB  976.6 KiB/s  0:20 elapsed  0:20 left",
             L"  [###############.....]  75%  28.6 MiB of 38.1 MiB  976.6 KiB/s  0:30 elapsed  0:10 left"};
-        if (!bConsole)
-        {
-            EXPECT_EQ(expected_log, sink.vLines);
-            EXPECT_TRUE(sink.vStatus.empty());
-            continue;
-        }
-        EXPECT_EQ(std::vector<std::wstring>(expected_log.begin(), expected_log.begin() + 2),
-                  std::vector<std::wstring>(sink.vLines.begin(), sink.vLines.end() - 1));
-        EXPECT_EQ(expected_log.back(), sink.vLines.back());
-        ASSERT_EQ(100u, sink.vStatus.size()) << "at least 250 ms apart, over 30 s of reports 100 ms apart";
-        EXPECT_EQ(expected_log.back(), sink.vStatus.back());
+        EXPECT_EQ((bConsole ? std::vector{vLog[0], vLog[1], vLog[4]} : vLog), sink.vLines);
+        // Redrawn at least 250 ms apart, over 30 s of reports 100 ms apart.
+        ASSERT_EQ(bConsole ? 100u : 0u, sink.vStatus.size());
+        EXPECT_TRUE(!bConsole || vLog.back() == sink.vStatus.back()) << "the last state drawn";
     }
 }
 
@@ -98,7 +91,10 @@ TEST(ProgressDisplayTest, NeverShowsMoreDoneThanThereIsAndNamesTheLinksThatFaile
         msg.uiState = morvane::PROG_STATE_STARTING;
         display.Show(msg);
         for (msg.uiState = morvane::PROG_STATE_STEP; msg.ullDone < pass.ullTotal;)
-            ++msg.ullDone, display.Show(msg);
+        {
+            ++msg.ullDone;
+            display.Show(msg);
+        }
         msg.uiState = pass.uiEnd;
         display.Show(msg);
     }

@@ -65,26 +65,15 @@ TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
     auto pBlocked = NewTrace(L"UNIT2_trace.log");
     MakeFolders(std::wstring(kWorkDir) + L"\\UNIT2_trace.log"); // a folder where the log should be
     ASSERT_TRUE(pBlocked->SetLogDirectory(kWorkDir));
-    // The case, its trace, whether another writer holds the log, whether the line is written.
-    const std::tuple<const wchar_t*, CTrace*, bool, bool> aRows[] = {
-        {L"an ordinary line", pTrace.get(), false, true},
-        {L"another writer holds the log", pTrace.get(), true, false},
-        {L"the log file cannot be opened", pBlocked.get(), false, false}};
-    for (const auto& [pwszCase, pRowTrace, bHeld, bWritten] : aRows)
+    // The case, its trace, whether the line is written.
+    const std::tuple<const wchar_t*, CTrace*, bool> aRows[] = {
+        {L"an ordinary line", pTrace.get(), true}, {L"the log file cannot be opened", pBlocked.get(), false}};
+    for (const auto& [pwszCase, pRowTrace, bWritten] : aRows)
     {
         SCOPED_TRACE(testing::Message() << pwszCase);
-        // Longer than a writer waits; on this thread only: the test framework's own threads wait too.
-        static DWORD s_dwWriter = ::GetCurrentThreadId();
-        static decltype(&::WaitForSingleObject) s_pfnWait = nullptr;
-        if (bHeld)
-            s_pfnWait = m_patches.Patch(
-                m_hExe, "KERNEL32.dll", "WaitForSingleObject",
-                +[](HANDLE h, DWORD dwMs) -> DWORD
-                { return ::GetCurrentThreadId() == s_dwWriter ? WAIT_TIMEOUT : s_pfnWait(h, dwMs); });
         ::SetLastError(0xBEEF);
         pRowTrace->TraceMessage(TRACE_ERROR, L"F", pwszCase);
         EXPECT_EQ(0xBEEFu, ::GetLastError());
-        m_patches.Clear();
         EXPECT_EQ(bWritten,
                   HasText(ReadLogLines(pRowTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
     }
