@@ -16,8 +16,8 @@ int main(int argc, char** argv)
         std::ifstream script(szScript, std::ios::binary);
         const std::string sOut((std::istreambuf_iterator<char>(script)), std::istreambuf_iterator<char>());
         DWORD cbWritten = 0;
-        ::WriteFile(::GetStdHandle(STD_OUTPUT_HANDLE), sOut.data(), static_cast<DWORD>(sOut.size()), &cbWritten,
-                    nullptr);
+        ::WriteFile(::GetStdHandle(STD_OUTPUT_HANDLE), sOut.data(), static_cast<DWORD>(sOut.size()),
+                    &cbWritten, nullptr);
         char szExit[32] = "0";
         ::GetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", szExit, sizeof(szExit));
         return static_cast<int>(std::stoul(szExit, nullptr, 0));

@@ -21,14 +21,18 @@ const std::wstring kSourceE = L"R:\\Backup\\E";
 
 // Windows' CreateFileW: a backup file that another process holds open (error 32, counted), one
 // whose access list refuses this account (error 5), and CREATE_ALWAYS on a read-only, hidden or
-// system file refused (Wine, run as root, replaces it).
+// system file refused (Wine, run as root, replaces it). The opens of drive E's backup copies are
+// counted.
 decltype(&::CreateFileW) g_pfnRealCreateFile = nullptr;
 int g_iLockedOpens = 0;
+int g_iBackupOpens = 0;
 HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES pSa,
                                   DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate)
 {
     const std::wstring sPath = pwszPath;
     const DWORD dwAttributes = ::GetFileAttributesW(pwszPath);
+    if (sPath.find(L"\\Backup\\E\\") != std::wstring::npos)
+        ++g_iBackupOpens;
     if (sPath.ends_with(L"\\E\\locked.bin"))
     {
         ++g_iLockedOpens;
@@ -131,11 +135,13 @@ protected:
         for (const wchar_t* pwszBehindLink : {L"\\Junction\\in.txt", L"\\DirLink\\in.txt", L"\\FileLink.txt"})
             WriteBytes(kSourceE + pwszBehindLink, "behind a link");
     }
-    // Drive E: restored with that many files in flight (1: one at a time on the calling thread).
-    bool RestoreE(const wchar_t* pwszThreads)
+    // Drive E: restored with that many files in flight (1: one at a time on the calling thread), and
+    // KEFL_SkipUnchanged as given.
+    bool RestoreE(const wchar_t* pwszThreads, const wchar_t* pwszSkipUnchanged = L"0")
     {
         auto traceIni = Verbose();
         traceIni[L"KEFL_RestoreThreads"] = pwszThreads;
+        traceIni[L"KEFL_SkipUnchanged"] = pwszSkipUnchanged;
         WriteTraceIni(traceIni);
         morvane::Filespace fs{};
         fs.sFsPath = L"E:\\";
@@ -288,8 +294,8 @@ BOOL WINAPI CloseHandleAsAFullDisk(HANDLE h)
 {
     wchar_t wszPath[MAX_PATH] = {};
     ::GetFinalPathNameByHandleW(h, wszPath, MAX_PATH, 0);
-    const bool bRestoredCopy =
-        std::wcsstr(wszPath, L"unclosed.bin") != nullptr && std::wcsstr(wszPath, L"\\E\\unclosed.bin") == nullptr;
+    const bool bRestoredCopy = std::wcsstr(wszPath, L"unclosed.bin") != nullptr &&
+                               std::wcsstr(wszPath, L"\\E\\unclosed.bin") == nullptr;
     const BOOL bClosed = g_pfnRealClose(h);
     return bClosed && bRestoredCopy ? WithLastError(ERROR_DISK_FULL, FALSE) : bClosed;
 }
@@ -302,7 +308,8 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
                                     L"unwritable.bin", L"short.bin", L"z\\after.txt", L"denied.bin",
                                     L"unclosed.bin"})
         WriteBytes(kSourceE + L"\\" + pwszName, Pattern(200000, ++uiSeed));
-    g_pfnRealClose = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CloseHandle", &CloseHandleAsAFullDisk);
+    g_pfnRealClose =
+        m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "CloseHandle", &CloseHandleAsAFullDisk);
     MakeFolders(L"E:\\blocked.txt");
     // A token that holds neither backup nor restore privilege: the restore goes on without them.
     m_patches.Patch(m_pLibrary->Module(), "ADVAPI32.dll", "AdjustTokenPrivileges",
@@ -416,7 +423,8 @@ TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWri
     BackupStreamFaults().bHalfOfOneLargeWrite = true;
     ASSERT_TRUE(RestoreE(L"8")) << testing::PrintToString(ErrorText());
     for (const CPair& pair : kPairs)
-        for (const auto& [sName, sBytes] : {std::pair(pair.sName1, &pair.sBytes1), {pair.sName2, &pair.sBytes2}})
+        for (const auto& [sName, sBytes] :
+             {std::pair(pair.sName1, &pair.sBytes1), {pair.sName2, &pair.sBytes2}})
         {
             EXPECT_TRUE(ReadBytes(L"E:" + sName) == *sBytes) << testing::PrintToString(sName);
             EXPECT_EQ(1u, FileIdentity(L"E:" + sName).dwLinks) << testing::PrintToString(sName);
@@ -432,7 +440,7 @@ TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUn
     WriteBytes(kSourceE + L"\\link.txt", "the link's copy");
     WriteBytes(kSourceE + L"\\target.txt", "the target's copy");
     WriteBytes(L"E:\\target.txt", "stale");
-    WriteTextFile(std::wstring(kBackup) + L"\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
+    WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
     ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
     m_pClient->SetProgMsgCallbackFn(
         +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
@@ -448,6 +456,62 @@ TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUn
     EXPECT_TRUE(m_pClient->RestoreLinks());
     EXPECT_EQ(sLinkBefore, ReadBytes(L"E:\\link.txt"));
     EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CreateHardLinkW : ... ending(Target was not restored)"));
+}
+
+// A restore run again after an interruption, with KEFL_SkipUnchanged=1: what an earlier run
+// restored whole is kept, and only what differs from the backup is read from it again.
+TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers)
+{
+    enum class Change
+    {
+        None,      // kept
+        Deleted,   // copied again
+        Cut,       // shorter, with the time of the interruption: copied again
+        Rewritten, // the same size, a later time: copied again
+    };
+    const struct
+    {
+        const wchar_t* pwszName;
+        Change change;
+    } kFiles[] = {{L"kept.bin", Change::None},           {L"Sub\\kept.bin", Change::None},
+                  {L"deleted.bin", Change::Deleted},     {L"Sub\\cut.bin", Change::Cut},
+                  {L"rewritten.bin", Change::Rewritten}, {L"empty.bin", Change::None}};
+    MakeFolders(kSourceE + L"\\Sub");
+    uint32_t uiSeed = 0;
+    for (const auto& file : kFiles)
+    {
+        const size_t cb = std::wcsstr(file.pwszName, L"empty") ? 0 : 100000;
+        WriteBytes(kSourceE + L"\\" + file.pwszName, Pattern(cb, ++uiSeed));
+    }
+    const auto Restore = [&](const wchar_t* pwszSkip)
+    {
+        g_iBackupOpens = 0;
+        g_vProgress.clear();
+        EXPECT_TRUE(RestoreE(L"8", pwszSkip)) << testing::PrintToString(ErrorText());
+        EXPECT_EQ(g_vProgress.back().ullTotal, g_vProgress.back().ullBytesDone) << "at its total";
+        return g_iBackupOpens;
+    };
+    EXPECT_EQ(6, Restore(L"1")) << "a first restore finds nothing to keep";
+    for (const auto& file : kFiles)
+    {
+        const std::wstring sRestored = std::wstring(L"E:\\") + file.pwszName;
+        if (file.change == Change::Deleted)
+            RemoveFile(sRestored);
+        if (file.change == Change::Cut)
+            WriteBytes(sRestored, ReadBytes(sRestored).substr(0, 5000));
+        if (file.change == Change::Rewritten)
+            WriteBytes(sRestored, Pattern(100000, 99));
+    }
+    EXPECT_EQ(3, Restore(L"1")) << "the deleted, the cut and the rewritten file";
+    const auto backup = ReadMetadata(kSourceE);
+    const auto restored = ReadMetadata(L"E:");
+    for (const auto& file : kFiles)
+    {
+        const std::wstring sRel = std::wstring(L"\\") + file.pwszName;
+        EXPECT_TRUE(ReadBytes(L"E:" + sRel) == ReadBytes(kSourceE + sRel)) << testing::PrintToString(sRel);
+        EXPECT_EQ(backup.at(sRel).times[2], restored.at(sRel).times[2]) << testing::PrintToString(sRel);
+    }
+    EXPECT_EQ(6, Restore(L"0")) << "without the setting, every file is copied";
 }
 
 // The restore on a thread of the host with a 64 KiB stack. Wine gives every thread at least 1 MiB,
@@ -474,6 +538,26 @@ DWORD WINAPI RestoreOnSmallStack(void* pContext)
         ++ullLowest;
     restore.cbStackUsed = ullStart - ullLowest;
     return 0;
+}
+
+// Drive E: restored on a thread of its own with a 64 KiB stack.
+CSmallStackRestore RestoreEOnASmallStack(morvane::VESK* pClient)
+{
+    CSmallStackRestore restore{pClient, {}};
+    restore.fs.wcFsDriveLetter = L'E';
+    const morvane::CUniqueHandle hThread(::CreateThread(nullptr, 65536, &RestoreOnSmallStack, &restore,
+                                                        STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+    EXPECT_TRUE(hThread);
+    ::WaitForSingleObject(hThread.get(), INFINITE);
+    return restore;
+}
+
+TEST_F(FilespaceRestoreTest, RestoresOnAHostThreadWithA64KiBStack)
+{
+    WriteSourceE();
+    const CSmallStackRestore restore = RestoreEOnASmallStack(m_pClient.get());
+    EXPECT_TRUE(restore.bResult) << testing::PrintToString(ErrorText());
+    EXPECT_LT(restore.cbStackUsed, 48u * 1024) << "bytes of stack; 64 KiB hold the thread";
 }
 
 // A chain of one-letter folders "d" under sRoot with a file "d" at its bottom, grown and taken
@@ -520,12 +604,7 @@ TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
         break;
     }
 
-    CSmallStackRestore restore{m_pClient.get(), {}};
-    restore.fs.wcFsDriveLetter = L'E';
-    morvane::CUniqueHandle hThread(::CreateThread(nullptr, 65536, &RestoreOnSmallStack, &restore,
-                                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
-    ASSERT_TRUE(hThread);
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hThread.get(), INFINITE));
+    const CSmallStackRestore restore = RestoreEOnASmallStack(m_pClient.get());
     EXPECT_TRUE(restore.bResult) << testing::PrintToString(ErrorText());
     EXPECT_EQ("the deepest file", ReadBytes(L"E:" + sRel)) << sRel.size() / 2 << " levels";
     EXPECT_LT(restore.cbStackUsed, 48u * 1024) << "bytes of stack; 64 KiB hold the thread";

@@ -21,7 +21,8 @@ namespace
 
 // Runs keflhost.exe from the host folder: its exit code, and its output (standard output and error).
 // While it runs, whileRunning is called on a thread of its own.
-std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments, const std::function<void()>& whileRunning = {})
+std::pair<DWORD, std::string> RunHost(const std::wstring& sArguments,
+                                      const std::function<void()>& whileRunning = {})
 {
     SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
     morvane::CUniqueHandle hRead, hWrite;
@@ -70,7 +71,8 @@ morvane::CUniqueHandle FindRestoreProcess()
     const morvane::CUniqueHandle hSnapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof(entry);
-    for (BOOL b = ::Process32FirstW(hSnapshot.get(), &entry); b; b = ::Process32NextW(hSnapshot.get(), &entry))
+    for (BOOL b = ::Process32FirstW(hSnapshot.get(), &entry); b;
+         b = ::Process32NextW(hSnapshot.get(), &entry))
         if (_wcsicmp(entry.szExeFile, L"keflrestore.exe") == 0)
             return morvane::CUniqueHandle(::OpenProcess(PROCESS_TERMINATE, FALSE, entry.th32ProcessID));
     return {};
@@ -115,12 +117,12 @@ TEST_F(HostProgramTest, AnswersEachArgumentErrorWithItsExitCode)
     } cases[] = {
         {L"--help", 0, "Exit status: 0 everything restored"},
         {L"--unknown", 1, "usage: keflhost"},
-        {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},          // a point in time needs a location
+        {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},           // a point in time needs a location
         {L"--answer-file a.ini --location R:\\Host", 1, "usage:"}, // one source only
         {L"--verify", 1, "usage:"},                                // verifying needs credentials
         {L"--location R:\\Host --pit \"31/04/2016 00:00:00\"", 1, "is not a valid point in time"},
         {L"--location R:\\NoSuchBackup", 1, "says:\n    KEFLImpl::Init: PathIsDirectory failed"},
-        {L"--location R:\\Host\\Empty", 1, "keflhost: the backup holds no filespaces"}, // its data folder only
+        {L"--location R:\\Host\\Empty", 1, "keflhost: the backup holds no filespaces"}, // no drive folder
     };
     MakeFolders(L"R:\\Host\\Empty\\#");
     WriteTextFile(L"R:\\Host\\Empty\\#\\HPoint.dat", "");
@@ -142,8 +144,9 @@ TEST_F(HostProgramTest, RestoresVerifiesAndNamesEveryFailureWithItsError)
     MakeHostBackup(sBackup);
     MakeFolders(sBackup + L"\\F\\Data");
     MakeFolders(sBackup + L"\\F\\Blocked\\inner");
-    for (const wchar_t* pwszFile : {L"Data\\big.bin", L"Data\\copy.bin", L"Data\\locked.bin", L"Data\\new.bin",
-                                    L"Blocked\\inner\\x.txt", L"Data\\orphan.bin", L"pagefile.sys"})
+    for (const wchar_t* pwszFile :
+         {L"Data\\big.bin", L"Data\\copy.bin", L"Data\\locked.bin", L"Data\\new.bin",
+          L"Blocked\\inner\\x.txt", L"Data\\orphan.bin", L"pagefile.sys"})
         WriteBytes(sBackup + L"\\F\\" + pwszFile, Pattern(200000, 12));
     WriteBytes(sBackup + L"\\F\\Data\\old.bin", Pattern(200000, 13));
     for (int i = 1; i <= 20; ++i) // more failures than the screen shows, once the folder cannot be made
@@ -167,9 +170,9 @@ TEST_F(HostProgramTest, RestoresVerifiesAndNamesEveryFailureWithItsError)
     // Again over the same tree, with what goes wrong in a recovery: a restored file that something
     // holds open, a file where a folder must go, a hard link to a file the backup lacks, and copies
     // of one hard link that differ.
-    WriteTextFile(sBackup + L"\\#\\HPoint.dat", sFirstGroup +
-                                                    "[2]\r\nH1=F:\\Data\\missing.bin\r\nH2=F:\\Data\\orphan.bin\r\n"
-                                                    "[3]\r\nH1=F:\\Data\\new.bin\r\nH2=F:\\Data\\old.bin\r\n");
+    WriteTextFile(sBackup + L"\\#\\HPoint.dat",
+                  sFirstGroup + "[2]\r\nH1=F:\\Data\\missing.bin\r\nH2=F:\\Data\\orphan.bin\r\n"
+                                "[3]\r\nH1=F:\\Data\\new.bin\r\nH2=F:\\Data\\old.bin\r\n");
     RemoveTree(L"F:\\Blocked");
     WriteBytes(L"F:\\Blocked", "a file, not a folder");
     morvane::CUniqueFile hLocked(
@@ -228,9 +231,10 @@ TEST_F(HostProgramTest, SaysThatFailuresPastTheTraceSizeLimitMayBeMissing)
     const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Host\\Capped --report R:\\Host\\Capped.json");
     EXPECT_EQ(2u, dwExitCode) << sOutput;
     EXPECT_NE(std::string::npos, sOutput.find("    folder F:\\Blocked\\inner: error 3: ")) << sOutput;
-    EXPECT_NE(std::string::npos, sOutput.find("  the library's trace says \"Trace file reached its size limit "
-                                              "of 1 MiB: information and verbose lines are no longer "
-                                              "written\": failures past that may be missing"));
+    EXPECT_NE(std::string::npos,
+              sOutput.find("  the library's trace says \"Trace file reached its size limit "
+                           "of 1 MiB: information and verbose lines are no longer "
+                           "written\": failures past that may be missing"));
     const nlohmann::json report = ReadReport(L"R:\\Host\\Capped.json");
     EXPECT_NE(std::string::npos,
               report["filespaces"][0].value("failuresMayBeMissing", "").find("size limit of 1 MiB"));
@@ -275,11 +279,12 @@ TEST(HostVerifyTest, LeavesJunctionsAndSymbolicLinksToTheLinkPass)
     // In the backup, what Wine shows of the links; restored, the link pass has not made them yet.
     MakeFolders(L"R:\\HostVerify\\E\\Junction");
     MakeFolders(L"R:\\HostVerify\\Restored");
-    for (const wchar_t* pwszFile : {L"E\\a.txt", L"E\\Junction\\in.txt", L"E\\FileLink.txt",
-                                    L"E\\Deduplicated.bin", L"Restored\\a.txt", L"Restored\\Deduplicated.bin"})
+    for (const wchar_t* pwszFile :
+         {L"E\\a.txt", L"E\\Junction\\in.txt", L"E\\FileLink.txt", L"E\\Deduplicated.bin", L"Restored\\a.txt",
+          L"Restored\\Deduplicated.bin"})
         WriteBytes(L"R:\\HostVerify\\" + std::wstring(pwszFile), "x");
-    const keflhost::CVerification verification =
-        keflhost::VerifyFilespace(L"R:\\HostVerify\\E", L"R:\\HostVerify\\Restored", [](uint64_t, uint64_t) {});
+    const keflhost::CVerification verification = keflhost::VerifyFilespace(
+        L"R:\\HostVerify\\E", L"R:\\HostVerify\\Restored", [](uint64_t, uint64_t) {});
     RemoveTree(L"R:\\HostVerify");
     EXPECT_EQ(2u, verification.ullFiles) << "a.txt, and Deduplicated.bin: a reparse point that holds data";
     EXPECT_EQ(0u, verification.ullFolders);
@@ -301,7 +306,8 @@ TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
         if (bDifferences)
             record.vFilespaces.back().verification.vDifferences.push_back({L"E:\\a", L"missing"});
         record.bLinksFailed = bLinksFailed;
-        EXPECT_EQ(iStatus, keflhost::StoppedStatus(record)) << bBegan << bRestored << bDifferences << bLinksFailed;
+        EXPECT_EQ(iStatus, keflhost::StoppedStatus(record))
+            << bBegan << bRestored << bDifferences << bLinksFailed;
     }
 }
 
@@ -313,10 +319,13 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         "\n";
     const std::string kFs = R"({"name":"F","path":"F:\\","mountDir":"","flags":3,"drive":"F","time":null})";
     const std::string kBegun =
-        kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" + R"({"event":"begin","filespace":)" + kFs +
-        R"(,"trace":null})" "\n"
+        kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" + R"({"event":"begin","filespace":)" +
+        kFs +
+        R"(,"trace":null})"
+        "\n"
         R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
-        R"("bytesDone":2048,"total":4096,"done":3})" "\n";
+        R"("bytesDone":2048,"total":4096,"done":3})"
+        "\n";
     const struct
     {
         std::string sStream;
@@ -347,7 +356,8 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
         EXPECT_FALSE(ReadReport(L"R:\\Host\\Cut.json").value("cutShort", "").empty()) << pszSaid;
     }
-    for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT"})
+    for (const wchar_t* pwszName :
+         {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT"})
         ::SetEnvironmentVariableW(pwszName, nullptr);
 }
 

@@ -207,11 +207,13 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
         g_vProgress.clear();
         Restore(L"", L"", sHPoint);
         const auto vLines = KeflLog();
-        const std::vector<std::wstring> vNew(vLines.begin() + static_cast<ptrdiff_t>(cLinesBefore), vLines.end());
+        const std::vector<std::wstring> vNew(vLines.begin() + static_cast<ptrdiff_t>(cLinesBefore),
+                                             vLines.end());
         const auto vErrors = TextsWithMarker(vNew, L":[E]: ");
         const auto Failed = [&](const wchar_t* pwszLink)
         {
-            return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" + std::wstring(pwszLink) + L"\"");
+            return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" +
+                                                   std::wstring(pwszLink) + L"\"");
         };
         EXPECT_EQ(0, Failed(L"E:\\copy.txt"));
         EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
@@ -220,7 +222,8 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
             EXPECT_EQ(1, Failed(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
             EXPECT_EQ("its own copy", ReadBytes(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
         }
-        EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : ... ending(Existing file could not be moved aside)"));
+        EXPECT_TRUE(
+            HasText(vNew, L"KEFLImpl::CreateHardLinkW : ... ending(Existing file could not be moved aside)"));
         EXPECT_TRUE(HasText(vNew, L"KEFLImpl::CreateHardLinkW : dwLastError = 32"));
         EXPECT_EQ(5u, ReadMetadata(L"E:").size()) << "no copy moved aside is left in the folder";
         EXPECT_EQ((PassStates{{1, 7, 4}, {1, 4}, {1, 2, 2, 2, 2, 3}}), States());

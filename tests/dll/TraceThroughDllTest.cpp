@@ -149,8 +149,18 @@ TEST_F(KeflFixture, ThreadsAndProcessesWritingAtOnceLoseOrSplitNoLine)
 {
     morvane::CUniqueHandle hReady(::CreateEventW(nullptr, TRUE, FALSE, kChildReadyEvent));
     morvane::CUniqueHandle hGo(::CreateEventW(nullptr, TRUE, FALSE, kChildGoEvent));
-    const morvane::CUniqueHandle hProcess = StartTestProcess(L"KeflFixture.DISABLED_ChildProcessWriter");
-    ASSERT_TRUE(hProcess) << "error " << ::GetLastError();
+    wchar_t wszExe[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
+    std::wstring sCommand =
+        L"\"" + std::wstring(wszExe) +
+        L"\" --gtest_filter=KeflFixture.DISABLED_ChildProcessWriter --gtest_also_run_disabled_tests";
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    PROCESS_INFORMATION pi = {};
+    ASSERT_TRUE(
+        ::CreateProcessW(nullptr, sCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+        << "error " << ::GetLastError();
+    const morvane::CUniqueHandle hProcess(pi.hProcess), hThread(pi.hThread);
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hReady.get(), 60000)) << "the child did not start";
 
     // Loaded after the child, so that this load's fresh log is the one all write; verbose here only.

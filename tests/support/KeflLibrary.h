@@ -32,7 +32,8 @@ public:
 private:
     template <class Fn> Fn Export(const char* pszName) const
     {
-        const auto pfn = reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(m_hModule.get(), pszName)));
+        const auto pfn =
+            reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(m_hModule.get(), pszName)));
         EXPECT_NE(nullptr, pfn) << "KEFL.dll exports no " << pszName;
         return pfn;
     }

@@ -163,22 +163,6 @@ CFileIdentity FileIdentity(const std::wstring& sPath)
     return {info.nNumberOfLinks, (uint64_t(info.nFileIndexHigh) << 32) | info.nFileIndexLow};
 }
 
-morvane::CUniqueHandle StartTestProcess(const std::wstring& sTest, DWORD dwFlags)
-{
-    wchar_t wszExe[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
-    std::wstring sCommand =
-        L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=" + sTest + L" --gtest_also_run_disabled_tests";
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi{};
-    if (!::CreateProcessW(wszExe, sCommand.data(), nullptr, nullptr, FALSE, dwFlags, nullptr, HostDir().c_str(),
-                          &si, &pi))
-        return {};
-    ::CloseHandle(pi.hThread);
-    return morvane::CUniqueHandle(pi.hProcess);
-}
-
 void ResetHostConfiguration()
 {
     RemoveFile(TraceIniPath());

@@ -3,7 +3,6 @@
 // module. On Wine the prefix made by wine/prepare-env.sh provides the drive letters; on Windows
 // the same letters must be mapped by hand.
 #include "VESK.h"
-#include "platform/UniqueHandle.h"
 #include "support/Recorders.h"
 
 #include <windows.h>
@@ -61,10 +60,6 @@ struct CMetadata
 };
 std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot, const std::wstring& sRel = L"");
 void WriteMetadata(const std::wstring& sPath, const CMetadata& metadata);
-
-// Starts this test program again in the host's folder, with CreateProcess's dwFlags, to run the one
-// (disabled) test named; its process, or none when it cannot start.
-morvane::CUniqueHandle StartTestProcess(const std::wstring& sTest, DWORD dwFlags = 0);
 
 // Removes trace.ini and qtx.ini, so that every test starts from the module's defaults.
 void ResetHostConfiguration();

@@ -78,7 +78,8 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
          "E KEFLImpl::RestoreFilespace : Failed to set attributes\n"
          "E KEFLImpl::RestoreFilespace : sDst = \"E:\\e\"\n"
          "E KEFLImpl::RestoreFilespace : Failed to create folder\n",
-         {{FailureKind::File, L"E:\\b.txt", 0, L"Memory allocation error"}, {FailureKind::Folder, L"E:\\e", 0, L""}},
+         {{FailureKind::File, L"E:\\b.txt", 0, L"Memory allocation error"},
+          {FailureKind::Folder, L"E:\\e", 0, L""}},
          L""},
         {"a failed file passes nothing to the next",
          "E KEFLImpl::CopyFileWithProgress : dwLastError = 32\n"
@@ -125,6 +126,7 @@ TEST(LibraryTraceTest, GivesEachFailureOnlyItsOwnLinesWhereNoInformationLinesSep
         EXPECT_EQ(pwszSizeLimit, findings.sSizeLimit);
         ASSERT_EQ(vExpected.size(), findings.vFailures.size());
         for (size_t i = 0; i < vExpected.size(); ++i)
-            EXPECT_EQ(keflhost::DescribeFailure(vExpected[i]), keflhost::DescribeFailure(findings.vFailures[i]));
+            EXPECT_EQ(keflhost::DescribeFailure(vExpected[i]),
+                      keflhost::DescribeFailure(findings.vFailures[i]));
     }
 }

@@ -8,9 +8,10 @@
 
 TEST(RestoreEventsTest, EventsCutAnywhereByThePipeArriveWhole)
 {
-    const std::string sStream = keflhost::EventLine({{"event", "hello"}, {"protocol", keflhost::kProtocolVersion}}) +
-                                keflhost::EventLine({{"event", "line"}, {"text", keflhost::Text(L"F:\\Gr\u00FC\u00DFe")}}) +
-                                keflhost::EventLine({{"event", "end"}});
+    const std::string sStream =
+        keflhost::EventLine({{"event", "hello"}, {"protocol", keflhost::kProtocolVersion}}) +
+        keflhost::EventLine({{"event", "line"}, {"text", keflhost::Text(L"F:\\Gr\u00FC\u00DFe")}}) +
+        keflhost::EventLine({{"event", "end"}});
     keflhost::CEventReader reader;
     std::vector<keflhost::CEvent> vEvents;
     std::vector<keflhost::CEvent> vAll;
@@ -34,7 +35,8 @@ TEST(RestoreEventsTest, TheRequestReachesTheRestoreProcessAsItWasAsked)
     request.vSelected = {L"C", L"C:\\Mount \"Data\""};
     request.bListOnly = true;
     int argc = 0;
-    wchar_t** argv = ::CommandLineToArgvW((L"keflrestore.exe" + keflhost::SessionArguments(request)).c_str(), &argc);
+    wchar_t** argv =
+        ::CommandLineToArgvW((L"keflrestore.exe" + keflhost::SessionArguments(request)).c_str(), &argc);
     keflhost::CSessionRequest parsed;
     EXPECT_TRUE(keflhost::ParseSessionArguments(argc, argv, parsed));
     ::LocalFree(argv);
