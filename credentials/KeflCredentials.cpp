@@ -26,6 +26,7 @@ bool BeginAnswerFileOperation(const wchar_t* pwszFunction, const std::wstring& s
 // as a failed answer.
 template <class Work> bool AtEdge(const wchar_t* pwszFunction, Work work) noexcept
 {
+    const CTracesFlushedOnReturn flushed;
     return CatchAtEdge(work,
                        [pwszFunction](const CEdgeFailure& failure)
                        {

@@ -10,6 +10,7 @@ namespace
 
 template <class Make> auto MadeOrNull(const wchar_t* pwszFunction, Make make) noexcept
 {
+    const morvane::CTracesFlushedOnReturn flushed;
     return morvane::CatchAtEdge(make,
                                 [pwszFunction](const morvane::CEdgeFailure& failure) -> decltype(make())
                                 {

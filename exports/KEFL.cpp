@@ -32,6 +32,7 @@ const CapabilityRow kCapabilities[] = {
 template <typename Work> auto AtEdge(KEFLImpl* pImpl, const wchar_t* pwszFunction, Work work) noexcept
 {
     using Answer = decltype(work());
+    const CTracesFlushedOnReturn flushed;
     return CatchAtEdge(work,
                        [pImpl, pwszFunction](const CEdgeFailure& failure) -> Answer
                        {
@@ -61,11 +62,18 @@ template <typename Call> bool Forward(KEFLImpl* pImpl, const wchar_t* pwszFuncti
 
 } // namespace
 
-KEFL::KEFL() : m_pImpl(new KEFLImpl()) {}
+KEFL::KEFL() : m_pImpl(new KEFLImpl())
+{
+    // The client's lines wait for the trace's writers until it ends or its session does.
+    StartTraceQueues();
+}
 
 KEFL::~KEFL()
 {
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, L"KEFL::~KEFL", L"Destructor");
+    m_pImpl.reset();
+    // The host unloads the library next: nothing may wait unwritten, nor a writer hold it loaded.
+    StopTraceQueues();
 }
 
 void KEFL::GetLastErrorMsg(std::wstring& sErrorMsg)
@@ -146,12 +154,16 @@ uint32_t KEFL::GetModuleProperty(uint32_t uiPropertyId, std::wstring& sValue)
 
 bool KEFL::Init(VeskCredentials* pCredentials)
 {
+    StartTraceQueues(); // again, after a Fini
     return Forward(m_pImpl.get(), L"KEFL::Init", [&] { return m_pImpl->Init(pCredentials); });
 }
 
 bool KEFL::Fini()
 {
-    return Forward(m_pImpl.get(), L"KEFL::Fini", [&] { return m_pImpl->Fini(); });
+    const bool bRc = Forward(m_pImpl.get(), L"KEFL::Fini", [&] { return m_pImpl->Fini(); });
+    // The session is over: the trace's writers end with it, and the host may unload the library.
+    StopTraceQueues();
+    return bRc;
 }
 
 bool KEFL::GetFilespaceList(std::vector<Filespace>& vFilespaces)

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
+#include <optional>
 #include <vector>
 
 namespace morvane
@@ -35,6 +36,19 @@ constexpr uint64_t kMiB = 1024ull * 1024;
 constexpr uint64_t kMaxDefaultLimitMiB = 256;
 constexpr uint32_t kLinesPerMeasure = 100;
 constexpr uint32_t kAllLevels = ~0u;
+
+// The writer writes the queue every quarter of a second, at once when it passes kWakeBytes (a restore
+// makes about that much in a tenth of a second); past kMaxQueuedBytes the thread that adds a line
+// writes the queue itself, so that a writer that cannot keep up never lets it grow without end.
+constexpr DWORD kWriterPeriodMs = 250;
+constexpr size_t kWakeBytes = 64 * 1024;
+constexpr size_t kMaxQueuedBytes = 1024 * 1024;
+// A writer without lines for a second ends, giving the library back.
+constexpr DWORD kWriterIdleMs = 1000;
+// How long the end of a session waits for the writer to end: it may be waiting for the mutex.
+constexpr DWORD kWriterStopWaitMs = 5000;
+// At process exit a thread may have been ended holding the queue's lock: the lines are then left.
+constexpr DWORD kDyingLockMs = 100;
 
 const wchar_t* MarkerFor(uint32_t uiLevel)
 {
@@ -87,6 +101,35 @@ template <class MakeLine> void DropUnmadeLine(bool bOn, MakeLine makeLine) noexc
 
 } // namespace
 
+class CTrace::CQueueLock
+{
+public:
+    explicit CQueueLock(SRWLOCK& lock) : m_pLock(&lock) { ::AcquireSRWLockExclusive(m_pLock); }
+    // Tries for up to dwMs: IsHeld says whether it got the lock.
+    CQueueLock(SRWLOCK& lock, DWORD dwMs)
+    {
+        for (DWORD dwWaited = 0; !::TryAcquireSRWLockExclusive(&lock); ++dwWaited)
+        {
+            if (dwWaited >= dwMs)
+                return;
+            ::Sleep(1);
+        }
+        m_pLock = &lock;
+    }
+    ~CQueueLock()
+    {
+        if (m_pLock)
+            ::ReleaseSRWLockExclusive(m_pLock);
+    }
+    CQueueLock(const CQueueLock&) = delete;
+    CQueueLock& operator=(const CQueueLock&) = delete;
+
+    bool IsHeld() const { return m_pLock != nullptr; }
+
+private:
+    SRWLOCK* m_pLock = nullptr;
+};
+
 class CTrace::CLock
 {
 public:
@@ -120,11 +163,15 @@ private:
     bool m_bHeld = false;
 };
 
-CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey)
-    : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey), m_sMaxMBKey(pwszMaxMBKey ? pwszMaxMBKey : L"")
+CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey,
+               const wchar_t* pwszEachLineKey)
+    : m_sFileName(pwszFileName), m_sLevelKey(pwszLevelKey), m_sMaxMBKey(pwszMaxMBKey ? pwszMaxMBKey : L""),
+      m_sEachLineKey(pwszEachLineKey ? pwszEachLineKey : L"")
 {
     CLastErrorGuard keepError;
     m_hMutex.reset(::CreateMutexW(nullptr, FALSE, m_sFileName.c_str()));
+    // Without it no writer runs, and every line is written at once.
+    m_hWake.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
 
     // This class's own: no derived class exists yet while it is being made.
     std::wstring sLogDir;
@@ -139,7 +186,29 @@ CTrace::CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const w
     m_uiOSCode = CWindowsVersion::Instance().GetCode();
 }
 
-CTrace::~CTrace() = default;
+CTrace::~CTrace()
+{
+    CLastErrorGuard keepError;
+    bool bWriterRuns = false;
+    {
+        const CQueueLock lock(m_queueLock, kDyingLockMs);
+        if (!lock.IsHeld())
+            return;
+        // From here every line is written at once, and a writer ends.
+        m_bClosed = true;
+        m_bQueueing = false;
+        bWriterRuns = m_bWriterRunning;
+    }
+    Flush();
+    // Only where this object dies with the writer still at work: a test's own trace, or the
+    // program's at its exit. In DllMain none can be (a writer holds the library loaded), except the
+    // writer itself, ending the library as it ends, and the writers that process exit has ended.
+    if (bWriterRuns && m_hWriter && m_dwWriterId != ::GetCurrentThreadId())
+    {
+        ::SetEvent(m_hWake.get());
+        ::WaitForSingleObject(m_hWriter.get(), kMutexWaitMs + kWriterStopWaitMs);
+    }
+}
 
 void CTrace::StartNewGeneration()
 {
@@ -202,10 +271,14 @@ bool CTrace::SetLogDirectory(const std::wstring& sLogDir)
     CLastErrorGuard keepError;
     if (!::PathIsDirectoryW(sLogDir.c_str()))
         return false;
+    // The lines made so far go to the old file.
+    Flush();
     // Held (if it can be) so that no line goes to the new file with the old file's size.
     const CLock lock(*this);
+    std::wstring sFilePath = sLogDir + L"\\" + m_sFileName;
+    const CQueueLock queueLock(m_queueLock);
     m_sLogDir = sLogDir;
-    m_sFilePath = sLogDir + L"\\" + m_sFileName;
+    m_sFilePath.swap(sFilePath);
     RestartSizeLimit();
     return true;
 }
@@ -234,12 +307,17 @@ std::wstring CTrace::TraceIniPath()
 void CTrace::ReadTraceLevel()
 {
     CLastErrorGuard keepError;
+    // The lines made before are judged by the limit they were made under.
+    Flush();
     const std::wstring sIniPath = TraceIniPath();
     SetTraceLevel(::GetPrivateProfileIntW(L"Main", m_sLevelKey.c_str(), 5, sIniPath.c_str()));
     // A missing key or 0 keeps the default limit.
     const uint64_t uiMaxMB =
         m_sMaxMBKey.empty() ? 0 : ::GetPrivateProfileIntW(L"Main", m_sMaxMBKey.c_str(), 0, sIniPath.c_str());
     m_cbLimit.store(uiMaxMB != 0 ? uiMaxMB * kMiB : m_cbDefaultLimit, std::memory_order_relaxed);
+    m_bEachLine.store(!m_sEachLineKey.empty() &&
+                          ::GetPrivateProfileIntW(L"Main", m_sEachLineKey.c_str(), 0, sIniPath.c_str()) == 1,
+                      std::memory_order_relaxed);
     // Each session starts the limit again: a larger limit lets information lines through again,
     // and a log still past its limit says so once more, in this session's lines. The counts belong
     // to whoever holds the mutex; without it they stay as they are.
@@ -254,8 +332,14 @@ void CTrace::SetTraceDirectory(const std::wstring& sTraceDir, uint32_t uiLevel)
         return;
     CLastErrorGuard keepError;
     SetTraceLevel(uiLevel);
+    // The lines made so far go to the old file.
+    Flush();
     const CLock lock(*this);
-    m_sFilePath = sTraceDir + L"\\" + m_sFileName;
+    std::wstring sFilePath = sTraceDir + L"\\" + m_sFileName;
+    {
+        const CQueueLock queueLock(m_queueLock);
+        m_sFilePath.swap(sFilePath);
+    }
     ::DeleteFileW(m_sFilePath.c_str());
     RestartSizeLimit();
 }
@@ -266,6 +350,12 @@ bool CTrace::ResetTraceFile()
     const CLock lock(*this);
     if (!lock.IsHeld())
         return false;
+    {
+        // The lines made before the reset would be emptied with the file: they are dropped.
+        const CQueueLock queueLock(m_queueLock);
+        m_sQueued.clear();
+        m_vQueued.clear();
+    }
     CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), GENERIC_WRITE,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -285,10 +375,10 @@ void CTrace::RestartSizeLimit()
     m_uiLimitMask.store(kAllLevels, std::memory_order_relaxed);
 }
 
-bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
+void CTrace::MeasureNowAndThen(HANDLE hFile, size_t cLines)
 {
-    // Other processes append too: the file is asked for its size now and then, and in between
-    // this object adds what it wrote itself.
+    // Other processes append too: the file is asked for its size before a write once this object
+    // has written 100 lines since it last asked, and in between this object adds what it writes.
     if (m_cLinesToMeasure == 0)
     {
         LARGE_INTEGER liSize;
@@ -296,8 +386,11 @@ bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
             m_cbFile = static_cast<uint64_t>(liSize.QuadPart);
         m_cLinesToMeasure = kLinesPerMeasure;
     }
-    --m_cLinesToMeasure;
+    m_cLinesToMeasure -= static_cast<uint32_t>(std::min<size_t>(m_cLinesToMeasure, cLines));
+}
 
+bool CTrace::WithinSizeLimit(uint32_t uiLimitLevel, std::string& sOut)
+{
     const uint64_t cbLimit = m_cbLimit.load(std::memory_order_relaxed);
     if (m_cbFile >= 2 * cbLimit)
     {
@@ -315,7 +408,8 @@ bool CTrace::WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel)
                              std::to_wstring(cbLimit / kMiB) + words::kTraceLimitConsequence;
         sText += kTraceLineEnd;
         sLine += ToUtf8(sText);
-        m_cbFile += AppendToFile(hFile, sLine);
+        sOut += sLine;
+        m_cbFile += sLine.size();
     }
     return (m_uiLimitMask.load(std::memory_order_relaxed) & uiLimitLevel) != 0;
 }
@@ -341,26 +435,193 @@ void CTrace::WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw)
     const uint32_t uiLimitLevel = uiLevel != 0 ? uiLevel : TRACE_INFO;
     if (!m_hMutex || (m_uiLimitMask.load(std::memory_order_relaxed) & uiLimitLevel) == 0)
         return;
-    // Everything but the prefix is ready before the lock, and the file is opened before it and
-    // closed after it (an append lands at the end however long ago the file was opened): other
-    // writers, the restore's workers among them, wait only for the prefix and the write.
-    const std::string sBody = ToUtf8(sText);
-    const CUniqueFile hFile(::CreateFileW(m_sFilePath.c_str(), FILE_APPEND_DATA,
+    // Made before any lock; queued in the order of all lines; written by the writer, or now.
+    if (QueueLine(uiLevel, ToUtf8(sText), bRaw))
+        (void)WriteQueue();
+}
+
+bool CTrace::QueueLine(uint32_t uiLevel, std::string_view sBody, bool bRaw)
+{
+    const uint32_t uiLimitLevel = uiLevel != 0 ? uiLevel : TRACE_INFO;
+    bool bNow = false;
+    bool bWake = false;
+    bool bStart = false;
+    {
+        const CQueueLock lock(m_queueLock);
+        const size_t cbBefore = m_sQueued.size();
+        try
+        {
+            // The prefix is made under the lock, so that the times in the file run in order.
+            if (!bRaw)
+                AppendPrefix(m_sQueued, uiLevel);
+            m_sQueued += sBody;
+            m_vQueued.push_back({uiLimitLevel, static_cast<uint32_t>(m_sQueued.size() - cbBefore)});
+        }
+        catch (...)
+        {
+            m_sQueued.resize(cbBefore); // no part of a line stays behind
+            throw;
+        }
+        // An error or warning is in the file before its call goes on: the call may be the last
+        // the process makes.
+        bNow = (uiLevel & (TRACE_ERROR | TRACE_WARNING)) != 0 || !m_bQueueing ||
+               m_bEachLine.load(std::memory_order_relaxed) || m_sQueued.size() >= kMaxQueuedBytes;
+        bWake = cbBefore < kWakeBytes && m_sQueued.size() >= kWakeBytes;
+        bStart = !bNow && !m_bWriterRunning;
+        m_bWriterRunning = m_bWriterRunning || bStart;
+    }
+    if (bWake)
+        ::SetEvent(m_hWake.get());
+    if (bStart && !StartWriter())
+        bNow = true;
+    return bNow;
+}
+
+void CTrace::Flush() noexcept
+{
+    CLastErrorGuard keepError;
+    (void)WriteQueue();
+}
+
+bool CTrace::WriteQueue() noexcept
+{
+    bool bHadLines = false;
+    // Without memory for the path or the output the lines are dropped, as unwritable ones are.
+    DropUnmadeLine(true, [&] { bHadLines = TakeAndWriteQueue(); });
+    return bHadLines;
+}
+
+bool CTrace::TakeAndWriteQueue()
+{
+    std::wstring sPath;
+    {
+        const CQueueLock lock(m_queueLock);
+        if (m_vQueued.empty())
+            return false;
+        sPath = m_sFilePath;
+    }
+    // Opened before the lock and closed after it (an append lands at the end however long ago the
+    // file was opened): other writers wait only for the write.
+    const CUniqueFile hFile(::CreateFileW(sPath.c_str(), FILE_APPEND_DATA,
                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!hFile)
-        return;
-    // A mutex that cannot be had (held past the wait, or the wait failed) drops the line.
-    const CLock lock(*this);
-    if (!lock.IsHeld() || !WithinSizeLimit(hFile.get(), uiLimitLevel))
-        return;
+    // A file that cannot be opened, or a mutex that cannot be had (held past the wait, or the wait
+    // failed), drops the lines.
+    std::optional<CLock> lock;
+    if (hFile)
+        lock.emplace(*this);
+    // Taken under the mutex: whoever writes next in this process writes later lines.
+    std::string sQueued;
+    std::vector<CQueuedLine> vQueued;
+    {
+        const CQueueLock queueLock(m_queueLock);
+        sQueued.swap(m_sQueued);
+        vQueued.swap(m_vQueued);
+    }
+    if (lock && lock->IsHeld())
+        WriteQueued(hFile.get(), sQueued, vQueued);
+    return true;
+}
 
-    std::string sLine;
-    sLine.reserve(48 + sBody.size());
-    if (!bRaw)
-        AppendPrefix(sLine, uiLevel);
-    sLine += sBody;
-    m_cbFile += AppendToFile(hFile.get(), sLine);
+void CTrace::WriteQueued(HANDLE hFile, const std::string& sQueued, const std::vector<CQueuedLine>& vQueued)
+{
+    // Each line is judged by the size limit as it would be written alone, the lines before it
+    // counted as written.
+    MeasureNowAndThen(hFile, vQueued.size());
+    std::string sOut;
+    sOut.reserve(sQueued.size());
+    size_t posLine = 0;
+    for (const CQueuedLine& line : vQueued)
+    {
+        if (WithinSizeLimit(line.uiLimitLevel, sOut))
+        {
+            sOut.append(sQueued, posLine, line.cbLine);
+            m_cbFile += line.cbLine;
+        }
+        posLine += line.cbLine;
+    }
+    // Counted as written until now; only what was written stays counted.
+    m_cbFile -= sOut.size() - AppendToFile(hFile, sOut);
+}
+
+bool CTrace::StartWriter() noexcept
+{
+    const CQueueLock life(m_writerLifeLock);
+    // The previous writer has let go of the queue and is ending.
+    if (m_hWriter)
+        ::WaitForSingleObject(m_hWriter.get(), kWriterStopWaitMs);
+    m_hWriter.reset();
+    // The writer holds the library loaded with a reference of its own, given back as it ends, so
+    // that a host's FreeLibrary never takes away the code it runs.
+    HMODULE hModule = nullptr;
+    DWORD dwWriterId = 0;
+    if (::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&WriterMain),
+                             &hModule))
+    {
+        m_hWriterModule = hModule;
+        m_hWriter.reset(::CreateThread(nullptr, 0, &WriterMain, this, 0, &dwWriterId));
+        if (!m_hWriter)
+            ::FreeLibrary(hModule);
+    }
+    m_dwWriterId = dwWriterId;
+    if (m_hWriter)
+        return true;
+    const CQueueLock lock(m_queueLock);
+    m_bWriterRunning = false;
+    return false;
+}
+
+DWORD WINAPI CTrace::WriterMain(void* pvTrace)
+{
+    auto* pTrace = static_cast<CTrace*>(pvTrace);
+    const HMODULE hModule = pTrace->m_hWriterModule;
+    pTrace->RunWriter();
+    // The trace may be gone from here on. The library is given back and the thread ends in one
+    // call: its last reference may go here, and no code of the library runs after it.
+    ::FreeLibraryAndExitThread(hModule, 0);
+    return 0;
+}
+
+void CTrace::RunWriter() noexcept
+{
+    DWORD dwIdleMs = 0;
+    for (;;)
+    {
+        ::WaitForSingleObject(m_hWake.get(), kWriterPeriodMs);
+        dwIdleMs = WriteQueue() ? 0 : dwIdleMs + kWriterPeriodMs;
+        const CQueueLock lock(m_queueLock);
+        // A line queued since keeps it going; once it is marked ended, the next line starts another.
+        if (m_vQueued.empty() && (!m_bQueueing || dwIdleMs >= kWriterIdleMs))
+        {
+            m_bWriterRunning = false;
+            return;
+        }
+    }
+}
+
+void CTrace::StartQueue() noexcept
+{
+    const CQueueLock lock(m_queueLock);
+    // Without a way to wake the writer, none runs.
+    m_bQueueing = !m_bClosed && m_hWake;
+}
+
+void CTrace::StopQueue() noexcept
+{
+    CLastErrorGuard keepError;
+    {
+        const CQueueLock lock(m_queueLock);
+        m_bQueueing = false;
+    }
+    Flush();
+    const CQueueLock life(m_writerLifeLock);
+    if (m_hWriter && m_dwWriterId != ::GetCurrentThreadId())
+    {
+        ::SetEvent(m_hWake.get());
+        // One waiting for a stuck writer's mutex is left to end by itself.
+        if (::WaitForSingleObject(m_hWriter.get(), kWriterStopWaitMs) == WAIT_OBJECT_0)
+            m_hWriter.reset();
+    }
 }
 
 std::wstring CTrace::NameText(const wchar_t* pwszFunction, const wchar_t* pwszName)

@@ -1,13 +1,22 @@
 #pragma once
-// The trace log. One object per log file; every line is written under a system-wide mutex named
-// after the file, with the file opened for append and closed again around the line, so that any
-// number of threads and processes can share one log without losing or splitting lines. Nothing
-// here ever reports an error or throws: a line that cannot be made or written is dropped.
+// The trace log. One object per log file; lines are written under a system-wide mutex named after
+// the file, with the file opened for append and closed again around each write, so that any number
+// of threads and processes can share one log without losing or splitting lines. Nothing here ever
+// reports an error or throws: a line that cannot be made or written is dropped.
+//
+// An open, a write and a close cost about 165 µs under Wine, more than a small file's copy. While a
+// client lives (StartQueue to StopQueue), information and verbose lines therefore wait in a queue,
+// in the order they were made, and a writer thread of the object's own writes the queue with one
+// open and one write every quarter of a second, or sooner when it grows. An error or warning line
+// is written, with everything queued before it, before its call returns; so is every line of a
+// host's call when the call returns (FlushTraces). The writer holds the library loaded while it
+// runs and ends after a second without lines, or with StopQueue. Outside a client, and with
+// trace.ini's each-line setting, every line is written at once, as it always was.
 //
 // Each file has a size limit, because the log folder may lie on a small RAM disk that the restore
 // needs too. At the limit one warning line says so and information and verbose lines stop; error
 // and warning lines go on up to twice the limit, and then nothing is written. The size is taken
-// from the file itself (other processes append to it too), measured on every 100th line. Reading
+// from the file itself (other processes append to it too), measured every 100 lines. Reading
 // the settings (each client and each session does) starts the limit again.
 //
 // A writer that holds the mutex for a whole minute is taken to be stuck: after one wait has timed
@@ -20,6 +29,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace morvane
 {
@@ -45,7 +55,9 @@ class CTrace
 {
 public:
     // pwszMaxMBKey names trace.ini's setting of the size limit in MiB; without it the default holds.
-    CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey = nullptr);
+    // pwszEachLineKey names the setting that writes every line at once (1); without it lines queue.
+    CTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszMaxMBKey = nullptr,
+           const wchar_t* pwszEachLineKey = nullptr);
     virtual ~CTrace();
     CTrace(const CTrace&) = delete;
     CTrace& operator=(const CTrace&) = delete;
@@ -109,6 +121,15 @@ public:
 
     const std::wstring& GetFilePath() const { return m_sFilePath; }
 
+    // From StartQueue to StopQueue, information and verbose lines wait in a queue for the writer
+    // thread; otherwise every line is written at once.
+    void StartQueue() noexcept;
+    // Writes what waits and ends the writer thread, waiting for it, so that it no longer holds the
+    // library loaded. Not from DllMain, where no thread can end.
+    void StopQueue() noexcept;
+    // Writes the queued lines now, on the calling thread.
+    void Flush() noexcept;
+
 protected:
     // "trace.ini": in the host's configuration folder on the recovery system, else beside the host.
     std::wstring TraceIniPath();
@@ -116,6 +137,14 @@ protected:
 private:
     // The mutex, held for a scope when it could be had.
     class CLock;
+    // The queue's own lock, held only to add a line or take the queue.
+    class CQueueLock;
+    // A queued line: the level the size limit judges it by and its length in the queue's bytes.
+    struct CQueuedLine
+    {
+        uint32_t uiLimitLevel;
+        uint32_t cbLine;
+    };
 
     // Every load starts a new log and keeps one previous generation.
     void StartNewGeneration();
@@ -124,15 +153,34 @@ private:
     // Writes the line prefix (unless bRaw) and sText, which carries its own line end(s).
     void WriteLine(uint32_t uiLevel, std::wstring_view sText, bool bRaw = false);
     void AppendPrefix(std::string& sLine, uint32_t uiLevel);
-    // With the mutex held and the file open: whether a line of uiLimitLevel may still be written;
-    // writes the warning when the file has just reached its limit.
-    bool WithinSizeLimit(HANDLE hFile, uint32_t uiLimitLevel);
+    // Adds a line to the queue; answers whether the caller must write the queue now.
+    bool QueueLine(uint32_t uiLevel, std::string_view sBody, bool bRaw);
+    // Writes the queued lines with one open and one write; answers whether there were any.
+    bool WriteQueue() noexcept;
+    bool TakeAndWriteQueue();
+    // With the mutex held and the file open: the queued lines that the size limit lets through, in
+    // one write.
+    void WriteQueued(HANDLE hFile, const std::string& sQueued, const std::vector<CQueuedLine>& vQueued);
+    // With the mutex held and the file open: takes the file's size when it is time to, before
+    // cLines are written.
+    void MeasureNowAndThen(HANDLE hFile, size_t cLines);
+    // With the mutex held: whether a line of uiLimitLevel may still be written, sOut being what goes
+    // into the file before it (already counted); adds the warning to sOut when the file has just
+    // reached its limit.
+    bool WithinSizeLimit(uint32_t uiLimitLevel, std::string& sOut);
     // With the mutex held: the file starts again, so its size is measured on the next line.
     void RestartSizeLimit();
     void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                     std::wstring_view sValue);
     void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                      std::wstring_view sValue);
+
+    // The writer thread: started for a queued line when none runs; ends after a second without
+    // lines, or when stopped.
+    // False when no writer could be started: the caller then writes the queue itself.
+    bool StartWriter() noexcept;
+    static DWORD WINAPI WriterMain(void* pvTrace);
+    void RunWriter() noexcept;
 
     std::atomic<uint32_t> m_uiMask{TRACE_ERROR | TRACE_WARNING | TRACE_INFO};
     CUniqueHandle m_hMutex;
@@ -142,6 +190,8 @@ private:
     std::wstring m_sFileName;
     std::wstring m_sLevelKey;
     std::wstring m_sMaxMBKey;
+    std::wstring m_sEachLineKey;
+    // Changed and copied for a write under the queue's lock: the writer thread reads it too.
     std::wstring m_sFilePath;
     std::wstring m_sLogDir;
     // Hexadecimal digits of later prefixes turn upper case once a hexadecimal value was written,
@@ -157,6 +207,26 @@ private:
     // lines to write before it is measured again.
     uint64_t m_cbFile = 0;
     uint32_t m_cLinesToMeasure = 0;
+
+    // The queue: the lines' bytes in the order they were made, and each line's level and length.
+    SRWLOCK m_queueLock = SRWLOCK_INIT;
+    std::string m_sQueued;
+    std::vector<CQueuedLine> m_vQueued;
+    // Under the queue's lock: lines are queued (StartQueue), a writer runs (or is being started),
+    // the object is being destroyed (lines are then written at once).
+    bool m_bQueueing = false;
+    bool m_bWriterRunning = false;
+    bool m_bClosed = false;
+    // trace.ini's each-line setting: every line written at once, no writer.
+    std::atomic<bool> m_bEachLine{false};
+    // Starting the writer and waiting for its end, one at a time; never taken by the writer itself.
+    SRWLOCK m_writerLifeLock = SRWLOCK_INIT;
+    CUniqueHandle m_hWriter;
+    DWORD m_dwWriterId = 0;
+    // The writer's reference to the library (the program, where the trace is linked into one).
+    HMODULE m_hWriterModule = nullptr;
+    // Wakes the writer: the queue has grown, or it is to stop.
+    CUniqueHandle m_hWake;
 };
 
 } // namespace morvane

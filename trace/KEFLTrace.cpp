@@ -4,8 +4,8 @@ namespace morvane
 {
 
 KEFLTrace::KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey,
-                     const wchar_t* pwszMaxMBKey)
-    : CTrace(pwszFileName, pwszLevelKey, pwszMaxMBKey), m_sPsfLevelKey(pwszPsfLevelKey)
+                     const wchar_t* pwszMaxMBKey, const wchar_t* pwszEachLineKey)
+    : CTrace(pwszFileName, pwszLevelKey, pwszMaxMBKey, pwszEachLineKey), m_sPsfLevelKey(pwszPsfLevelKey)
 {
 }
 

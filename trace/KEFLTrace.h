@@ -10,7 +10,7 @@ class KEFLTrace : public CTrace
 {
 public:
     KEFLTrace(const wchar_t* pwszFileName, const wchar_t* pwszLevelKey, const wchar_t* pwszPsfLevelKey,
-              const wchar_t* pwszMaxMBKey = nullptr);
+              const wchar_t* pwszMaxMBKey = nullptr, const wchar_t* pwszEachLineKey = nullptr);
 
     void ReadPsfTraceLevel();
     // Another number of trace.ini's [Main] section, where the recovery system is tuned (the

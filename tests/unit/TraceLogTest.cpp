@@ -12,11 +12,15 @@ using namespace kefltest;
 namespace
 {
 
-// A trace object of the tests' own, starting from an empty log in the module's log folder.
+// A trace object of the tests' own, starting from an empty log in the module's log folder, its
+// lines queued as while a client lives.
 std::unique_ptr<KEFLTrace> NewTrace(const wchar_t* pwszFile = L"UNIT_trace.log")
 {
     RemoveFile(LogDir() + L"\\" + pwszFile);
-    return std::make_unique<KEFLTrace>(pwszFile, L"UNIT_TraceLevel", L"UNIT_PsfLevel");
+    auto pTrace = std::make_unique<KEFLTrace>(pwszFile, L"UNIT_TraceLevel", L"UNIT_PsfLevel", nullptr,
+                                              L"UNIT_TraceEachLine");
+    pTrace->StartQueue();
+    return pTrace;
 }
 
 using TraceLog = BaseServicesFixture;
@@ -39,8 +43,10 @@ TEST_F(TraceLog, WritesTheLevelsTraceIniSelectsWithPrefixAndMarkerInUtf8)
         pTrace->ReadTraceLevel();
         for (uint32_t uiLevel : {TRACE_ERROR, TRACE_WARNING, TRACE_INFO, TRACE_VERBOSE})
             pTrace->TraceValue(uiLevel, L"F", L"sPath", sPath);
+        const std::wstring sLogPath = pTrace->GetFilePath();
+        pTrace.reset(); // what waits is written as the trace ends
         std::wstring sMarkers;
-        for (const auto& sLine : ReadLogLines(pTrace->GetFilePath()))
+        for (const auto& sLine : ReadLogLines(sLogPath))
         {
             const auto line = ParseTraceLine(sLine);
             ASSERT_TRUE(line) << "no time and thread prefix: " << testing::PrintToString(sLine);
@@ -49,14 +55,18 @@ TEST_F(TraceLog, WritesTheLevelsTraceIniSelectsWithPrefixAndMarkerInUtf8)
             sMarkers += line->sMarker.empty() ? L'-' : line->sMarker[2]; // ":[E]: " and the like
         }
         EXPECT_EQ(sExpected, sMarkers);
-        EXPECT_NE('\xEF', ReadBytes(pTrace->GetFilePath())[0]) << "no byte-order mark";
+        EXPECT_NE('\xEF', ReadBytes(sLogPath)[0]) << "no byte-order mark";
     }
 
-    // The PSF flags, a bit set of their own, are taken from trace.ini unchanged.
-    WriteTraceIni({{L"UNIT_PsfLevel", L"34"}});
+    // The PSF flags, a bit set of their own, are taken from trace.ini unchanged. The each-line
+    // setting writes an information line before its call returns.
+    WriteTraceIni({{L"UNIT_PsfLevel", L"34"}, {L"UNIT_TraceEachLine", L"1"}});
     auto pTrace = NewTrace();
     pTrace->ReadPsfTraceLevel();
     EXPECT_EQ(34u, pTrace->GetPsfTraceLevel());
+    pTrace->ReadTraceLevel();
+    pTrace->TraceValue(TRACE_INFO, L"F", L"sPath", sPath);
+    EXPECT_TRUE(HasText(ReadLogLines(pTrace->GetFilePath()), L"F : sPath = \"" + sPath + L"\""));
 }
 
 TEST_F(TraceLog, FailuresDropTheLineSilentlyAndKeepTheCallersLastError)
