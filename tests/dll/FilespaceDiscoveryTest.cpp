@@ -50,19 +50,16 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
     WriteTextFile(L"R:\\Backup\\#\\Sub\\hidden.txt", "copied too");
     ASSERT_TRUE(::SetFileAttributesW(L"R:\\Backup\\#\\Sub\\hidden.txt", FILE_ATTRIBUTE_HIDDEN));
     ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get())) << "again, for the mount point";
-    // GPT: no SYSTEM. MBR: SYSTEM from BootDriveLetter, or else (a lower-case one is none) from
-    // BootPartition's letter, upper-cased.
-    const std::string sWinDir = "[WinDir]\r\nDriveLetter=C\r\nDirectory=\\WINDOWS\r\n";
+    // Each disrec.ini and the flags of D: that it gives. GPT: no SYSTEM. MBR: SYSTEM from BootDriveLetter,
+    // or else (a lower-case one is none) from BootPartition's letter, upper-cased.
+    const std::string sWinDir = "[WinDir]\r\nDriveLetter=C\r\nDirectory=\\WINDOWS\r\nPhysicalDrive=";
     const std::pair<std::string, const wchar_t*> cases[] = {
-        {sWinDir + "PhysicalDrive=0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=1\r\n",
-         L" Q:64 C:3 D:2 F:0 G:0 C:8c:\\Mount"},
-        {sWinDir + "PhysicalDrive=0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=0\r\n",
-         L" Q:64 C:3 D:7 F:0 G:0 C:8c:\\Mount"},
-        {sWinDir + "PhysicalDrive=1\r\nBootDriveLetter=c\r\nBootPartition=2\r\n[PhysicalDrive1]\r\n"
-                   "PartitionStyle=0\r\nDriveLetter2=d\r\n",
-         L" Q:64 C:3 D:7 F:0 G:0 C:8c:\\Mount"},
-    };
-    for (const auto& [sDisrec, pwszList] : cases)
+        {sWinDir + "0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=1\r\n", L"2"},
+        {sWinDir + "0\r\nBootDriveLetter=D\r\n[PhysicalDrive0]\r\nPartitionStyle=0\r\n", L"7"},
+        {sWinDir + "1\r\nBootDriveLetter=c\r\nBootPartition=2\r\n[PhysicalDrive1]\r\nPartitionStyle=0\r\n"
+                   "DriveLetter2=d\r\n",
+         L"7"}};
+    for (const auto& [sDisrec, pwszFlagsOfD] : cases)
     {
         RemoveTree(kConfigDir);
         WriteTextFile(kConfigDir, "a file where the configuration folder belongs");
@@ -70,7 +67,8 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
         std::vector<Filespace> vFilespaces(1);
         vFilespaces[0].wcFsDriveLetter = L'Q';
         vFilespaces[0].dwFsFlags = 0x40;
-        EXPECT_EQ(pwszList, List(vFilespaces)) << sDisrec;
+        EXPECT_EQ(L" Q:64 C:3 D:" + std::wstring(pwszFlagsOfD) + L" F:0 G:0 C:8c:\\Mount", List(vFilespaces))
+            << sDisrec;
         EXPECT_TRUE(FileExists(kConfigDir + L"\\Sub\\hidden.txt"));
         EXPECT_TRUE(
             HasText(KeflLog(),

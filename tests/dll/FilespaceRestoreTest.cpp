@@ -19,10 +19,9 @@ namespace
 // The backup's folder of drive E:, restored onto the restore-target drive E:.
 const std::wstring kSourceE = L"R:\\Backup\\E";
 
-// Windows' CreateFileW: a backup file that another process holds open (error 32, counted), one
-// whose access list refuses this account (error 5), and CREATE_ALWAYS on a read-only, hidden or
-// system file refused (Wine, run as root, replaces it). The opens of drive E's backup copies are
-// counted.
+// Windows' CreateFileW: a backup file that another process holds open (error 32, counted), one whose access
+// list refuses this account (error 5), and CREATE_ALWAYS on a read-only, hidden or system file refused (Wine,
+// run as root, replaces it). The opens of drive E's backup copies are counted.
 decltype(&::CreateFileW) g_pfnRealCreateFile = nullptr;
 int g_iLockedOpens = 0;
 int g_iBackupOpens = 0;
@@ -65,10 +64,9 @@ const std::map<std::wstring, std::string> kRestored = {
     {L"\\Mount\\Data\\Sub\\file.bin", Pattern(100000, 8)},
     {L"\\Deduplicated.bin", "a reparse point, but not a link: copied as data"}};
 // Skipped: what Windows keeps for itself at the root.
-const std::map<std::wstring, std::string> kSkipped = {{L"\\pagefile.sys", Pattern(1000, 4)},
-                                                      {L"\\hiberfil.sys", "h"},
-                                                      {L"\\$Recycle.Bin\\deleted.txt", "d"},
-                                                      {L"\\System Volume Information\\tracking.log", "t"}};
+const std::map<std::wstring, std::string> kSkipped = {
+    {L"\\pagefile.sys", Pattern(1000, 4)}, {L"\\hiberfil.sys", "h"}, {L"\\$Recycle.Bin\\deleted.txt", "d"},
+    {L"\\System Volume Information\\tracking.log", "t"}};
 
 // A session on the fixture backup, its progress recorded, E: emptied, backup streams stood in.
 class FilespaceRestoreTest : public SessionFixture
@@ -352,12 +350,9 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     for (const wchar_t* pwszPrivilege : {L"SeBackupPrivilege", L"SeRestorePrivilege"})
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
                                            std::wstring(pwszPrivilege) + L"\""));
-}
 
-TEST_F(FilespaceRestoreTest, ADriveThatTheBackupLacksFailsItsCount)
-{
     morvane::Filespace fs{};
-    fs.wcFsDriveLetter = L'F';
+    fs.wcFsDriveLetter = L'F'; // no folder F in the backup: the count fails
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
     EXPECT_EQ(L"Couldn't count objects to be restored", ErrorText());
     EXPECT_EQ(3u, g_vProgress.back().uiState);
@@ -384,10 +379,7 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
         EXPECT_FALSE(pClient->RestoreFilespace(*pFs)) << testing::PrintToString(std::wstring(pwszMessage));
         EXPECT_TRUE(HasMessage(3, pwszMessage)) << testing::PrintToString(std::wstring(pwszMessage));
     }
-}
-
-TEST_F(FilespaceRestoreTest, TimesThatCannotBeSetAreTracedAndTheFileKept)
-{
+    // Times that cannot be set are traced; the data is there and the filespace restored.
     WriteBytes(kSourceE + L"\\one.txt", "one");
     m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "SetFileTime",
                     +[](HANDLE, const FILETIME*, const FILETIME*, const FILETIME*) -> BOOL

@@ -136,10 +136,9 @@ TEST_F(HostProgramTest, AnswersEachArgumentErrorWithItsExitCode)
 
 TEST_F(HostProgramTest, RestoresVerifiesAndNamesEveryFailureWithItsError)
 {
-    // One drive folder F (restored onto the target drive F:, all but the page file in its root) with
-    // the configuration and two hard-link groups held as copies: one whose copies are alike, one
-    // whose older copy differs (the link pass makes it the newer file, which the verification must
-    // notice).
+    // One drive folder F (restored onto the target drive F:, all but the page file in its root) with the
+    // configuration and two hard-link groups held as copies: one whose copies are alike, one whose older copy
+    // differs (the link pass makes it the newer file, which the verification must notice).
     const std::wstring sBackup = L"R:\\Host\\Sample";
     MakeHostBackup(sBackup);
     MakeFolders(sBackup + L"\\F\\Data");
@@ -195,21 +194,13 @@ TEST_F(HostProgramTest, RestoresVerifiesAndNamesEveryFailureWithItsError)
 
     const nlohmann::json report = ReadReport(L"R:\\Host\\Sample-report.json");
     ASSERT_FALSE(report.is_discarded());
-    EXPECT_EQ(14, report.value("exitStatus", -1));
     EXPECT_EQ("R:\\Host\\Sample", report["credentials"].value("location", ""));
     const nlohmann::json& fs = report["filespaces"][0];
     EXPECT_EQ("failed", fs.value("result", ""));
     std::map<int, int> errors; // every failure, not only those on screen: error, how many
-    std::string sHeld;
     for (const nlohmann::json& failure : fs["failures"])
-    {
-        const int iError = failure.value("error", 0);
-        ++errors[iError];
-        if (iError == 32)
-            sHeld = failure.value("path", "");
-    }
+        ++errors[failure.value("error", 0)];
     EXPECT_EQ((std::map<int, int>{{3, 22}, {32, 1}}), errors) << report.dump();
-    EXPECT_EQ("F:\\Data\\locked.bin", sHeld);
     EXPECT_EQ(3u, fs["verify"]["differences"].size()) << report.dump();
     EXPECT_EQ(1, report["links"]["hardLinks"].value("failed", 0)) << report.dump();
 }

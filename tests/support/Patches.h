@@ -13,9 +13,8 @@ namespace kefltest
 class CPatches
 {
 public:
-    // Puts pfnReplacement in the place of pszDll!pszFunction in hModule's imports and returns the
-    // function it replaced (for a replacement that passes calls on); a test fails when the module
-    // does not import it.
+    // Puts pfnReplacement in the place of pszDll!pszFunction in hModule's imports and returns the function it
+    // replaced (for a replacement that passes calls on); a test fails when the module does not import it.
     template <class Fn>
     Fn Patch(HMODULE hModule, const char* pszDll, const char* pszFunction, Fn pfnReplacement)
     {

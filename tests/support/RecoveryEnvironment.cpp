@@ -15,9 +15,8 @@ namespace kefltest
 
 std::wstring HostDir()
 {
-    std::vector<wchar_t> buf(1024);
-    const DWORD cch = ::GetModuleFileNameW(nullptr, buf.data(), static_cast<DWORD>(buf.size()));
-    std::wstring sPath(buf.data(), cch);
+    wchar_t wszPath[MAX_PATH] = {};
+    const std::wstring sPath(wszPath, ::GetModuleFileNameW(nullptr, wszPath, MAX_PATH));
     return sPath.substr(0, sPath.rfind(L'\\'));
 }
 
@@ -45,10 +44,9 @@ static std::wstring TraceIniPath()
 void WriteTextFile(const std::wstring& sPath, const std::string& sText)
 {
     WriteBytes(sPath, sText);
-    // A time of its own for every write: Wine answers profile reads from a cache while a file's
-    // name and modification time stay the same. In the past, a day back and a second apart: Wine
-    // reads a file dated in the future or changed in the last seconds afresh on every call, which
-    // makes large files slow.
+    // A time of its own for every write: Wine answers profile reads from a cache while a file's name and
+    // modification time stay the same. In the past, a day back and a second apart: Wine reads a file dated in
+    // the future or changed in the last seconds afresh on every call, which makes large files slow.
     static ULONGLONG s_ullTick = 0;
     FILETIME ft;
     ::GetSystemTimeAsFileTime(&ft);
