@@ -1,10 +1,12 @@
 // KEFL_trace.log as the loaded library writes it: a fresh log and one previous generation per
-// load, threads and loads writing at once without losing or splitting a line, and a size limit
-// that each session starts again.
+// load, threads and loads writing at once without losing, splitting or reordering a line, each line
+// in the file in time, nothing left unwritten at the client's end, and a size limit that each
+// session starts again.
 #include "dll/SessionFixture.h"
 
 #include <atomic>
 #include <map>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -14,11 +16,14 @@ namespace
 {
 
 constexpr int kCallsEach = 100;
+// The capabilities asked for, each unknown: a line of its own, "enCapabilityType = 1000" and on.
+constexpr int kFirstUnknown = 1000;
+const std::wstring kUnknownLine = L"KEFL::HasCapability : enCapabilityType = ";
 
 void WriteLines(morvane::VESK& client)
 {
     for (int i = 0; i < kCallsEach; ++i)
-        client.HasCapability(morvane::CAP_SEPARATE_HARD_LINKS);
+        client.HasCapability(static_cast<morvane::CapabilityType>(kFirstUnknown + i));
 }
 
 } // namespace
@@ -148,25 +153,82 @@ TEST_F(KeflFixture, ThreadsAndLoadsWritingAtOnceLoseOrSplitNoLine)
     other.join();
     otherLoad.join();
 
-    std::map<uint32_t, int> linesByThread;
+    std::map<uint32_t, std::vector<int>> capabilitiesByThread;
+    std::vector<int> vInOrder(kCallsEach);
+    std::iota(vInOrder.begin(), vInOrder.end(), kFirstUnknown);
     int iVerbose = 0;
     for (const auto& sLine : KeflLog())
     {
         const auto line = ParseTraceLine(sLine);
         if (!line)
             ADD_FAILURE() << "a split or damaged line: " << testing::PrintToString(sLine);
-        else if (line->sText == L"KEFL::HasCapability : Does backup hard-links separately")
-            ++linesByThread[line->uiThreadId];
+        else if (line->sText.starts_with(kUnknownLine))
+            capabilitiesByThread[line->uiThreadId].push_back(
+                std::stoi(line->sText.substr(kUnknownLine.size())));
         else
             iVerbose += line->sText == L"KEFL::HasCapability : starting ...";
     }
-    EXPECT_EQ(3u, linesByThread.size()) << "two threads of this load, one of the other";
-    for (const auto& [uiThread, iLines] : linesByThread)
-        EXPECT_EQ(kCallsEach, iLines) << "thread " << uiThread;
+    EXPECT_EQ(3u, capabilitiesByThread.size()) << "two threads of this load, one of the other";
+    for (const auto& [uiThread, vCapabilities] : capabilitiesByThread)
+        EXPECT_EQ(vInOrder, vCapabilities) << "thread " << uiThread << ": each line once, in its order";
     EXPECT_EQ(2 * kCallsEach, iVerbose) << "the verbose level that trace.ini gave this load";
     pOther.reset();
     hOther.reset();
     RemoveFile(sOther);
+}
+
+// A call's lines reach the log while it runs: an error line before the call goes on (here, before
+// the host hears of the error), any other line within a second (two allowed: the machine is busy).
+TEST_F(SessionFixture, ErrorLinesReachTheLogBeforeTheirCallGoesOnAndOtherLinesWithinASecond)
+{
+    const auto pCredentials = Credentials(kBackup);
+    ASSERT_TRUE(m_pClient->Init(pCredentials.get()));
+    // The drive restored, the line the restore makes before its first message, whether at once.
+    const std::tuple<wchar_t, std::wstring, bool> aRows[] = {
+        {L'Q', L"KEFLImpl::RestoreFilespace : GetVolumeInformation failed", true}, // no such drive
+        {L'C', L"KEFLImpl::RestoreFilespace : sDstFolder = \"C:\"", false}};
+    for (const auto& [wcDrive, sLine, bAtOnce] : aRows)
+    {
+        SCOPED_TRACE(testing::PrintToString(sLine));
+        struct CSeen
+        {
+            const std::wstring& sLine;
+            bool bHeard = false; // the restore's first message came
+            int iMs = -1;        // the line was then in the log after so many milliseconds: 0 at once
+        } seen{sLine};
+        m_pClient->SetLogMsgCallbackFn(
+            +[](uint32_t, std::wstring, uint64_t ullSeen) -> int32_t
+            {
+                auto& seen = *reinterpret_cast<CSeen*>(ullSeen);
+                const ULONGLONG ullFirst = ::GetTickCount64();
+                for (int iMs = 0; !seen.bHeard && iMs <= 2000; iMs = int(::GetTickCount64() - ullFirst))
+                    if (HasText(KeflLog(), seen.sLine))
+                        seen.iMs = iMs, seen.bHeard = true;
+                    else
+                        ::Sleep(10);
+                seen.bHeard = true;
+                return 0;
+            },
+            reinterpret_cast<uint64_t>(&seen));
+        morvane::Filespace fs = {};
+        fs.wcFsDriveLetter = wcDrive;
+        m_pClient->RestoreFilespace(fs);
+        EXPECT_GE(seen.iMs, 0) << "not in the log within two seconds";
+        EXPECT_TRUE(!bAtOnce || seen.iMs == 0) << "in the log after " << seen.iMs << " ms";
+    }
+    m_pClient->SetLogMsgCallbackFn(&RecordMessage, 0);
+}
+
+// The client's end writes its last lines and ends the writer threads with it: the library unloads as
+// the host lets it go.
+TEST_F(KeflFixture, TheClientsEndLeavesNoLineUnwrittenAndTheLibraryFreeToUnload)
+{
+    auto pClient = Load(Verbose()).Factory();
+    pClient->HasCapability(morvane::CAP_SEPARATE_HARD_LINKS); // information lines: a writer starts
+    pClient.reset();
+    EXPECT_TRUE(HasText(KeflLog(), L"KEFL::~KEFL : Destructor"));
+    m_pLibrary->Unload();
+    EXPECT_EQ(nullptr, ::GetModuleHandleW(L"KEFL.dll")) << "still loaded by a trace writer";
 }
 
 // On a small disk: at the size limit (1 MiB here) one warning, then errors only, and nothing past
