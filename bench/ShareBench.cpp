@@ -12,8 +12,8 @@
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "bench/BenchFiles.h"
+#include "bench/ShareStandIn.h"
 #include "platform/UniqueHandle.h"
-#include "winecompat/IatPatch.h"
 #include "winecompat/WineStandIns.h"
 
 #include <windows.h>
@@ -23,14 +23,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 using namespace morvane;
 using namespace benchfiles;
+using namespace sharestandin;
 
 namespace
 {
@@ -42,130 +41,7 @@ const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.sharebench";
 constexpr unsigned kBaselineThreads = 8;
 
-DWORD g_dwRoundTripMs = 0;
 int g_iTraceLevel = 3; // the default level: errors, warnings and values
-
-void RoundTrip()
-{
-    if (g_dwRoundTripMs != 0)
-        ::Sleep(g_dwRoundTripMs);
-}
-
-bool OnShare(const wchar_t* pwszPath)
-{
-    std::wstring sPath = pwszPath ? pwszPath : L"";
-    if (sPath.rfind(L"\\\\?\\", 0) == 0)
-        sPath.erase(0, 4);
-    return sPath.size() >= 2 && (sPath[0] == L'R' || sPath[0] == L'r') && sPath[1] == L':';
-}
-
-// The handles and finds opened on the share: their reads and next entries wait too.
-std::mutex g_lock;
-std::set<HANDLE> g_onShare;
-bool IsOnShare(HANDLE h)
-{
-    const std::lock_guard lock(g_lock);
-    return g_onShare.count(h) != 0;
-}
-void Remember(HANDLE h)
-{
-    const std::lock_guard lock(g_lock);
-    g_onShare.insert(h);
-}
-
-void* g_pfnCreateFile = nullptr;
-void* g_pfnBackupRead = nullptr;
-void* g_pfnFindFirst = nullptr;
-void* g_pfnFindNext = nullptr;
-void* g_pfnCloseHandle = nullptr;
-void* g_pfnFindClose = nullptr;
-template <typename Fn> Fn Real(void* pfn)
-{
-    return reinterpret_cast<Fn>(pfn);
-}
-
-HANDLE WINAPI ShareCreateFileW(LPCWSTR pwsz, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES psa,
-                               DWORD dwDisp, DWORD dwFlags, HANDLE hTemplate)
-{
-    const bool bShare = OnShare(pwsz);
-    if (bShare)
-        RoundTrip();
-    const HANDLE h = Real<decltype(&::CreateFileW)>(g_pfnCreateFile)(pwsz, dwAccess, dwShare, psa, dwDisp,
-                                                                     dwFlags, hTemplate);
-    if (bShare && h != INVALID_HANDLE_VALUE)
-        Remember(h);
-    return h;
-}
-BOOL WINAPI ShareBackupRead(HANDLE h, LPBYTE pb, DWORD cb, LPDWORD pcb, BOOL bAbort, BOOL bSecurity,
-                            LPVOID* ppv)
-{
-    if (!bAbort && IsOnShare(h))
-        RoundTrip();
-    return Real<decltype(&::BackupRead)>(g_pfnBackupRead)(h, pb, cb, pcb, bAbort, bSecurity, ppv);
-}
-HANDLE WINAPI ShareFindFirstFileW(LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
-{
-    const bool bShare = OnShare(pwsz);
-    if (bShare)
-        RoundTrip();
-    const HANDLE h = Real<decltype(&::FindFirstFileW)>(g_pfnFindFirst)(pwsz, pfd);
-    if (bShare && h != INVALID_HANDLE_VALUE)
-        Remember(h);
-    return h;
-}
-BOOL WINAPI ShareFindNextFileW(HANDLE h, LPWIN32_FIND_DATAW pfd)
-{
-    if (IsOnShare(h))
-        RoundTrip();
-    return Real<decltype(&::FindNextFileW)>(g_pfnFindNext)(h, pfd);
-}
-BOOL WINAPI ShareCloseHandle(HANDLE h)
-{
-    {
-        const std::lock_guard lock(g_lock);
-        g_onShare.erase(h);
-    }
-    return Real<decltype(&::CloseHandle)>(g_pfnCloseHandle)(h);
-}
-BOOL WINAPI ShareFindClose(HANDLE h)
-{
-    {
-        const std::lock_guard lock(g_lock);
-        g_onShare.erase(h);
-    }
-    return Real<decltype(&::FindClose)>(g_pfnFindClose)(h);
-}
-
-// The stand-in in KEFL.dll's imports, over the Wine stand-ins where there are any (BackupRead).
-class CShareStandIn
-{
-public:
-    explicit CShareStandIn(HMODULE h)
-    {
-        Put(h, "CreateFileW", &ShareCreateFileW, g_pfnCreateFile);
-        Put(h, "BackupRead", &ShareBackupRead, g_pfnBackupRead);
-        Put(h, "FindFirstFileW", &ShareFindFirstFileW, g_pfnFindFirst);
-        Put(h, "FindNextFileW", &ShareFindNextFileW, g_pfnFindNext);
-        Put(h, "CloseHandle", &ShareCloseHandle, g_pfnCloseHandle);
-        Put(h, "FindClose", &ShareFindClose, g_pfnFindClose);
-    }
-    bool Applied() const
-    {
-        for (const auto& p : m_vPatches)
-            if (!p->IsApplied())
-                return false;
-        return true;
-    }
-
-private:
-    template <typename Fn> void Put(HMODULE h, const char* pszFunction, Fn pfn, void*& pfnReal)
-    {
-        m_vPatches.push_back(std::make_unique<winecompat::CIatPatch>(h, "KERNEL32.dll", pszFunction,
-                                                                     reinterpret_cast<void*>(pfn)));
-        pfnReal = const_cast<void*>(m_vPatches.back()->Original());
-    }
-    std::vector<std::unique_ptr<winecompat::CIatPatch>> m_vPatches;
-};
 
 // The files below sDir, listed as a copy tool lists them, each with its wait on the share.
 void List(const std::wstring& sDir, std::vector<std::wstring>& vFiles, std::vector<std::wstring>& vDirs)
