@@ -41,8 +41,8 @@ constexpr uint32_t kAllLevels = ~0u;
 // makes about that much in a tenth of a second); past kMaxQueuedBytes the thread that adds a line
 // writes the queue itself, so that a writer that cannot keep up never lets it grow without end.
 constexpr DWORD kWriterPeriodMs = 250;
-constexpr size_t kWakeBytes = 64 * 1024;
-constexpr size_t kMaxQueuedBytes = 1024 * 1024;
+constexpr size_t kWakeBytes = size_t{64} * 1024;
+constexpr size_t kMaxQueuedBytes = size_t{1024} * 1024;
 // A writer without lines for a second ends, giving the library back.
 constexpr DWORD kWriterIdleMs = 1000;
 // How long the end of a session waits for the writer to end: it may be waiting for the mutex.
