@@ -4,14 +4,14 @@
 // of threads and processes can share one log without losing or splitting lines. Nothing here ever
 // reports an error or throws: a line that cannot be made or written is dropped.
 //
-// An open, a write and a close cost about 165 µs under Wine, more than a small file's copy. While a
-// client lives (StartQueue to StopQueue), information and verbose lines therefore wait in a queue,
-// in the order they were made, and a writer thread of the object's own writes the queue with one
-// open and one write every quarter of a second, or sooner when it grows. An error or warning line
-// is written, with everything queued before it, before its call returns; so is every line of a
-// host's call when the call returns (FlushTraces). The writer holds the library loaded while it
-// runs and ends after a second without lines, or with StopQueue. Outside a client, and with
-// trace.ini's each-line setting, every line is written at once, as it always was.
+// An open, a write and a close cost about 165 microseconds under Wine, more than a small file's
+// copy. While a client lives (StartQueue to StopQueue), information and verbose lines therefore
+// wait in a queue, in the order they were made, and a writer thread of the object's own writes the
+// queue with one open and one write every quarter of a second, or sooner when it grows. An error
+// or warning line is written, with everything queued before it, before its call returns; so is
+// every line of a host's call when the call returns (FlushTraces). The writer holds the library
+// loaded while it runs and ends after a second without lines, or with StopQueue. Outside a client,
+// and with trace.ini's each-line setting, every line is written at once, as it always was.
 //
 // Each file has a size limit, because the log folder may lie on a small RAM disk that the restore
 // needs too. At the limit one warning line says so and information and verbose lines stop; error
@@ -168,16 +168,15 @@ private:
     // into the file before it (already counted); adds the warning to sOut when the file has just
     // reached its limit.
     bool WithinSizeLimit(uint32_t uiLimitLevel, std::string& sOut);
-    // With the mutex held: the file starts again, so its size is measured on the next line.
+    // With the mutex held: the file starts again, so its size is measured before the next write.
     void RestartSizeLimit();
     void WriteValue(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                     std::wstring_view sValue);
     void WriteQuoted(uint32_t uiLevel, const wchar_t* pwszFunction, const wchar_t* pwszName,
                      std::wstring_view sValue);
 
-    // The writer thread: started for a queued line when none runs; ends after a second without
-    // lines, or when stopped.
-    // False when no writer could be started: the caller then writes the queue itself.
+    // The writer thread: started for a queued line when none runs (false when none could be: the
+    // caller then writes the queue itself); ends after a second without lines, or with StopQueue.
     bool StartWriter() noexcept;
     static DWORD WINAPI WriterMain(void* pvTrace);
     void RunWriter() noexcept;
