@@ -202,11 +202,12 @@ CTrace::~CTrace()
     Flush();
     // Only where this object dies with the writer still at work: a test's own trace, or the
     // program's at its exit. In DllMain none can be (a writer holds the library loaded), except the
-    // writer itself, ending the library as it ends, and the writers that process exit has ended.
+    // writer itself, ending the library as it ends, and the writers that process exit has ended
+    // (their handles are signalled, and a wait that is not is cut short).
     if (bWriterRuns && m_hWriter && m_dwWriterId != ::GetCurrentThreadId())
     {
         ::SetEvent(m_hWake.get());
-        ::WaitForSingleObject(m_hWriter.get(), kMutexWaitMs + kWriterStopWaitMs);
+        ::WaitForSingleObject(m_hWriter.get(), kWriterStopWaitMs);
     }
 }
 
