@@ -95,19 +95,20 @@ TEST_F(FilespaceDiscoveryTest, ListsDrivesInLetterOrderThenMountPointsAndCopiesT
 
 TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
 {
-    // Each disrec.ini ([WinDir] and an MBR disk) and the message (severity, text) it draws.
-    const std::wstring sNoBoot = L"3 The Windows BOOT drive letter could not be determined",
-                       sNoSystem = L" The Windows SYSTEM drive letter could not be determined";
-    const std::pair<const char*, std::wstring> cases[] = {
-        {nullptr, sNoBoot}, // no disrec.ini
-        {"DriveLetter=c\r\nPhysicalDrive=0\r\nDirectory=\\W\r\nBootDriveLetter=D\r\n", sNoBoot},
-        {"DriveLetter=C\r\nDirectory=\\W\r\nBootDriveLetter=D\r\n", L"3" + sNoSystem},
-        {"DriveLetter=C\r\nPhysicalDrive=0\r\nBootDriveLetter=D\r\n",
-         L"3 The Windows installation directory could not be determined"},
-        {"DriveLetter=C\r\nPhysicalDrive=0\r\nDirectory=\\W\r\n", L"3" + sNoSystem},
-        {"DriveLetter=C\r\nPhysicalDrive=0\r\nDirectory=\\W\r\nBootPartition=1\r\n", L"2" + sNoSystem},
+    // Each disrec.ini's [WinDir] on an MBR disk (none: no disrec.ini) and the message it draws: its
+    // severity and text.
+    const wchar_t *pwszNoBoot = L"The Windows BOOT drive letter could not be determined",
+                  *pwszNoSystem = L"The Windows SYSTEM drive letter could not be determined";
+    const std::tuple<const char*, uint32_t, const wchar_t*> cases[] = {
+        {nullptr, 3, pwszNoBoot},
+        {"DriveLetter=c\r\nPhysicalDrive=0\r\nDirectory=\\W\r\nBootDriveLetter=D\r\n", 3, pwszNoBoot},
+        {"DriveLetter=C\r\nDirectory=\\W\r\nBootDriveLetter=D\r\n", 3, pwszNoSystem},
+        {"DriveLetter=C\r\nPhysicalDrive=0\r\nBootDriveLetter=D\r\n", 3,
+         L"The Windows installation directory could not be determined"},
+        {"DriveLetter=C\r\nPhysicalDrive=0\r\nDirectory=\\W\r\n", 3, pwszNoSystem},
+        {"DriveLetter=C\r\nPhysicalDrive=0\r\nDirectory=\\W\r\nBootPartition=1\r\n", 2, pwszNoSystem},
     };
-    for (const auto& [pszWinDir, sMessage] : cases)
+    for (const auto& [pszWinDir, uiSeverity, pwszMessage] : cases)
     {
         SCOPED_TRACE(pszWinDir ? pszWinDir : "no disrec.ini");
         RemoveTree(kConfigDir);
@@ -126,7 +127,8 @@ TEST_F(FilespaceDiscoveryTest, StopsAtAConfigurationWithoutTheWindowsLetters)
         g_vMessages.clear();
         EXPECT_EQ(L"refused: C:0", List()) << "what was listed before stays";
         ASSERT_EQ(4u, g_vMessages.size());
-        EXPECT_EQ(sMessage, std::to_wstring(g_vMessages[2].uiSeverity) + L" " + g_vMessages[2].sText);
+        EXPECT_EQ(uiSeverity, g_vMessages[2].uiSeverity);
+        EXPECT_EQ(pwszMessage, g_vMessages[2].sText);
         EXPECT_EQ(L"Failed to obtain BOOT/SYSTEM drive letters from ZOVA configuration", ErrorText());
     }
     // One that cannot be deleted (a folder of that name) stops the listing before the copy.

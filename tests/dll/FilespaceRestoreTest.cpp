@@ -394,33 +394,29 @@ TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWri
     // Pairs of names that the last restore's link pass made one file: backup copies that differ,
     // and large equal ones that keep two of the eight workers busy for seconds. Every file's
     // BackupWrite takes half of one large buffer, as a write may.
-    struct CPair
-    {
-        std::wstring sName1, sName2;
-        std::string sBytes1, sBytes2;
-    };
     const std::string sLarge = Pattern(160u << 20, 5);
-    const CPair kPairs[] = {{L"\\a1.txt", L"\\Sub\\a2.txt", Pattern(70000, 1), Pattern(90000, 2)},
-                            {L"\\big1.bin", L"\\big2.bin", sLarge, sLarge}};
+    const std::map<std::wstring, std::string> kCopies = {{L"\\a1.txt", Pattern(70000, 1)},
+                                                         {L"\\Sub\\a2.txt", Pattern(90000, 2)},
+                                                         {L"\\big1.bin", sLarge},
+                                                         {L"\\big2.bin", sLarge}};
     MakeFolders(kSourceE + L"\\Sub");
     MakeFolders(L"E:\\Sub");
-    for (const CPair& pair : kPairs)
+    for (const auto& [sName, sBytes] : kCopies)
+        WriteBytes(kSourceE + sName, sBytes);
+    for (const auto& [pwszName, pwszLink] :
+         {std::pair{L"E:\\a1.txt", L"E:\\Sub\\a2.txt"}, {L"E:\\big1.bin", L"E:\\big2.bin"}})
     {
-        WriteBytes(kSourceE + pair.sName1, pair.sBytes1);
-        WriteBytes(kSourceE + pair.sName2, pair.sBytes2);
-        WriteBytes(L"E:" + pair.sName1, "the earlier restore's bytes");
-        ASSERT_TRUE(::CreateHardLinkW((L"E:" + pair.sName2).c_str(), (L"E:" + pair.sName1).c_str(), nullptr));
+        WriteBytes(pwszName, "the earlier restore's bytes");
+        ASSERT_TRUE(::CreateHardLinkW(pwszLink, pwszName, nullptr));
     }
     ::SetFileAttributesW(L"E:\\a1.txt", FILE_ATTRIBUTE_READONLY);
     BackupStreamFaults().bHalfOfOneLargeWrite = true;
     ASSERT_TRUE(RestoreE(L"8")) << testing::PrintToString(ErrorText());
-    for (const CPair& pair : kPairs)
-        for (const auto& [sName, sBytes] :
-             {std::pair(pair.sName1, &pair.sBytes1), {pair.sName2, &pair.sBytes2}})
-        {
-            EXPECT_TRUE(ReadBytes(L"E:" + sName) == *sBytes) << testing::PrintToString(sName);
-            EXPECT_EQ(1u, FileIdentity(L"E:" + sName).dwLinks) << testing::PrintToString(sName);
-        }
+    for (const auto& [sName, sBytes] : kCopies)
+    {
+        EXPECT_TRUE(ReadBytes(L"E:" + sName) == sBytes) << testing::PrintToString(sName);
+        EXPECT_EQ(1u, FileIdentity(L"E:" + sName).dwLinks) << testing::PrintToString(sName);
+    }
     EXPECT_EQ(5u, ReadMetadata(L"E:").size()) << "no name of the old files is left beside them";
     EXPECT_EQ(1, winecompat::VolumeFlushes()) << "the volume once, not each file";
 }

@@ -202,10 +202,14 @@ TEST_F(SessionFixture, ErrorLinesReachTheLogBeforeTheirCallGoesOnAndOtherLinesWi
                 auto& seen = *reinterpret_cast<CSeen*>(ullSeen);
                 const ULONGLONG ullFirst = ::GetTickCount64();
                 for (int iMs = 0; !seen.bHeard && iMs <= 2000; iMs = int(::GetTickCount64() - ullFirst))
+                {
                     if (HasText(KeflLog(), seen.sLine))
-                        seen.iMs = iMs, seen.bHeard = true;
-                    else
-                        ::Sleep(10);
+                    {
+                        seen.iMs = iMs;
+                        break;
+                    }
+                    ::Sleep(10);
+                }
                 seen.bHeard = true;
                 return 0;
             },

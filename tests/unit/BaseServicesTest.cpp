@@ -9,20 +9,22 @@ using namespace morvane;
 TEST_F(BaseServicesFixture, HostFoldersComeFromQtxIniElseFromTheSystemKind)
 {
     // The system (5.2 is the recovery system), qtx.ini, and the log and configuration folders read.
-    const std::tuple<uint32_t, const char*, std::wstring> kRows[] = {
-        {OSCODE_WINPE_52, "", L"Z:\\DURN\\Logfiles|Z:\\DURNCFG"},
-        {OSCODE_WIN_61, "",
-         L"X:\\Program Files\\Morvane\\DURN\\Logfiles|X:\\Program Files\\Morvane\\DURNCFG"},
-        {OSCODE_WIN_61, "[File Locations]\r\nLogfiles=R:\\Logs\r\nConfig=R:\\Cfg\r\n", L"R:\\Logs|R:\\Cfg"},
-        {OSCODE_WINPE_52, "[File Locations]\r\nConfig=R:\\Cfg\r\n", L"Z:\\DURN\\Logfiles|R:\\Cfg"}};
-    for (const auto& [uiOS, pszQtxIni, sExpected] : kRows)
+    const std::wstring sHost = L"X:\\Program Files\\Morvane\\DURN";
+    const std::tuple<uint32_t, const char*, std::wstring, std::wstring> kRows[] = {
+        {OSCODE_WINPE_52, "", L"Z:\\DURN\\Logfiles", L"Z:\\DURNCFG"},
+        {OSCODE_WIN_61, "", sHost + L"\\Logfiles", sHost + L"CFG"},
+        {OSCODE_WIN_61, "[File Locations]\r\nLogfiles=R:\\Logs\r\nConfig=R:\\Cfg\r\n", L"R:\\Logs",
+         L"R:\\Cfg"},
+        {OSCODE_WINPE_52, "[File Locations]\r\nConfig=R:\\Cfg\r\n", L"Z:\\DURN\\Logfiles", L"R:\\Cfg"}};
+    for (const auto& [uiOS, pszQtxIni, sLogDirRead, sConfigDirRead] : kRows)
     {
         WriteTextFile(L"X:\\Program Files\\Morvane\\DURN\\qtx.ini", pszQtxIni);
         m_impl.m_uiOSVersion = uiOS;
         std::wstring sLogDir, sConfigDir;
         m_impl.GetLogDir(sLogDir);
         m_impl.GetConfigDir(sConfigDir);
-        EXPECT_EQ(sExpected, sLogDir + L"|" + sConfigDir) << "system " << uiOS << ", qtx.ini " << pszQtxIni;
+        EXPECT_EQ(sLogDirRead, sLogDir) << "system " << uiOS << ", qtx.ini " << pszQtxIni;
+        EXPECT_EQ(sConfigDirRead, sConfigDir) << "system " << uiOS << ", qtx.ini " << pszQtxIni;
     }
 }
 
