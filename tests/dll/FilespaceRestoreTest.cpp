@@ -540,14 +540,6 @@ CSmallStackRestore RestoreEOnASmallStack(morvane::VESK* pClient)
     return restore;
 }
 
-TEST_F(FilespaceRestoreTest, RestoresOnAHostThreadWithA64KiBStack)
-{
-    WriteSourceE();
-    const CSmallStackRestore restore = RestoreEOnASmallStack(m_pClient.get());
-    EXPECT_TRUE(restore.bResult) << testing::PrintToString(ErrorText());
-    EXPECT_LT(restore.cbStackUsed, 48u * 1024) << "bytes of stack; 64 KiB hold the thread";
-}
-
 // A chain of folders named sLevel ("\d") under sRoot with a file of that name at its bottom, grown
 // and taken down at its top by renames: every call names a short path (Wine looks a long path up
 // slowly, one folder at a time).
@@ -585,7 +577,8 @@ TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
     WriteBytes(kSourceE + sLevel, "the deepest file");
     std::wstring sRel = sLevel;
     while (sRel.size() < cchDeepest && ::CreateDirectoryW((kSourceE + L"\\n").c_str(), nullptr) &&
-           MoveChain(kSourceE + sLevel, kSourceE + L"\\n" + sLevel) && MoveChain(kSourceE + L"\\n", kSourceE + sLevel))
+           MoveChain(kSourceE + sLevel, kSourceE + L"\\n" + sLevel) &&
+           MoveChain(kSourceE + L"\\n", kSourceE + sLevel))
     {
         sRel += sLevel;
         if (::GetFileAttributesW(LongPath(kSourceE + sRel).c_str()) != INVALID_FILE_ATTRIBUTES)
