@@ -25,7 +25,7 @@ struct CRestoreRequest
     // Files an earlier run restored whole are kept (--resume).
     bool bResume = false;
     // No progress for this long is said, with what the restore is at.
-    uint64_t ullStallMs = 10 * 60 * 1000;
+    uint64_t ullStallMs = 10ull * 60 * 1000;
 };
 
 // Follows the started restore process to its end, fills the record and returns the exit status.

@@ -50,14 +50,15 @@ std::wstring LastError(morvane::VESK& client)
 int32_t SendMessage(uint32_t uiSeverity, std::wstring sMessage, // NOLINT(performance-unnecessary-value-param)
                     uint64_t ullContext)
 {
-    reinterpret_cast<const CEventSender*>(ullContext)->Send(
+    // The context value is the sender's address, as the callbacks were registered.
+    reinterpret_cast<const CEventSender*>(ullContext)->Send( // NOLINT(performance-no-int-to-ptr)
         {{"event", "message"}, {"severity", uiSeverity}, {"text", Text(sMessage)}});
     return 0;
 }
 
 int32_t SendProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext)
 {
-    reinterpret_cast<const CEventSender*>(ullContext)->Send(
+    reinterpret_cast<const CEventSender*>(ullContext)->Send( // NOLINT(performance-no-int-to-ptr)
         {{"event", "progress"},
          {"state", pMsg->uiState},
          {"title", Text(pMsg->sTitle)},

@@ -38,16 +38,12 @@ void FlushVolume(const std::wstring& sFolder)
     const CUniqueFile hVolume(::CreateFileW(sDevice.c_str(), GENERIC_READ | GENERIC_WRITE,
                                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
                                             nullptr));
-    DWORD dwLastError = ERROR_SUCCESS;
-    if (!hVolume)
-        dwLastError = ::GetLastError();
-    else if (::FlushFileBuffers(hVolume.get()))
+    if (hVolume && ::FlushFileBuffers(hVolume.get()))
     {
         g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Volume flushed", sDevice);
         return;
     }
-    else
-        dwLastError = ::GetLastError();
+    const DWORD dwLastError = ::GetLastError(); // of the open or of the flush, whichever failed
     g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Volume not flushed", sDevice);
     TraceLastError(kFn, dwLastError, TRACE_WARNING);
 }
