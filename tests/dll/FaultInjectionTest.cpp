@@ -15,8 +15,9 @@ using namespace kefltest;
 namespace
 {
 
-// A function KEFL.dll calls, failed with dwError in the sweep (when set), counted always. Handles come as
-// the answer (iOut -1) or through argument iOut, a second through iOut2; kind "" closes argument 0.
+// A function KEFL.dll calls, failed with dwError in the sweep (when set), counted always. What it does
+// with handles (pszKind): makes them, as the answer (iOut -1) or through argument iOut, a second
+// through iOut2, or "close"s argument 0.
 struct CCall
 {
     const char *pszDll, *pszName;
@@ -24,7 +25,7 @@ struct CCall
     const char* pszKind = nullptr;
     int iOut = -1, iOut2 = -1;
 };
-constexpr const char *kK32 = "KERNEL32.dll", *kAdv = "ADVAPI32.dll";
+constexpr const char *kK32 = "KERNEL32.dll", *kAdv = "ADVAPI32.dll", *kClose = "close";
 constexpr DWORD kDenied = ERROR_ACCESS_DENIED;
 constexpr CCall kCalls[] = {
     {kK32, "CreateFileW", kDenied, "file"},
@@ -57,8 +58,8 @@ constexpr CCall kCalls[] = {
     {kK32, "CreateEventW", 0, "event"},
     {kK32, "CreateThread", 0, "thread"},
     {kK32, "DuplicateHandle", 0, "duplicate", 3},
-    {kK32, "CloseHandle", 0, ""},
-    {kK32, "FindClose", 0, ""}};
+    {kK32, "CloseHandle", 0, kClose},
+    {kK32, "FindClose", 0, kClose}};
 constexpr size_t kRows = std::size(kCalls);
 std::atomic<int> g_aaCalls[kRows][2]; // a session's calls by function, the trace's own file apart
 std::atomic<size_t> g_iFailRow = kRows, g_iFailTrace = 0, g_iFailCall = 0;
@@ -72,6 +73,7 @@ template <size_t i, class U = uintptr_t> U Counted(U a0, U a1, U a2, U a3, U a4,
     static constexpr CCall c = kCalls[i];
     const U auArgs[] = {a0, a1, a2, a3, a4, a5, a6, a7, a8, a9};
     const std::string_view sName = c.pszName;
+    constexpr bool bCloses = c.pszKind == kClose;
     std::unique_lock lock(g_lock);
     const int iTrace = sName == "CreateFileW"
                            ? std::wcsstr((LPCWSTR)a0, L"_trace.log") != nullptr
@@ -86,17 +88,17 @@ template <size_t i, class U = uintptr_t> U Counted(U a0, U a1, U a2, U a3, U a4,
         return c.pszKind && c.iOut < 0 ? ~U(0) : 0;
     }
     const U r = reinterpret_cast<decltype(&Counted<i>)>(g_apReal[i])(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9);
-    if (!c.pszKind || !(c.iOut >= 0 || !*c.pszKind ? DWORD(r) != 0 : r != 0 && r != ~U(0)) ||
+    if (!c.pszKind || !(c.iOut >= 0 || bCloses ? DWORD(r) != 0 : r != 0 && r != ~U(0)) ||
         (c.iOut >= 0 && !auArgs[c.iOut])) // failed, or a duplication that only closes
         return r;
     const std::lock_guard relock(g_lock);
     const auto ph =
         c.iOut >= 0 ? reinterpret_cast<const HANDLE*>(auArgs[c.iOut]) : reinterpret_cast<const HANDLE*>(&r);
-    if (!*c.pszKind)
+    if (bCloses)
         g_live.erase((HANDLE)a0);
     else
         g_live[ph[0]] = iTrace;
-    if (*c.pszKind && c.iOut2 >= 0)
+    if (!bCloses && c.iOut2 >= 0)
         g_live[c.iOut2 == c.iOut ? ph[1] : *reinterpret_cast<const HANDLE*>(auArgs[c.iOut2])] = false;
     return r;
 }
