@@ -8,7 +8,6 @@
 #include <windows.h>
 
 #include <bit>
-#include <vector>
 
 namespace kefltest
 {

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <map>
-#include <vector>
 #include <string>
 
 namespace kefltest
