@@ -379,8 +379,10 @@ void CRestoreFollower::CheckStall(uint64_t ullNowMs)
         return;
     m_bStallSaid = true;
     const std::wstring sLast = m_trace.ReadFrom(m_mark).sLastNamed;
-    PrintLine(L"keflhost: no progress for " + std::to_wstring((ullNowMs - m_ullLastProgressMs) / 60000) +
-              L" minutes while restoring " + Name(m_current) +
+    const uint64_t ullSeconds = (ullNowMs - m_ullLastProgressMs) / 1000;
+    PrintLine(L"keflhost: no progress for " +
+              (ullSeconds < 60 ? Count(ullSeconds, L"second", L"seconds") : Count(ullSeconds / 60, L"minute", L"minutes")) +
+              L" while restoring " + Name(m_current) +
               (sLast.empty() ? L"; the trace names no file yet" : L"; the last file the trace names: " + sLast));
 }
 

@@ -101,8 +101,8 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
             options.request.bResume = true;
         else if (sArg == L"--restore" && bHasValue)
             options.request.vSelected = SplitList(argv[++i]);
-        else if (sArg == L"--stall-minutes" && bHasValue && std::wcstoul(argv[i + 1], nullptr, 10) > 0)
-            options.request.ullStallMs = std::wcstoul(argv[++i], nullptr, 10) * 60000ull;
+        else if (sArg == L"--stall-minutes" && bHasValue && std::wcstod(argv[i + 1], nullptr) > 0)
+            options.request.ullStallMs = static_cast<uint64_t>(std::wcstod(argv[++i], nullptr) * 60000);
         else
             return false;
     }

@@ -2,7 +2,8 @@
 // order: --pid writes its process id and a line feed, --sleep MS, --exit CODE; any other argument is
 // written as it is (control characters too), straight to the standard output handle.
 // As keflhost's stand-in restore process (KEFL_TEST_CHILD_SCRIPT names a file in the environment),
-// it writes that file to its standard output instead and ends with KEFL_TEST_CHILD_EXIT.
+// it writes that file to its standard output instead, waits KEFL_TEST_CHILD_SLEEP milliseconds and
+// ends with KEFL_TEST_CHILD_EXIT.
 #include <windows.h>
 
 #include <fstream>
@@ -18,6 +19,8 @@ int main(int argc, char** argv)
         DWORD cbWritten = 0;
         ::WriteFile(::GetStdHandle(STD_OUTPUT_HANDLE), sOut.data(), static_cast<DWORD>(sOut.size()),
                     &cbWritten, nullptr);
+        if (char szSleep[32]; ::GetEnvironmentVariableA("KEFL_TEST_CHILD_SLEEP", szSleep, sizeof(szSleep)))
+            ::Sleep(std::stoul(szSleep));
         char szExit[32] = "0";
         ::GetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", szExit, sizeof(szExit));
         return static_cast<int>(std::stoul(szExit, nullptr, 0));

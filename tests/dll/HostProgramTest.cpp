@@ -347,8 +347,15 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
         EXPECT_FALSE(ReadReport(L"R:\\Host\\Cut.json").value("cutShort", "").empty()) << pszSaid;
     }
-    for (const wchar_t* pwszName :
-         {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT"})
+    // A restore that stops sending progress: said once the stall lasts, and not ended for it.
+    WriteBytes(sScript, kBegun);
+    ::SetEnvironmentVariableA("KEFL_TEST_CHILD_SLEEP", "3000");
+    const auto [dwStalled, sStalled] = RunHost(L"--location R:\\Anything --stall-minutes 0.02");
+    const size_t posStall = sStalled.find("keflhost: no progress for ");
+    EXPECT_NE(std::string::npos, sStalled.find(" while restoring F:", posStall)) << sStalled;
+    EXPECT_NE(std::string::npos, sStalled.find("exit code 0x00000000")) << "ended by itself:\n" << sStalled;
+    for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT",
+                                    L"KEFL_TEST_CHILD_SLEEP"})
         ::SetEnvironmentVariableW(pwszName, nullptr);
 }
 
