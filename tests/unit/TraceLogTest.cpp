@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <optional>
+#include <thread>
 
 using namespace morvane;
 using namespace kefltest;
@@ -125,4 +126,43 @@ TEST_F(TraceLog, AfterAWaitTimesOutLinesOnlyTryTheLogUntilOneGetsIt)
         EXPECT_EQ(std::vector<DWORD>{dwWait}, s_vWaits);
         EXPECT_EQ(bWritten, HasText(ReadLogLines(pTrace->GetFilePath()), std::wstring(L"F : ") + pwszCase));
     }
+}
+
+// A thread's lines keep their order when another thread, writing the queue, is held up at the log's
+// mutex: the queue is taken only once the mutex is had, so a later write cannot overtake it.
+TEST_F(TraceLog, AWriterHeldUpAtTheMutexLetsNoLineOvertakeAnEarlierOne)
+{
+    auto pTrace = NewTrace();
+    static std::atomic<DWORD> s_dwHeldUp{0};
+    static HANDLE s_hWaiting = nullptr, s_hGoOn = nullptr;
+    static decltype(&::WaitForSingleObject) s_pfnWait = nullptr;
+    const CUniqueHandle hWaiting(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    const CUniqueHandle hGoOn(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    s_hWaiting = hWaiting.get();
+    s_hGoOn = hGoOn.get();
+    s_pfnWait = m_patches.Patch(
+        m_hExe, "KERNEL32.dll", "WaitForSingleObject",
+        +[](HANDLE h, DWORD dwMs) -> DWORD
+        {
+            if (DWORD dwThread = ::GetCurrentThreadId(); s_dwHeldUp.compare_exchange_strong(dwThread, 0))
+                ::SignalObjectAndWait(s_hWaiting, s_hGoOn, INFINITE, FALSE); // once
+            return s_pfnWait(h, dwMs);
+        });
+    pTrace->TraceMessage(TRACE_INFO, L"F", L"1"); // queued
+    std::thread heldUp(
+        [&]
+        {
+            s_dwHeldUp = ::GetCurrentThreadId();
+            pTrace->TraceMessage(TRACE_ERROR, L"H", L"x"); // writes the queue, held up at the mutex
+        });
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hWaiting.get(), 60000));
+    pTrace->TraceMessage(TRACE_ERROR, L"F", L"2"); // written meanwhile
+    ::SetEvent(hGoOn.get());
+    heldUp.join();
+    m_patches.Clear();
+    std::vector<std::wstring> vMine; // this thread's lines in the log's order
+    for (const auto& sLine : ReadLogLines(pTrace->GetFilePath()))
+        if (const auto line = ParseTraceLine(sLine); line && line->uiThreadId == ::GetCurrentThreadId())
+            vMine.push_back(line->sText);
+    EXPECT_EQ((std::vector<std::wstring>{L"F : 1", L"F : 2"}), vMine);
 }
