@@ -73,7 +73,7 @@ template <size_t i, class U = uintptr_t> U Counted(U a0, U a1, U a2, U a3, U a4,
     static constexpr CCall c = kCalls[i];
     const U auArgs[] = {a0, a1, a2, a3, a4, a5, a6, a7, a8, a9};
     const std::string_view sName = c.pszName;
-    constexpr bool bCloses = c.pszKind == kClose;
+    const bool bCloses = std::string_view(c.pszKind ? c.pszKind : "") == kClose;
     std::unique_lock lock(g_lock);
     const int iTrace = sName == "CreateFileW"
                            ? std::wcsstr((LPCWSTR)a0, L"_trace.log") != nullptr
