@@ -1,8 +1,9 @@
 #!/bin/sh
 # keflhost on a terminal, as an administrator watches it: the library's Init makes a console of its
 # own in the restore process, and every line after it still reaches the screen, the progress bar
-# among them. A Windows program cannot read a Wine console's screen back, so the terminal is a
-# pseudo-terminal of script(1), whose record is read here.
+# among them; and Ctrl+C typed there stops the restore, and keflhost still reports. A Windows
+# program cannot read a Wine console's screen back, so the terminal is a pseudo-terminal of
+# script(1), whose record is read here and whose input carries the Ctrl+C.
 # Usage: host-on-terminal.sh SOURCE_DIR ENV_DIR RUN_IN_WINE
 set -eu
 src=$1
@@ -12,7 +13,7 @@ backup="$env/r/TermSample"
 "$src/scripts/make-sample-backup.sh" "$backup" "$env/r/TermSample.ini"
 rm -rf "$env/e/"*
 screen=$(mktemp)
-trap 'rm -rf "$screen" "$backup" "$env/r/TermSample.ini" "$env/e/"*' EXIT
+trap 'rm -rf "$screen" "$backup" "$env/r/TermSample.ini" "$env/r/TermMany" "$env/e/"* "$env/f/"*' EXIT
 script -qfec "'$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermSample' --restore E" \
     "$screen" >/dev/null </dev/null
 for said in 'Filespaces:' '[info] Successfully restored drive letter E:' '[####################] 100%' \
@@ -20,3 +21,26 @@ for said in 'Filespaces:' '[info] Successfully restored drive letter E:' '[#####
     grep -qF "$said" "$screen" || { echo "not on the screen: $said"; cat -v "$screen"; exit 1; }
 done
 echo "every line after the library's Init reached the terminal"
+
+# Ctrl+C while a drive of 3,000 files is restored: typed once the restore has begun.
+many="$env/r/TermMany"
+mkdir -p "$many/F/ZOVACFG" "$many/#"
+printf '[WinDir]\r\nDriveLetter=F\r\nPhysicalDrive=0\r\nDirectory=F:\\Windows\r\nBootDriveLetter=F\r\n' >"$many/#/disrec.ini"
+: >"$many/#/HPoint.dat"
+for folder in 0 1 2 3 4 5 6 7 8 9; do
+    mkdir -p "$many/F/d$folder"
+    for file in $(seq 1 300); do echo "$folder $file" >"$many/F/d$folder/f$file.txt"; done
+done
+rm -rf "$env/f/"*
+: >"$screen"
+status=0
+{
+    until grep -q "Counting objects" "$screen"; do sleep 0.1; done
+    printf '\003'
+    # The terminal's input stays open until keflhost has ended (at most 20 s).
+    for _ in $(seq 1 100); do grep -q "Script done" "$screen" && break; sleep 0.2; done
+} | script -qfec "'$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermMany'" "$screen" \
+    >/dev/null || status=$?
+grep -qF "stopped by the user" "$screen" || { echo "Ctrl+C did not stop the restore"; cat -v "$screen"; exit 1; }
+[ "$status" -eq 18 ] || { echo "Ctrl+C: exit status $status, not 18 (cut short, files not restored)"; exit 1; }
+echo "Ctrl+C stopped the restore, and keflhost said so"
