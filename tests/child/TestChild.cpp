@@ -1,9 +1,8 @@
 // kefl_test_child.exe, the command of the command runner's tests. Its arguments are steps done in
 // order: --pid writes its process id and a line feed, --sleep MS, --exit CODE; any other argument is
 // written as it is (control characters too), straight to the standard output handle.
-// As keflhost's stand-in restore process (KEFL_TEST_CHILD_SCRIPT names a file in the environment),
-// it writes that file to its standard output instead, waits KEFL_TEST_CHILD_SLEEP milliseconds and
-// ends with KEFL_TEST_CHILD_EXIT.
+// As keflhost's stand-in restore process it writes the file KEFL_TEST_CHILD_SCRIPT names instead,
+// waits KEFL_TEST_CHILD_SLEEP ms and ends with KEFL_TEST_CHILD_EXIT (all from the environment).
 #include <windows.h>
 
 #include <fstream>

