@@ -3,7 +3,9 @@
 # own in the restore process, and every line after it still reaches the screen, the progress bar
 # among them; and Ctrl+C typed there stops the restore, and keflhost still reports. A Windows
 # program cannot read a Wine console's screen back, so the terminal is a pseudo-terminal of
-# script(1), whose record is read here and whose input carries the Ctrl+C.
+# script(1), whose record is read here and whose input carries the Ctrl+C. script runs its
+# command with $SHELL -c; the command execs keflhost, so that no shell (dash, where SHELL is
+# /bin/sh) waits in the terminal's process group and dies of the Ctrl+C's SIGINT with 130.
 # Usage: host-on-terminal.sh SOURCE_DIR ENV_DIR RUN_IN_WINE
 set -eu
 src=$1
@@ -14,7 +16,7 @@ backup="$env/r/TermSample"
 rm -rf "$env/e/"*
 screen=$(mktemp)
 trap 'rm -rf "$screen" "$backup" "$env/r/TermSample.ini" "$env/r/TermMany" "$env/e/"* "$env/f/"*' EXIT
-script -qfec "'$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermSample' --restore E" \
+script -qfec "exec '$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermSample' --restore E" \
     "$screen" >/dev/null </dev/null
 for said in 'Filespaces:' '[info] Successfully restored drive letter E:' '[####################] 100%' \
     'E:  6 of 6 files and 6 of 6 folders came back'; do
@@ -39,7 +41,7 @@ status=0
     printf '\003'
     # The terminal's input stays open until keflhost has ended (at most 20 s).
     for _ in $(seq 1 100); do grep -q "Script done" "$screen" && break; sleep 0.2; done
-} | script -qfec "'$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermMany'" "$screen" \
+} | script -qfec "exec '$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermMany'" "$screen" \
     >/dev/null || status=$?
 grep -qF "stopped by the user" "$screen" || { echo "Ctrl+C did not stop the restore"; cat -v "$screen"; exit 1; }
 [ "$status" -eq 18 ] || { echo "Ctrl+C: exit status $status, not 18 (cut short, files not restored)"; exit 1; }
