@@ -365,7 +365,8 @@ void KEFLImpl::AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& p
 // folders are made here, in walk order, and each file goes to a worker. A failing entry is noted
 // and the walk goes on: as much as possible is restored. The paths are built into two buffers that
 // keep their size from entry to entry. Answers whether any entry failed.
-bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, ProgMsg& progress)
+bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, uint32_t uiThreads,
+                              ProgMsg& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
     CRestoreProgress reporter(progress, m_channel, walk.ullBytes);
@@ -375,7 +376,7 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
     int64_t llSkippedFolders = 0;
     {
         const bool bSkipUnchanged = SkipUnchanged();
-        CCopyWorkers workers(RestoreThreads(), [&reporter] { reporter.Report(); });
+        CCopyWorkers workers(uiThreads, [&reporter] { reporter.Report(); });
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
             const CWalkEntry& entry = walk.Entry(uiEntry);
@@ -434,8 +435,9 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     // Until the walk has handed over every file, the link pass takes none of this filespace's
     // files as restored: a walk stopped by an exception leaves files neither copied nor failed.
     m_unrestored.WalkBegins(folders.sDst);
+    const uint32_t uiThreads = RestoreThreads();
     CWalkList walk;
-    if (!WalkFilespace(folders.sSrc, walk))
+    if (!WalkFilespace(folders.sSrc, walk, uiThreads))
     {
         progress.uiState = PROG_STATE_FAILED;
         m_channel.ReportProgress(progress);
@@ -445,7 +447,7 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFiles, static_cast<int64_t>(walk.ullFiles));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFolders, static_cast<int64_t>(walk.ullDirectories));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
-    const bool bFailed = RestoreEntries(walk, folders, progress);
+    const bool bFailed = RestoreEntries(walk, folders, uiThreads, progress);
     m_unrestored.WalkEnded(folders.sDst);
     RestoreFolderTimes(walk, folders.sDst);
     FlushVolume(folders.Root());

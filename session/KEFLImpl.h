@@ -79,7 +79,8 @@ public:
                      bool bSkipUnchanged, CRestoreProgress& progress);
     // Whether files an earlier run restored whole are kept: trace.ini's KEFL_SkipUnchanged, 1 or 0.
     bool SkipUnchanged();
-    // How many files are in flight at once: trace.ini's KEFL_RestoreThreads, 1 to 64, else 8.
+    // How many files are in flight at once, and folders listed at once by the walk: trace.ini's
+    // KEFL_RestoreThreads, 1 to 64, else 8.
     uint32_t RestoreThreads();
 
     // Where one filespace's files come from (in the backup) and go to ("E:" or a mount folder).
@@ -96,7 +97,8 @@ private:
     bool CheckDestination(const Filespace& fs, const Point*& pMountPoint);
     bool ResolveFolders(const Filespace& fs, CFilespaceFolders& folders);
     void AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& progress);
-    bool RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, ProgMsg& progress);
+    bool RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, uint32_t uiThreads,
+                        ProgMsg& progress);
 
     // The parts of GetFilespaceList and GetBOOTandSYSTEM (FilespaceDiscovery.cpp).
     bool ListDriveFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces);
