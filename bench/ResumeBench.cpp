@@ -7,12 +7,7 @@
 // Every file is counted after each restore; it exits 2 when it could not measure, else 0.
 //
 //   kefl_resume_bench [--rounds N] [--files N]
-#include "VESK.h"
-#include "VeskCredentials.h"
-#include "bench/BenchFiles.h"
-#include "bench/ShareStandIn.h"
-#include "platform/UniqueHandle.h"
-#include "winecompat/WineStandIns.h"
+#include "bench/BenchKefl.h"
 
 #include <windows.h>
 
@@ -20,101 +15,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
-using namespace morvane;
 using namespace benchfiles;
-using namespace sharestandin;
+using namespace benchkefl;
 
 namespace
 {
 
 const std::wstring kRoot = L"R:\\ResumeBench";
 const std::wstring kBackup = kRoot + L"\\Backup";
-const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.resumebench";
 
-struct CKefl
-{
-    CUniqueLibrary hModule;
-    std::unique_ptr<winecompat::CWineStandIns> pWine;
-    std::unique_ptr<CShareStandIn> pShare;
-    FactoryFn pfnFactory = nullptr;
-    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
-};
-
-// trace.ini with the setting, dated a second later each time: Wine's profile cache would keep an
-// unchanged name and time.
-void WriteTraceIni(bool bSkipUnchanged)
-{
-    static ULONGLONG s_ullStamp = 0;
-    const std::string sIni = std::string("[Main]\r\nKEFL_RestoreThreads=8\r\nKEFL_SkipUnchanged=") +
-                             (bSkipUnchanged ? "1" : "0") + "\r\n";
-    WriteBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
-    const CUniqueFile hIni(::CreateFileW(kTraceIni, FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    FILETIME ft;
-    ::GetSystemTimeAsFileTime(&ft);
-    ULARGE_INTEGER uli{{ft.dwLowDateTime, ft.dwHighDateTime}};
-    uli.QuadPart += (++s_ullStamp) * 10000000ull;
-    ft = {uli.LowPart, uli.HighPart};
-    ::SetFileTime(hIni.get(), nullptr, nullptr, &ft);
-}
-
 // One restore of drive E; its seconds, < 0 when it failed or left a file out.
-double Restore(CKefl& kefl, bool bSkipUnchanged, size_t nFiles)
+double Restore(const CKefl& kefl, bool bSkipUnchanged, size_t nFiles)
 {
-    WriteTraceIni(bSkipUnchanged);
-    struct CDeleter
-    {
-        void operator()(VESK* p) const { delete p; }
-    };
-    std::unique_ptr<VESK, CDeleter> pClient(kefl.pfnFactory());
-    std::unique_ptr<VeskCredentials> pCredentials(kefl.pfnCredentialsFactory());
-    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = kBackup;
-    if (!pClient || !pCredentials || !pClient->Init(pCredentials.get()))
-        return -1.0;
-    Filespace fs{};
-    fs.sFsPath = L"E:\\";
-    fs.wcFsDriveLetter = L'E';
-    const double dStart = Seconds();
-    const bool bOk = pClient->RestoreFilespace(fs);
-    const double dSeconds = Seconds() - dStart;
-    pClient->Fini();
-    return bOk && CountFiles(L"E:\\Tree") == nFiles ? dSeconds : -1.0;
-}
-
-bool MakeTree(size_t nFiles)
-{
-    const std::wstring sTree = kBackup + L"\\E\\Tree";
-    for (const std::wstring& sDir : {kRoot, kBackup, kBackup + L"\\#", kBackup + L"\\E", sTree})
-        ::CreateDirectoryW(sDir.c_str(), nullptr);
-    std::vector<char> vData(4096, 'r');
-    bool bOk = WriteBytes(kBackup + L"\\#\\HPoint.dat", "", 0);
-    for (size_t i = 0; bOk && i < nFiles; ++i)
-    {
-        const std::wstring sDir = sTree + L"\\R" + std::to_wstring(i / 100);
-        if (i % 100 == 0)
-            ::CreateDirectoryW(sDir.c_str(), nullptr);
-        bOk = WriteBytes(sDir + L"\\r" + std::to_wstring(i) + L".dat", vData.data(),
-                         static_cast<DWORD>(1 + i * 977 % 4096));
-    }
-    return bOk;
-}
-
-bool Load(CKefl& kefl)
-{
-    kefl.hModule.reset(::LoadLibraryW(L"KEFL.dll"));
-    if (!kefl.hModule)
-        return false;
-    kefl.pfnFactory =
-        reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "Factory")));
-    kefl.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
-        reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "CredentialsFactory")));
-    kefl.pWine = std::make_unique<winecompat::CWineStandIns>(kefl.hModule.get());
-    kefl.pShare = std::make_unique<CShareStandIn>(kefl.hModule.get());
-    return kefl.pfnFactory && kefl.pfnCredentialsFactory && kefl.pShare->Applied();
+    WriteTraceIni(std::string("[Main]\r\nKEFL_RestoreThreads=8\r\nKEFL_SkipUnchanged=") +
+                  (bSkipUnchanged ? "1" : "0") + "\r\n");
+    const double dSeconds = RestoreDriveE(kefl, kBackup);
+    return dSeconds >= 0 && CountFiles(L"E:\\Tree") == nFiles ? dSeconds : -1.0;
 }
 
 } // namespace
@@ -131,18 +51,19 @@ int main(int argc, char** argv)
             iRounds = std::max(1, std::atoi(argv[i + 1]));
     }
     CKefl kefl;
-    if (!Load(kefl))
+    if (!kefl.Load())
         return std::wprintf(L"Cannot load KEFL.dll with its stand-ins\n"), 2;
     const bool bSavedIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
     RemoveTree(kRoot);
-    if (!MakeTree(nFiles))
+    ::CreateDirectoryW(kRoot.c_str(), nullptr);
+    if (!MakeSmallFiles(kBackup, nFiles))
         return std::wprintf(L"Cannot make the tree\n"), 2;
     int iRc = 0;
     std::wprintf(L"%8ls %6ls %6ls  %12ls %12ls  %8ls\n", L"files", L"trip", L"round", L"first", L"again",
                  L"again/first");
     for (const DWORD dwMs : {0UL, 2UL})
     {
-        g_dwRoundTripMs = dwMs;
+        sharestandin::g_dwRoundTripMs = dwMs;
         std::vector<double> vRatios;
         for (int iRound = 1; iRound <= iRounds; ++iRound)
         {

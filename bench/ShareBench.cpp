@@ -9,12 +9,8 @@
 // than 1. Every copy is counted afterwards. Exits 2 when it could not measure, else 0.
 //
 //   kefl_share_bench [--round-trip-ms N] [--trace-level N] [FILES ...]
-#include "VESK.h"
-#include "VeskCredentials.h"
-#include "bench/BenchFiles.h"
-#include "bench/ShareStandIn.h"
+#include "bench/BenchKefl.h"
 #include "platform/UniqueHandle.h"
-#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 
@@ -29,6 +25,7 @@
 
 using namespace morvane;
 using namespace benchfiles;
+using namespace benchkefl;
 using namespace sharestandin;
 
 namespace
@@ -37,7 +34,6 @@ namespace
 const std::wstring kRoot = L"R:\\ShareBench";
 const std::wstring kBackup = kRoot + L"\\Backup";
 const std::wstring kTree = kBackup + L"\\E\\Tree";
-const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.sharebench";
 constexpr unsigned kBaselineThreads = 8;
 
@@ -113,59 +109,13 @@ bool ListThenCopy(const std::wstring& sSrc, const std::wstring& sDst)
     return bOk;
 }
 
-bool MakeTree(size_t nFiles)
-{
-    for (const std::wstring& sDir : {kRoot, kBackup, kBackup + L"\\#", kBackup + L"\\E", kTree})
-        ::CreateDirectoryW(sDir.c_str(), nullptr);
-    if (!WriteBytes(kBackup + L"\\#\\HPoint.dat", "", 0))
-        return false;
-    std::vector<char> vData(4096, 's');
-    for (size_t i = 0; i < nFiles; ++i)
-    {
-        const std::wstring sDir = kTree + L"\\S" + std::to_wstring(i / 100);
-        if (i % 100 == 0)
-            ::CreateDirectoryW(sDir.c_str(), nullptr);
-        if (!WriteBytes(sDir + L"\\s" + std::to_wstring(i) + L".dat", vData.data(),
-                        static_cast<DWORD>(1 + i * 977 % 4096)))
-            return false;
-    }
-    return true;
-}
-
-struct CKefl
-{
-    CUniqueLibrary hModule;
-    std::unique_ptr<winecompat::CWineStandIns> pWine;
-    std::unique_ptr<CShareStandIn> pShare;
-    FactoryFn pfnFactory = nullptr;
-    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
-};
-
 // One restore of drive E with uiWorkers; its seconds, < 0 on failure.
-double RestoreWith(CKefl& kefl, unsigned uiWorkers)
+double RestoreWith(const CKefl& kefl, unsigned uiWorkers)
 {
     const std::string sLevel = std::to_string(g_iTraceLevel);
-    const std::string sIni = "[Main]\r\nKEFL_TraceLevel=" + sLevel + "\r\nVESK_TraceLevel=" + sLevel +
-                             "\r\nKEFL_RestoreThreads=" + std::to_string(uiWorkers) + "\r\n";
-    ::DeleteFileW(kTraceIni); // a new file each time: the profile cache keeps an unchanged one
-    WriteBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
-    struct CDeleter
-    {
-        void operator()(VESK* p) const { delete p; }
-    };
-    std::unique_ptr<VESK, CDeleter> pClient(kefl.pfnFactory());
-    std::unique_ptr<VeskCredentials> pCredentials(kefl.pfnCredentialsFactory());
-    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = kBackup;
-    if (!pClient || !pCredentials || !pClient->Init(pCredentials.get()))
-        return -1.0;
-    Filespace fs{};
-    fs.sFsPath = L"E:\\";
-    fs.wcFsDriveLetter = L'E';
-    const double dStart = Seconds();
-    const bool bOk = pClient->RestoreFilespace(fs);
-    const double dSeconds = Seconds() - dStart;
-    pClient->Fini();
-    return bOk ? dSeconds : -1.0;
+    WriteTraceIni("[Main]\r\nKEFL_TraceLevel=" + sLevel + "\r\nVESK_TraceLevel=" + sLevel +
+                  "\r\nKEFL_RestoreThreads=" + std::to_string(uiWorkers) + "\r\n");
+    return RestoreDriveE(kefl, kBackup);
 }
 
 } // namespace
@@ -187,17 +137,8 @@ int main(int argc, char** argv)
         vSizes = {1000, 10000};
 
     CKefl kefl;
-    kefl.hModule.reset(::LoadLibraryW(L"KEFL.dll"));
-    if (!kefl.hModule)
-        return std::wprintf(L"Cannot load KEFL.dll\n"), 2;
-    kefl.pfnFactory =
-        reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "Factory")));
-    kefl.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
-        reinterpret_cast<void*>(::GetProcAddress(kefl.hModule.get(), "CredentialsFactory")));
-    kefl.pWine = std::make_unique<winecompat::CWineStandIns>(kefl.hModule.get());
-    kefl.pShare = std::make_unique<CShareStandIn>(kefl.hModule.get());
-    if (!kefl.pfnFactory || !kefl.pfnCredentialsFactory || !kefl.pShare->Applied())
-        return std::wprintf(L"Cannot put the stand-ins into KEFL.dll's imports\n"), 2;
+    if (!kefl.Load())
+        return std::wprintf(L"Cannot load KEFL.dll with its stand-ins\n"), 2;
     const bool bSavedIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
 
     int iRc = 0;
@@ -208,7 +149,8 @@ int main(int argc, char** argv)
         RemoveTree(kRoot);
         RemoveTree(L"E:\\Tree");
         RemoveTree(L"F:\\ShareTree");
-        if (!MakeTree(nFiles))
+        ::CreateDirectoryW(kRoot.c_str(), nullptr);
+        if (!MakeSmallFiles(kBackup, nFiles))
             return std::wprintf(L"Cannot make the tree\n"), 2;
         for (DWORD dwMs : vRoundTrips)
         {

@@ -17,13 +17,9 @@
 // could not measure, else 0 (MISS included).
 //
 //   kefl_trace_cost_bench [--rounds N] [--local-files N] [--share-files N] [--round-trip-ms N]
-#include "VESK.h"
-#include "VeskCredentials.h"
-#include "bench/BenchFiles.h"
-#include "bench/ShareStandIn.h"
+#include "bench/BenchKefl.h"
 #include "platform/UniqueHandle.h"
 #include "winecompat/IatPatch.h"
-#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 
@@ -38,13 +34,13 @@
 
 using namespace morvane;
 using namespace benchfiles;
+using namespace benchkefl;
 using namespace sharestandin;
 
 namespace
 {
 
 const std::wstring kRoot = L"R:\\TraceCostBench";
-const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.tracecostbench";
 constexpr unsigned kWorkers = 8;
 constexpr double kTarget = 1.10;
@@ -134,14 +130,9 @@ BOOL WINAPI CountedReleaseMutex(HANDLE h)
 }
 
 // KEFL.dll with the Wine stand-ins, the share over them and the counters over the share.
-struct CKefl
+struct CCountedKefl : CKefl
 {
-    CUniqueLibrary hModule;
-    std::unique_ptr<winecompat::CWineStandIns> pWine;
-    std::unique_ptr<CShareStandIn> pShare;
     std::vector<std::unique_ptr<winecompat::CIatPatch>> vCounters;
-    FactoryFn pfnFactory = nullptr;
-    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
 
     template <typename Fn> void Count(const char* pszFunction, Fn pfn, void*& pfnReal)
     {
@@ -151,50 +142,30 @@ struct CKefl
     }
     bool Load()
     {
-        hModule.reset(::LoadLibraryW(L"KEFL.dll"));
-        if (!hModule)
+        if (!CKefl::Load())
             return false;
-        pfnFactory =
-            reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(hModule.get(), "Factory")));
-        pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
-            reinterpret_cast<void*>(::GetProcAddress(hModule.get(), "CredentialsFactory")));
-        pWine = std::make_unique<winecompat::CWineStandIns>(hModule.get());
-        pShare = std::make_unique<CShareStandIn>(hModule.get());
         Count("CreateFileW", &CountedCreateFileW, g_pfnCountedCreateFile);
         Count("WriteFile", &CountedWriteFile, g_pfnWriteFile);
         Count("CloseHandle", &CountedCloseHandle, g_pfnCountedCloseHandle);
         Count("WaitForSingleObject", &CountedWaitForSingleObject, g_pfnWait);
         Count("ReleaseMutex", &CountedReleaseMutex, g_pfnRelease);
-        return pfnFactory && pfnCredentialsFactory && pShare->Applied() &&
-               std::all_of(vCounters.begin(), vCounters.end(), [](const auto& p) { return p->IsApplied(); });
+        return std::all_of(vCounters.begin(), vCounters.end(), [](const auto& p) { return p->IsApplied(); });
     }
-    ~CKefl()
+    ~CCountedKefl()
     {
         while (!vCounters.empty()) // the last patch first: each put back what was there before it
             vCounters.pop_back();
     }
 };
 
-// trace.ini for a way, each time with a modification time of its own: Wine's profile cache would
-// keep an unchanged name and time.
-void WriteTraceIni(Mode mode)
+// trace.ini for a way.
+void WriteTraceIniFor(Mode mode)
 {
-    static ULONGLONG s_ullStamp = 0;
     const char* pszLevel = mode == Off ? "0" : "3";
     const char* pszEachLine = mode == Before ? "1" : "0";
-    const std::string sIni = std::string("[Main]\r\nKEFL_TraceLevel=") + pszLevel +
-                             "\r\nVESK_TraceLevel=" + pszLevel + "\r\nKEFL_TraceEachLine=" + pszEachLine +
-                             "\r\nVESK_TraceEachLine=" + pszEachLine +
-                             "\r\nKEFL_RestoreThreads=" + std::to_string(kWorkers) + "\r\n";
-    WriteBytes(kTraceIni, sIni.data(), static_cast<DWORD>(sIni.size()));
-    const CUniqueFile hIni(
-        ::CreateFileW(kTraceIni, FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    FILETIME ft;
-    ::GetSystemTimeAsFileTime(&ft);
-    ULARGE_INTEGER uli{{ft.dwLowDateTime, ft.dwHighDateTime}};
-    uli.QuadPart += (++s_ullStamp) * 10000000ull; // a second on each time
-    ft = {uli.LowPart, uli.HighPart};
-    ::SetFileTime(hIni.get(), nullptr, nullptr, &ft);
+    WriteTraceIni(std::string("[Main]\r\nKEFL_TraceLevel=") + pszLevel + "\r\nVESK_TraceLevel=" + pszLevel +
+                  "\r\nKEFL_TraceEachLine=" + pszEachLine + "\r\nVESK_TraceEachLine=" + pszEachLine +
+                  "\r\nKEFL_RestoreThreads=" + std::to_string(kWorkers) + "\r\n");
 }
 
 struct CRun
@@ -206,9 +177,9 @@ struct CRun
 
 // One restore of drive E of sBackup in the given way; the logs emptied first, so that every run
 // appends to a file of the same size.
-CRun Restore(CKefl& kefl, const std::wstring& sBackup, Mode mode)
+CRun Restore(const CCountedKefl& kefl, const std::wstring& sBackup, Mode mode)
 {
-    WriteTraceIni(mode);
+    WriteTraceIniFor(mode);
     // The logs are beside the program, in the host's folder.
     static const std::wstring s_sLogDir = []
     {
@@ -219,51 +190,17 @@ CRun Restore(CKefl& kefl, const std::wstring& sBackup, Mode mode)
     }();
     for (const wchar_t* pwszLog : {L"\\KEFL_trace.log", L"\\VESK_trace.log"})
         WriteBytes(s_sLogDir + pwszLog, "", 0);
-    struct CDeleter
-    {
-        void operator()(VESK* p) const { delete p; }
-    };
-    std::unique_ptr<VESK, CDeleter> pClient(kefl.pfnFactory());
-    std::unique_ptr<VeskCredentials> pCredentials(kefl.pfnCredentialsFactory());
-    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = sBackup;
     CRun run;
-    if (!pClient || !pCredentials || !pClient->Init(pCredentials.get()))
-        return run;
-    Filespace fs{};
-    fs.sFsPath = L"E:\\";
-    fs.wcFsDriveLetter = L'E';
-    g_calls.Clear();
-    const double dStart = Seconds();
-    const bool bOk = pClient->RestoreFilespace(fs); // its lines are written when it returns
-    const double dSeconds = Seconds() - dStart;
-    run.ullLines = g_calls.ullLines;
-    run.ullOpens = g_calls.ullOpens;
-    LARGE_INTEGER liFrequency;
-    ::QueryPerformanceFrequency(&liFrequency);
-    run.dTraceSeconds = static_cast<double>(g_calls.ullTicks) / static_cast<double>(liFrequency.QuadPart);
-    pClient->Fini();
-    run.dSeconds = bOk ? dSeconds : -1.0;
-    return run;
-}
-
-bool MakeTree(const std::wstring& sBackup, size_t nFiles)
-{
-    const std::wstring sTree = sBackup + L"\\E\\Tree";
-    for (const std::wstring& sDir : {kRoot, sBackup, sBackup + L"\\#", sBackup + L"\\E", sTree})
-        ::CreateDirectoryW(sDir.c_str(), nullptr);
-    if (!WriteBytes(sBackup + L"\\#\\HPoint.dat", "", 0))
-        return false;
-    std::vector<char> vData(4096, 's');
-    for (size_t i = 0; i < nFiles; ++i)
+    const auto atEnd = [&run]
     {
-        const std::wstring sDir = sTree + L"\\S" + std::to_wstring(i / 100);
-        if (i % 100 == 0)
-            ::CreateDirectoryW(sDir.c_str(), nullptr);
-        if (!WriteBytes(sDir + L"\\s" + std::to_wstring(i) + L".dat", vData.data(),
-                        static_cast<DWORD>(1 + i * 977 % 4096)))
-            return false;
-    }
-    return true;
+        run.ullLines = g_calls.ullLines;
+        run.ullOpens = g_calls.ullOpens;
+        LARGE_INTEGER liFrequency;
+        ::QueryPerformanceFrequency(&liFrequency);
+        run.dTraceSeconds = static_cast<double>(g_calls.ullTicks) / static_cast<double>(liFrequency.QuadPart);
+    };
+    run.dSeconds = RestoreDriveE(kefl, sBackup, [] { g_calls.Clear(); }, atEnd);
+    return run;
 }
 
 double Median(std::vector<double> v)
@@ -290,7 +227,7 @@ void PrintCosts(const CRun& run, const CRun& off)
 }
 
 // The rounds of one row; answers whether it could measure, and adds its verdict to bPass.
-bool MeasureRow(CKefl& kefl, const CRow& row, int cRounds, bool& bPass)
+bool MeasureRow(const CCountedKefl& kefl, const CRow& row, int cRounds, bool& bPass)
 {
     g_dwRoundTripMs = row.dwRoundTripMs;
     std::wprintf(L"\n%ls: %zu files, %lu ms round trip, %u workers (ms/file; for before and after: lines "
@@ -364,15 +301,16 @@ int main(int argc, char** argv)
         else if (std::strcmp(argv[i], "--round-trip-ms") == 0)
             dwRoundTripMs = static_cast<DWORD>(std::strtoul(argv[i + 1], nullptr, 10));
     }
-    CKefl kefl;
+    CCountedKefl kefl;
     if (!kefl.Load())
         return std::wprintf(L"Cannot load KEFL.dll with the stand-ins in its imports\n"), 2;
     const CRow aRows[] = {{L"local drive", kRoot + L"\\Local", nLocal, 0},
                           {L"share", kRoot + L"\\Share", nShare, dwRoundTripMs}};
     RemoveTree(kRoot);
     RemoveTree(L"E:\\Tree");
+    ::CreateDirectoryW(kRoot.c_str(), nullptr);
     for (const CRow& row : aRows)
-        if (!MakeTree(row.sBackup, row.nFiles))
+        if (!MakeSmallFiles(row.sBackup, row.nFiles))
             return std::wprintf(L"Cannot make the tree\n"), 2;
     const bool bSavedIni = ::MoveFileExW(kTraceIni, kTraceIniSaved, MOVEFILE_REPLACE_EXISTING) != FALSE;
     bool bPass = true;
