@@ -33,7 +33,8 @@ struct CKefl
     FactoryFn pfnFactory = nullptr;
     CredentialsFactoryFn pfnCredentialsFactory = nullptr;
 
-    bool Load()
+    // bShare: the share's stand-in goes in too (at 0 ms it only looks each call up).
+    bool Load(bool bShare = true)
     {
         hModule.reset(::LoadLibraryW(L"KEFL.dll"));
         if (!hModule)
@@ -43,8 +44,9 @@ struct CKefl
         pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
             reinterpret_cast<void*>(::GetProcAddress(hModule.get(), "CredentialsFactory")));
         pWine = std::make_unique<winecompat::CWineStandIns>(hModule.get());
-        pShare = std::make_unique<sharestandin::CShareStandIn>(hModule.get());
-        return pfnFactory && pfnCredentialsFactory && pShare->Applied();
+        if (bShare)
+            pShare = std::make_unique<sharestandin::CShareStandIn>(hModule.get());
+        return pfnFactory && pfnCredentialsFactory && (!bShare || pShare->Applied());
     }
 };
 
@@ -107,6 +109,7 @@ inline double RestoreDriveE(const CKefl& kefl, const std::wstring& sBackup,
     if (!pClient->Init(pCredentials.get()))
         return -1.0;
     Filespace fs{};
+    fs.sFsName = L"E:";
     fs.sFsPath = L"E:\\";
     fs.wcFsDriveLetter = L'E';
     if (atStart)

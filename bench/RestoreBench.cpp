@@ -16,12 +16,9 @@
 // import table (calls per file, microseconds each and per file; with several workers their times
 // overlap). Every copy is counted afterwards:
 // a method that drops files would look fast. Exits 2 when it could not measure, else 0.
-#include "VESK.h"
-#include "VeskCredentials.h"
-#include "bench/BenchFiles.h"
+#include "bench/BenchKefl.h"
 #include "platform/UniqueHandle.h"
 #include "winecompat/IatPatch.h"
-#include "winecompat/WineStandIns.h"
 
 #include <windows.h>
 #include <psapi.h>
@@ -33,11 +30,13 @@
 #include <cwchar>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 using namespace morvane;
 using namespace benchfiles;
+using namespace benchkefl;
 
 namespace
 {
@@ -48,7 +47,6 @@ constexpr size_t kFilesPerFolder = 100;
 const std::wstring kBenchRoot = L"R:\\RestoreBench";
 const std::wstring kBackup = kBenchRoot + L"\\Backup";
 const std::wstring kSourceTree = kBackup + L"\\E\\Tree";
-const wchar_t kTraceIni[] = L"Z:\\DURN\\trace.ini";
 const wchar_t kTraceIniSaved[] = L"Z:\\DURN\\trace.ini.restorebench";
 
 // The tree: folders of 100 files, sizes 1 byte to 39 kB (about 19.5 kB on average). Answers the
@@ -336,56 +334,37 @@ void PrintCalls(const wchar_t* pwszName, const CCallCounts& counts, size_t nFile
                      (dSeconds - dCounted) * 1e6 / nFiles);
 }
 
-struct CLibrary
+// KEFL.dll with the Wine stand-ins and the call counters over them.
+struct CCountedLibrary : CKefl
 {
-    CUniqueLibrary hModule;
-    std::unique_ptr<winecompat::CWineStandIns> pStandIns;
     std::unique_ptr<CCallCounters> pCounters;
-    FactoryFn pfnFactory = nullptr;
-    CredentialsFactoryFn pfnCredentialsFactory = nullptr;
-};
 
-bool LoadKefl(CLibrary& lib)
-{
-    lib.hModule.reset(::LoadLibraryW(L"KEFL.dll"));
-    if (!lib.hModule)
-        return false;
-    lib.pfnFactory =
-        reinterpret_cast<FactoryFn>(reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "Factory")));
-    lib.pfnCredentialsFactory = reinterpret_cast<CredentialsFactoryFn>(
-        reinterpret_cast<void*>(::GetProcAddress(lib.hModule.get(), "CredentialsFactory")));
-    // Under Wine, the Windows answers that Wine 8 lacks, as our host puts them in.
-    lib.pStandIns = std::make_unique<winecompat::CWineStandIns>(lib.hModule.get());
-    lib.pCounters = std::make_unique<CCallCounters>(lib.hModule.get());
-    return lib.pfnFactory && lib.pfnCredentialsFactory && lib.pCounters->AllApplied();
-}
+    bool Load()
+    {
+        if (!CKefl::Load(false))
+            return false;
+        pCounters = std::make_unique<CCallCounters>(hModule.get());
+        return pCounters->AllApplied();
+    }
+};
 
 // One restore of the backup's drive E through the library; the seconds it took, < 0 on failure.
 // cbPeak: the highest working set while it ran; counts: its calls at the import table.
-double RestoreThroughKefl(CLibrary& lib, SIZE_T& cbPeak, CCallCounts& counts)
+double RestoreThroughKefl(const CCountedLibrary& lib, SIZE_T& cbPeak, CCallCounts& counts)
 {
-    struct CDeleter
-    {
-        void operator()(VESK* p) const { delete p; }
-    };
-    std::unique_ptr<VESK, CDeleter> pClient(lib.pfnFactory());
-    std::unique_ptr<VeskCredentials> pCredentials(lib.pfnCredentialsFactory());
-    static_cast<KeflCredentials*>(pCredentials.get())->m_sTargetPath = kBackup;
-    if (!pClient->Init(pCredentials.get()))
-        return -1.0;
-    Filespace fs{};
-    fs.sFsName = L"E:";
-    fs.sFsPath = L"E:\\";
-    fs.wcFsDriveLetter = L'E';
-    CPeakSampler sampler;
-    g_Counts = CCallCounts();
-    const double dStart = Seconds();
-    const bool bOk = pClient->RestoreFilespace(fs);
-    const double dSeconds = Seconds() - dStart;
-    counts = g_Counts;
-    cbPeak = sampler.Stop();
-    pClient->Fini();
-    return bOk ? dSeconds : -1.0;
+    std::optional<CPeakSampler> sampler;
+    return RestoreDriveE(
+        lib, kBackup,
+        [&]
+        {
+            sampler.emplace();
+            g_Counts = CCallCounts();
+        },
+        [&]
+        {
+            counts = g_Counts;
+            cbPeak = sampler->Stop();
+        });
 }
 
 void PrintRate(const wchar_t* pwszName, size_t nFiles, uint64_t ullBytes, double dSeconds)
@@ -398,8 +377,8 @@ void PrintRate(const wchar_t* pwszName, size_t nFiles, uint64_t ullBytes, double
 
 int main(int argc, char** argv)
 {
-    CLibrary lib;
-    if (!LoadKefl(lib))
+    CCountedLibrary lib;
+    if (!lib.Load())
     {
         std::wprintf(L"Cannot load KEFL.dll or put in its stand-ins\n");
         return 2;
