@@ -47,6 +47,7 @@ HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShar
 // The waits of 30 s between open attempts return at once and are counted; where a test sets
 // g_hOthersDone, the first one lasts until the test signals it (at most 10 s).
 decltype(&::Sleep) g_pfnRealSleep = nullptr;
+decltype(&::FindFirstFileW) g_pfnRealFindFirst = nullptr;
 int g_iRetryWaits = 0;
 HANDLE g_hOthersDone = nullptr;
 bool g_bOthersDoneMeanwhile = false;
@@ -351,11 +352,23 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
                                            std::wstring(pwszPrivilege) + L"\""));
 
+    // A folder two levels down that cannot be listed: the count fails, and each level says so.
+    MakeFolders(kBackup + std::wstring(L"\\F\\a\\b"));
+    g_pfnRealFindFirst = m_patches.Patch(
+        m_pLibrary->Module(), "KERNEL32.dll", "FindFirstFileW",
+        +[](LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
+        {
+            return std::wcsstr(pwsz, L"\\F\\a\\b\\*")
+                       ? WithLastError(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE)
+                       : g_pfnRealFindFirst(pwsz, pfd);
+        });
     morvane::Filespace fs{};
-    fs.wcFsDriveLetter = L'F'; // no folder F in the backup: the count fails
+    fs.wcFsDriveLetter = L'F';
     EXPECT_FALSE(m_pClient->RestoreFilespace(fs));
     EXPECT_EQ(L"Couldn't count objects to be restored", ErrorText());
     EXPECT_EQ(3u, g_vProgress.back().uiState);
+    EXPECT_EQ(2, std::ranges::count(TextsWithMarker(KeflLog(), L":[E]: "),
+                                    L"KEFLImpl::CountFiles : ... ending(KEFLImpl::CountFiles failed)"));
 }
 
 TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShows)
@@ -457,20 +470,15 @@ TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers
         Cut,       // shorter, with the time of the interruption: copied again
         Rewritten, // the same size, a later time: copied again
     };
-    const struct
-    {
-        const wchar_t* pwszName;
-        Change change;
-    } kFiles[] = {{L"kept.bin", Change::None},           {L"Sub\\kept.bin", Change::None},
-                  {L"deleted.bin", Change::Deleted},     {L"Sub\\cut.bin", Change::Cut},
-                  {L"rewritten.bin", Change::Rewritten}, {L"empty.bin", Change::None}};
+    const std::pair<const wchar_t*, Change> kFiles[] = {
+        {L"kept.bin", Change::None},           {L"Sub\\kept.bin", Change::None},
+        {L"deleted.bin", Change::Deleted},     {L"Sub\\cut.bin", Change::Cut},
+        {L"rewritten.bin", Change::Rewritten}, {L"empty.bin", Change::None}};
     MakeFolders(kSourceE + L"\\Sub");
     uint32_t uiSeed = 0;
-    for (const auto& file : kFiles)
-    {
-        const size_t cb = std::wcsstr(file.pwszName, L"empty") ? 0 : 100000;
-        WriteBytes(kSourceE + L"\\" + file.pwszName, Pattern(cb, ++uiSeed));
-    }
+    for (const auto& [pwszName, change] : kFiles)
+        WriteBytes(kSourceE + L"\\" + pwszName,
+                   Pattern(std::wcsstr(pwszName, L"empty") ? 0 : 100000, ++uiSeed));
     const auto Restore = [&](const wchar_t* pwszSkip)
     {
         g_iBackupOpens = 0;
@@ -480,22 +488,22 @@ TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers
         return g_iBackupOpens;
     };
     EXPECT_EQ(6, Restore(L"1")) << "a first restore finds nothing to keep";
-    for (const auto& file : kFiles)
+    for (const auto& [pwszName, change] : kFiles)
     {
-        const std::wstring sRestored = std::wstring(L"E:\\") + file.pwszName;
-        if (file.change == Change::Deleted)
+        const std::wstring sRestored = std::wstring(L"E:\\") + pwszName;
+        if (change == Change::Deleted)
             RemoveFile(sRestored);
-        if (file.change == Change::Cut)
+        if (change == Change::Cut)
             WriteBytes(sRestored, ReadBytes(sRestored).substr(0, 5000));
-        if (file.change == Change::Rewritten)
+        if (change == Change::Rewritten)
             WriteBytes(sRestored, Pattern(100000, 99));
     }
     EXPECT_EQ(3, Restore(L"1")) << "the deleted, the cut and the rewritten file";
     const auto backup = ReadMetadata(kSourceE);
     const auto restored = ReadMetadata(L"E:");
-    for (const auto& file : kFiles)
+    for (const auto& [pwszName, change] : kFiles)
     {
-        const std::wstring sRel = std::wstring(L"\\") + file.pwszName;
+        const std::wstring sRel = std::wstring(L"\\") + pwszName;
         EXPECT_TRUE(ReadBytes(L"E:" + sRel) == ReadBytes(kSourceE + sRel)) << testing::PrintToString(sRel);
         EXPECT_EQ(backup.at(sRel).times[2], restored.at(sRel).times[2]) << testing::PrintToString(sRel);
     }

@@ -109,12 +109,7 @@ nlohmann::json ReadReport(const std::wstring& sPath)
 
 TEST_F(HostProgramTest, AnswersEachArgumentErrorWithItsExitCode)
 {
-    const struct
-    {
-        const wchar_t* pwszArguments;
-        DWORD dwExitCode;
-        const char* pszSaid;
-    } cases[] = {
+    const std::tuple<const wchar_t*, DWORD, const char*> cases[] = {
         {L"--help", 0, "Exit status: 0 everything restored"},
         {L"--unknown", 1, "usage: keflhost"},
         {L"--pit \"05/11/2015 14:03:09\"", 1, "usage:"},           // a point in time needs a location
@@ -317,21 +312,15 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
         R"("bytesDone":2048,"total":4096,"done":3})"
         "\n";
-    const struct
-    {
-        std::string sStream;
-        const char* pszExit;
-        DWORD dwStatus;
-        const char* pszSaid;
-    } kCases[] = {
+    const std::tuple<std::string, const char*, DWORD, const char*> kCases[] = {
         {kBegun, "0xC0000005", 16 | 2,
          "cut short while restoring F:, after 3 files and folders and 2.0 KiB of 4.0 KiB: the restore "
          "process ended early, exit code 0xC0000005: an access violation"},
         {"", "0xC00000FD", 16 | 1, "exit code 0xC00000FD: a stack overflow"},
         {kHello + "not an event\n", "0", 16 | 1, "line 2 from the restore process: not a JSON object"},
         {kHello + R"({"event":"line","te)", "0", 16 | 1, "line 2 from the restore process: cut off"},
-        {kHello + R"({"event":"line"})" "\n", "0", 16 | 1, "an event keflhost cannot read"},
-        {R"({"event":"hello","protocol":2})" "\n", "0", 16 | 1,
+        {kHello + "{\"event\":\"line\"}\n", "0", 16 | 1, "an event keflhost cannot read"},
+        {"{\"event\":\"hello\",\"protocol\":2}\n", "0", 16 | 1,
          "line 1 from the restore process: not a hello of protocol 1"},
     };
     const std::wstring sScript = L"R:\\Host\\stand-in-events.txt";
