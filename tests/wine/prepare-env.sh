@@ -47,6 +47,12 @@ for letter in x z r e f; do
     fi
 done
 
-# Persistent for ten idle minutes: a test run right after the build starts warm.
-quiet wineserver -p 600
-quiet wine64 cmd /c exit
+# Persistent for ten idle minutes: a test run right after the build starts warm. A server still
+# going down refuses the persistent start, and a first start can fail while one goes down: then the
+# server is ended and started once more, and a second failure says which prefix would not start.
+warm() { quiet wineserver -p 600 || true; quiet wine64 cmd /c exit; }
+if ! warm; then
+    quiet wineserver -k || true
+    quiet wineserver -w || true
+    warm || { echo "Wine did not start in the prefix $prefix" >&2; exit 1; }
+fi
