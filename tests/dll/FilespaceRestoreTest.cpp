@@ -48,6 +48,7 @@ HANDLE WINAPI CreateFileAsWindows(LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShar
 // g_hOthersDone, the first one lasts until the test signals it (at most 10 s).
 decltype(&::Sleep) g_pfnRealSleep = nullptr;
 decltype(&::FindFirstFileW) g_pfnRealFindFirst = nullptr;
+decltype(&::FindNextFileW) g_pfnRealFindNext = nullptr;
 int g_iRetryWaits = 0;
 HANDLE g_hOthersDone = nullptr;
 bool g_bOthersDoneMeanwhile = false;
@@ -128,9 +129,8 @@ protected:
                 MakeFolders(kSourceE + sRel.substr(0, sRel.rfind(L'\\')));
                 WriteBytes(kSourceE + sRel, sBytes);
             }
-        MakeFolders(kSourceE + L"\\RECYCLER2");
-        MakeFolders(kSourceE + L"\\Junction");
-        MakeFolders(kSourceE + L"\\DirLink");
+        for (const wchar_t* pwszFolder : {L"\\RECYCLER2", L"\\Junction", L"\\DirLink"})
+            MakeFolders(kSourceE + pwszFolder);
         for (const wchar_t* pwszBehindLink : {L"\\Junction\\in.txt", L"\\DirLink\\in.txt", L"\\FileLink.txt"})
             WriteBytes(kSourceE + pwszBehindLink, "behind a link");
     }
@@ -352,8 +352,7 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
         EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : Privilege not enabled = \"" +
                                            std::wstring(pwszPrivilege) + L"\""));
 
-    // A folder two levels down that cannot be listed: the count fails, and each level says so.
-    MakeFolders(kBackup + std::wstring(L"\\F\\a\\b"));
+    MakeFolders(kBackup + std::wstring(L"\\F\\a\\b")); // not listed: the count fails, each level says so
     g_pfnRealFindFirst = m_patches.Patch(
         m_pLibrary->Module(), "KERNEL32.dll", "FindFirstFileW",
         +[](LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
@@ -436,31 +435,38 @@ TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWri
 
 TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUnmade)
 {
-    // Whichever of the two the walk hands over first, the other is neither copied nor failed: a
-    // link made now would put a stale file, or a copy from another run, under the link's name.
+    // Stopped by the host's callback or a listing with no memory: the file not taken is neither copied
+    // nor failed, and a link made now would put a stale file under the link's name.
     WriteBytes(kSourceE + L"\\link.txt", "the link's copy");
     WriteBytes(kSourceE + L"\\target.txt", "the target's copy");
-    WriteBytes(L"E:\\target.txt", "stale");
     WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
-    ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
-    m_pClient->SetProgMsgCallbackFn(
-        +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
-        {
-            if (pMsg->ullDone == 1)
-                throw std::runtime_error("the host's callback gives up");
-            return 0;
-        },
-        0);
-    EXPECT_FALSE(RestoreE(L"1"));
-    const std::string sLinkBefore = ReadBytes(L"E:\\link.txt");
-    m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
-    EXPECT_TRUE(m_pClient->RestoreLinks());
-    EXPECT_EQ(sLinkBefore, ReadBytes(L"E:\\link.txt"));
-    EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CreateHardLinkW : ... ending(Target was not restored)"));
+    for (const bool bInTheListing : {false, true})
+    {
+        SCOPED_TRACE(bInTheListing ? "the listing throws" : "the host's callback throws");
+        WriteBytes(L"E:\\target.txt", "stale");
+        ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
+        if (bInTheListing)
+            g_pfnRealFindNext = m_patches.Patch(
+                m_pLibrary->Module(), "KERNEL32.dll", "FindNextFileW",
+                +[](HANDLE h, LPWIN32_FIND_DATAW pfd) -> BOOL {
+                    return std::wcsstr(pfd->cFileName, L".txt") ? throw std::bad_alloc()
+                                                                : g_pfnRealFindNext(h, pfd);
+                });
+        else
+            m_pClient->SetProgMsgCallbackFn(
+                +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
+                { return pMsg->ullDone == 1 ? throw std::runtime_error("gives up") : 0; },
+                0);
+        EXPECT_FALSE(RestoreE(L"1"));
+        const std::string sLinkBefore = ReadBytes(L"E:\\link.txt");
+        m_pClient->SetProgMsgCallbackFn(&RecordProgress, 0);
+        EXPECT_TRUE(m_pClient->RestoreLinks());
+        EXPECT_EQ(sLinkBefore, ReadBytes(L"E:\\link.txt"));
+        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::CreateHardLinkW : ... ending(Target was not restored)"));
+    }
 }
 
-// A restore run again after an interruption, with KEFL_SkipUnchanged=1: what an earlier run
-// restored whole is kept, and only what differs from the backup is read from it again.
+// Run again after an interruption with KEFL_SkipUnchanged=1: only what differs is read again.
 TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers)
 {
     enum class Change
