@@ -139,8 +139,7 @@ protected:
     bool RestoreE(const wchar_t* pwszThreads, const wchar_t* pwszSkipUnchanged = L"0")
     {
         auto traceIni = Verbose();
-        traceIni[L"KEFL_RestoreThreads"] = pwszThreads;
-        traceIni[L"KEFL_SkipUnchanged"] = pwszSkipUnchanged;
+        traceIni.insert({{L"KEFL_RestoreThreads", pwszThreads}, {L"KEFL_SkipUnchanged", pwszSkipUnchanged}});
         WriteTraceIni(traceIni);
         morvane::Filespace fs{};
         fs.sFsPath = L"E:\\";
