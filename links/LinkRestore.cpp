@@ -124,22 +124,12 @@ private:
 };
 
 // Gives a copy moved aside its own name back, after its link could not be made.
-void PutBack(const wchar_t* pwszFunction, const std::wstring& sJumboAside, const std::wstring& sJumboLink)
-{
-    if (sJumboAside.empty() || ::MoveFileExW(sJumboAside.c_str(), sJumboLink.c_str(), 0))
-        return;
-    const DWORD dwLastError = ::GetLastError();
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", sJumboAside);
-    TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
-}
-
-// The restored copy that a hard link replaced, once the link stands; a name left over is traced.
-void RemoveAside(const wchar_t* pwszFunction, const std::wstring& sJumboAside)
+void PutBack(const wchar_t* pwszFunction, CNameAside& aside)
 {
     DWORD dwLastError = ERROR_SUCCESS;
-    if (sJumboAside.empty() || RemoveName(sJumboAside, dwLastError) || dwLastError == ERROR_FILE_NOT_FOUND)
+    if (aside.PutBack(dwLastError))
         return;
-    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", sJumboAside);
+    g_KeflTrace.TraceValue(TRACE_ERROR, pwszFunction, L"sJumboAside", aside.Aside());
     TraceLastError(pwszFunction, dwLastError, TRACE_ERROR);
 }
 
@@ -381,13 +371,13 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
 
     // The restore brought back a copy of the file under the link's name too; the link replaces it.
     // Only when there is a file to link to: without one, the copy is all that is left of the file.
-    // The copy is moved aside, not deleted, until the link stands: should the link fail, the copy
+    // The copy is moved aside, not removed, until the link stands: should the link fail, the copy
     // gets its name back and the file loses none of its names. A copy that cannot be moved keeps
     // its name, and the link is not made.
-    std::wstring sJumboAside;
+    CNameAside aside;
     const DWORD dwTargetAttributes = ::GetFileAttributesW(sJumboTarget.c_str());
     DWORD dwAsideError = ERROR_SUCCESS;
-    if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !MoveAside(sJumboLink, sJumboAside, dwAsideError))
+    if (dwTargetAttributes != INVALID_FILE_ATTRIBUTES && !aside.Move(sJumboLink, dwAsideError))
     {
         g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboLink, sJumboLink);
         return TraceFailed(kFn, L"... ending(Existing file could not be moved aside)", dwAsideError);
@@ -402,12 +392,17 @@ bool CLinkRestorer::CreateHardLink(const std::wstring& sLink, const std::wstring
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboLink, sJumboLink);
             g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kJumboTarget, sJumboTarget);
             TraceLastError(kFn, dwLastError, TRACE_ERROR);
-            PutBack(kFn, sJumboAside, sJumboLink);
+            PutBack(kFn, aside);
             return false;
         }
     }
 
-    RemoveAside(kFn, sJumboAside);
+    DWORD dwRemoveError = ERROR_SUCCESS;
+    if (!aside.Remove(dwRemoveError))
+    {
+        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, L"sJumboAside", aside.Aside());
+        TraceLastError(kFn, dwRemoveError, TRACE_ERROR);
+    }
     g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return true;
 }

@@ -1,6 +1,7 @@
 #include "session/DestinationFile.h"
 
 #include "links/FileNames.h"
+#include "links/NameInTheWay.h"
 #include "trace/TraceObjects.h"
 #include "trace/TraceWords.h"
 
@@ -15,36 +16,36 @@ const wchar_t kFn[] = L"KEFLImpl::CopyFileWithProgress";
 constexpr DWORD kReplaceRefusingAttributes =
     FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
 
+// Opened so that a reparse point at the name is opened itself, and seen, rather than followed.
 CUniqueFile Create(const std::wstring& sDst, DWORD dwDisposition, DWORD& dwLastError)
 {
     CUniqueFile hDst(::CreateFileW(sDst.c_str(), GENERIC_WRITE, 0, nullptr, dwDisposition,
-                                   FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+                                   FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     dwLastError = hDst ? ERROR_SUCCESS : ::GetLastError();
     return hDst;
 }
 
-// Takes sDst off the file it shares with other names. The name is first moved aside, which takes
-// effect at once whoever holds the file open, and then removed. True when sDst names a file of
-// its own now or nothing at all.
+// Takes sDst off the file it shares with other names: the name is moved aside and removed through
+// one handle, which takes effect at once whoever holds the file open. True when sDst names a file
+// of its own now or nothing at all.
 bool DetachSharedName(const std::wstring& sDst, DWORD& dwLastError)
 {
     if (FileNameCount(sDst) <= 1)
         return true;
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Destination shared with other names", sDst);
-    std::wstring sAside;
-    if (!MoveAside(sDst, sAside, dwLastError))
-    {
-        g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
-        TraceLastError(kFn, dwLastError, L"Failed to move shared destination aside");
+    if (RemoveName(sDst, dwLastError) || dwLastError == ERROR_FILE_NOT_FOUND)
+        return true;
+    g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
+    TraceLastError(kFn, dwLastError, L"Failed to move shared destination aside");
+    return false;
+}
+
+// Removes the link that stands where the backup has a folder or file, and says so.
+bool RemoveLinkInTheWay(const std::wstring& sDst, DWORD dwAttributes, DWORD& dwLastError)
+{
+    if (!RemoveLink(sDst, dwAttributes, dwLastError))
         return false;
-    }
-    DWORD dwRemoveError = ERROR_SUCCESS;
-    if (!sAside.empty() && !RemoveName(sAside, dwRemoveError))
-    {
-        // The other names keep their file; only a spare name of it is left behind.
-        g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"sAside", sAside);
-        TraceLastError(kFn, dwRemoveError, TRACE_WARNING);
-    }
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kLinkRemoved, sDst);
     return true;
 }
 
@@ -73,9 +74,39 @@ CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError)
     CUniqueFile hDst = Create(sDst, CREATE_NEW, dwLastError);
     if (hDst || (dwLastError != ERROR_FILE_EXISTS && dwLastError != ERROR_ALREADY_EXISTS))
         return hDst;
+    DWORD dwAttributes = 0;
+    if (ExamineName(sDst, dwAttributes) == NameKind::Link)
+    {
+        if (!RemoveLinkInTheWay(sDst, dwAttributes, dwLastError))
+            return hDst;
+        return Create(sDst, CREATE_NEW, dwLastError);
+    }
     if (!DetachSharedName(sDst, dwLastError))
         return hDst;
     return Replace(sDst, dwLastError);
+}
+
+bool MakeDestinationFolder(const std::wstring& sDst, DWORD& dwLastError)
+{
+    if (::CreateDirectoryW(sDst.c_str(), nullptr))
+        return true;
+    dwLastError = ::GetLastError();
+    if (dwLastError != ERROR_ALREADY_EXISTS)
+        return false;
+    // Already there counts only for a real folder, or a volume mounted here: its own filespace is
+    // restored through it.
+    DWORD dwAttributes = 0;
+    const NameKind kind = ExamineName(sDst, dwAttributes);
+    if (kind == NameKind::Folder || kind == NameKind::VolumeMountPoint)
+        return true;
+    // A file stays, and the folder fails with ERROR_ALREADY_EXISTS: what holds data is not removed
+    // for a folder's sake.
+    if (kind == NameKind::File || (kind == NameKind::Link && !RemoveLinkInTheWay(sDst, dwAttributes, dwLastError)))
+        return false;
+    if (::CreateDirectoryW(sDst.c_str(), nullptr))
+        return true;
+    dwLastError = ::GetLastError();
+    return false;
 }
 
 bool CloseDestination(CUniqueFile& hDst, DWORD& dwLastError)

@@ -13,8 +13,13 @@
 namespace morvane
 {
 
-// sDst in its long-path form. An invalid handle, with the error, when it cannot be opened.
+// sDst in its long-path form. A link at the name is removed, never written through. An invalid handle, with the error, when it cannot be opened.
 CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError);
+
+// Makes the folder sDst (long-path form) unless a real folder or a volume mount point is there: a
+// link at the name is removed first. False, with the error, when it cannot be made, and when a
+// file stands there (ERROR_ALREADY_EXISTS).
+bool MakeDestinationFolder(const std::wstring& sDst, DWORD& dwLastError);
 
 // Closes a restored file: a close that fails may have lost the last bytes written, so the file is
 // not restored. False, with the error, then.

@@ -5,7 +5,7 @@
 #include "session/DestinationFile.h"
 #include "session/FilespaceWalk.h"
 #include "session/RestoreProgress.h"
-#include "session/VolumeFlush.h"
+#include "session/UnchangedFile.h"
 
 #include "channel/MessageIds.h"
 #include "platform/CatchAtEdge.h"
@@ -34,10 +34,6 @@ constexpr DWORD kCopyBufferBytes = 65536;
 // this far apart.
 constexpr int kOpenAttempts = 10;
 constexpr DWORD kOpenRetryMs = 30000;
-// What a restored file or folder takes over from its copy in the backup, beside its times.
-constexpr DWORD kRestoredAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
-                                      FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
-                                      FILE_ATTRIBUTE_NOT_CONTENT_INDEXED | FILE_ATTRIBUTE_OFFLINE;
 bool Contains(const std::wstring& sText, const wchar_t* pwszPart)
 {
     return sText.find(pwszPart) != std::wstring::npos;
@@ -113,14 +109,12 @@ void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLon
         RestoreMetadata(pwszFunction, hFolder.get(), sLongDst, entry);
 }
 
-// A folder of the walk, made unless it exists; false, traced, when it cannot be made.
+// A folder of the walk, made unless a real folder is there; false, traced, when it cannot be made.
 bool CreateFolder(const std::wstring& sDst)
 {
     const wchar_t* const kFn = kRestoreFilespace;
-    if (::CreateDirectoryW(LongPath(sDst).c_str(), nullptr))
-        return true;
-    const DWORD dwLastError = ::GetLastError();
-    if (dwLastError == ERROR_ALREADY_EXISTS)
+    DWORD dwLastError = ERROR_SUCCESS;
+    if (MakeDestinationFolder(LongPath(sDst), dwLastError))
         return true;
     g_KeflTrace.TraceValue(TRACE_ERROR, kFn, words::kDst, sDst);
     TraceLastError(kFn, dwLastError);
@@ -225,7 +219,9 @@ bool CopyStreams(HANDLE hSrc, HANDLE hDst, BYTE* pBuffer, const CWalkEntry& entr
             totals.ullWritten += dwBytesWritten;
             if (dwBytesWritten == 0)
             {
-                g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"EOF (destination)");
+                // Nothing taken while bytes remain: the file would end short.
+                g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"EOF (destination)");
+                bResult = false;
                 bCopying = false;
                 break;
             }
@@ -242,19 +238,18 @@ bool CopyStreams(HANDLE hSrc, HANDLE hDst, BYTE* pBuffer, const CWalkEntry& entr
     return bResult;
 }
 
-// A destination that an earlier restore wrote whole: a file of the backup copy's size, last-write
-// time and restored attributes. The restore sets a file's times after its last byte, so a copy
-// that an interruption cut off carries the time of the interruption and is copied again. Two files
-// alike in size, time and attributes but not in bytes pass for the same, as with any copy tool.
-bool IsUnchanged(const std::wstring& sLongDst, const CWalkEntry& entry)
+// A copy that failed after its times were set must not pass for whole with a later resume: its
+// last-write time becomes now.
+void MarkUnfinished(const std::wstring& sDst)
 {
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!::GetFileAttributesExW(sLongDst.c_str(), GetFileExInfoStandard, &data) ||
-        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-        return false;
-    const uint64_t ullSize = (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-    return ullSize == entry.ullSize && ::CompareFileTime(&data.ftLastWriteTime, &entry.ftLastWrite) == 0 &&
-           (data.dwFileAttributes & kRestoredAttributes) == (entry.dwAttributes & kRestoredAttributes);
+    const CUniqueFile hDst(::CreateFileW(sDst.c_str(), FILE_WRITE_ATTRIBUTES,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                         nullptr));
+    FILETIME ftNow{};
+    ::GetSystemTimeAsFileTime(&ftNow);
+    if (!hDst || !::SetFileTime(hDst.get(), nullptr, nullptr, &ftNow))
+        TraceMetadataFailure(kCopyFile, sDst, ::GetLastError(), words::kTimesNotSet);
 }
 
 bool EndRestore(const wchar_t* pwszReason)
@@ -366,7 +361,7 @@ void KEFLImpl::AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& p
 // and the walk goes on: as much as possible is restored. The paths are built into two buffers that
 // keep their size from entry to entry. Answers whether any entry failed.
 bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, uint32_t uiThreads,
-                              ProgMsg& progress)
+                              CCheckpoints& checkpoints, ProgMsg& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
     CRestoreProgress reporter(progress, m_channel, walk.ullBytes);
@@ -375,8 +370,14 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
     int64_t llSkippedFiles = 0;
     int64_t llSkippedFolders = 0;
     {
-        const bool bSkipUnchanged = SkipUnchanged();
-        CCopyWorkers workers(uiThreads, [&reporter] { reporter.Report(); });
+        // Only what was whole on the disk at the volume's last checkpoint may be kept.
+        const uint64_t ullTrustedBefore = SkipUnchanged() ? CCheckpoints::TrustedBefore(folders.Root()) : 0;
+        CCopyWorkers workers(uiThreads,
+                             [&reporter, &checkpoints]
+                             {
+                                 reporter.Report();
+                                 checkpoints.Due(reporter.BytesDone());
+                             });
         for (uint32_t uiEntry = 0; uiEntry < walk.Size(); ++uiEntry)
         {
             const CWalkEntry& entry = walk.Entry(uiEntry);
@@ -401,9 +402,10 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
             {
                 sSrc.assign(folders.sSrc);
                 walk.AppendPath(uiEntry, sSrc);
-                workers.Submit([this, &reporter, entry, sSrc, sDst, bSkipUnchanged]
-                               { RestoreFile(sSrc, sDst, entry, bSkipUnchanged, reporter); });
+                workers.Submit([this, &reporter, entry, sSrc, sDst, ullTrustedBefore]
+                               { RestoreFile(sSrc, sDst, entry, ullTrustedBefore, reporter); });
             }
+            checkpoints.Due(reporter.BytesDone());
         }
         workers.Finish();
     }
@@ -447,10 +449,11 @@ bool KEFLImpl::RestoreFilespace(Filespace& fs)
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFiles, static_cast<int64_t>(walk.ullFiles));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kWalkFolders, static_cast<int64_t>(walk.ullDirectories));
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"walk.ullBytes", static_cast<int64_t>(walk.ullBytes));
-    const bool bFailed = RestoreEntries(walk, folders, uiThreads, progress);
+    CCheckpoints checkpoints(folders.Root(), CheckpointPolicy());
+    const bool bFailed = RestoreEntries(walk, folders, uiThreads, checkpoints, progress);
     m_unrestored.WalkEnded(folders.sDst);
     RestoreFolderTimes(walk, folders.sDst);
-    FlushVolume(folders.Root());
+    checkpoints.Final();
 
     if (bFailed)
     {
@@ -482,11 +485,32 @@ uint32_t KEFLImpl::RestoreThreads()
     return uiThreads;
 }
 
+CCheckpoints::CPolicy KEFLImpl::CheckpointPolicy()
+{
+    // By default every 30 seconds or every GiB, whichever comes first: after a power cut a resume
+    // copies again at most what those took, and a flush that often costs a restore next to nothing.
+    const uint32_t uiMB = g_KeflTrace.ReadSetting(L"KEFL_CheckpointMB", 1024);
+    const uint32_t uiSeconds = g_KeflTrace.ReadSetting(L"KEFL_CheckpointSeconds", 30);
+    const CCheckpoints::CPolicy policy{(uiMB > 0 ? uiMB : 1024) * uint64_t{1} << 20, uiSeconds > 0 ? uiSeconds : 30};
+    g_KeflTrace.TraceValue(TRACE_INFO, kRestoreFilespace, L"uiCheckpointMB", static_cast<int64_t>(policy.ullBytes >> 20));
+    g_KeflTrace.TraceValue(TRACE_INFO, kRestoreFilespace, L"uiCheckpointSeconds",
+                           static_cast<int64_t>(policy.ullSeconds));
+    return policy;
+}
+
 void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                           bool bSkipUnchanged, CRestoreProgress& progress)
+                           uint64_t ullTrustedBefore, CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
-    if (bSkipUnchanged && IsUnchanged(LongPath(sDst), entry))
+    // The check, like the copy, ends at this edge: no exception of a worker's reaches its thread.
+    const bool bUnchanged = ullTrustedBefore != 0 &&
+                            CatchAtEdge([&] { return IsUnchanged(LongPath(sDst), entry, ullTrustedBefore); },
+                                        [](const CEdgeFailure& failure)
+                                        {
+                                            TraceFailedAtEdge(kRestoreFilespace, failure);
+                                            return false;
+                                        });
+    if (bUnchanged)
     {
         // Restored already, by an earlier run: its bytes count as done, and the backup's copy is
         // neither opened nor read.
@@ -552,25 +576,27 @@ bool KEFLImpl::CopyFileWithProgress(const std::wstring& sSrc, const std::wstring
     }
     CCopyTotals totals;
     bool bResult = CopyStreams(hSrc.get(), hDst.get(), vBuffer.data(), entry, progress, totals);
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(totals.ullRead));
+    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten", static_cast<int64_t>(totals.ullWritten));
+    if (bResult && totals.ullRead != totals.ullWritten)
+    {
+        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Bytes Read != Bytes Written)");
+        bResult = false;
+    }
     // Times and attributes through the open handle, after the last write, so that closing it
-    // keeps them.
+    // keeps them; only on a whole copy, so that a resume never takes a failed one for restored.
     if (bResult)
         RestoreMetadata(kFn, hDst.get(), sDst, entry);
     if (!CloseDestination(hDst, dwLastError))
     {
         TraceLastError(kFn, dwLastError);
         g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"Failed to close destination file");
-        bResult = false;
-    }
-
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesRead", static_cast<int64_t>(totals.ullRead));
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"dwTotalBytesWritten", static_cast<int64_t>(totals.ullWritten));
-    if (totals.ullRead != totals.ullWritten)
-    {
-        g_KeflTrace.TraceMessage(TRACE_ERROR, kFn, L"... ending(Bytes Read != Bytes Written)");
+        if (bResult)
+            MarkUnfinished(sDst);
         return false;
     }
-    g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
+    if (bResult)
+        g_KeflTrace.TraceMessage(TRACE_VERBOSE, kFn, L"... ending");
     return bResult;
 }
 

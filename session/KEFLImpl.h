@@ -12,6 +12,7 @@
 #include "links/LinkRestore.h"
 #include "links/Point.h"
 #include "runner/CommandRunner.h"
+#include "session/Checkpoints.h"
 #include "session/WalkList.h"
 
 #include <windows.h>
@@ -74,14 +75,18 @@ public:
                               CRestoreProgress& progress);
     // One file of the walk, the whole of it on the thread that runs it: its trace lines, the copy,
     // and the entry counted as done.
-    // bSkipUnchanged: a destination that an earlier run restored whole is kept, not copied again.
+    // ullTrustedBefore: with KEFL_SkipUnchanged, the volume's last checkpoint, else 0. A destination
+    // that an earlier run restored whole before it is kept, not copied again.
     void RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                     bool bSkipUnchanged, CRestoreProgress& progress);
+                     uint64_t ullTrustedBefore, CRestoreProgress& progress);
     // Whether files an earlier run restored whole are kept: trace.ini's KEFL_SkipUnchanged, 1 or 0.
     bool SkipUnchanged();
     // How many files are in flight at once, and folders listed at once by the walk: trace.ini's
     // KEFL_RestoreThreads, 1 to 64, else 8.
     uint32_t RestoreThreads();
+    // How often a restore flushes its volume and records a checkpoint: KEFL_CheckpointMB and
+    // KEFL_CheckpointSeconds.
+    CCheckpoints::CPolicy CheckpointPolicy();
 
     // Where one filespace's files come from (in the backup) and go to ("E:" or a mount folder).
     struct CFilespaceFolders
@@ -98,7 +103,7 @@ private:
     bool ResolveFolders(const Filespace& fs, CFilespaceFolders& folders);
     void AnnounceRestore(const Filespace& fs, bool bMountPoint, ProgMsg& progress);
     bool RestoreEntries(const CWalkList& walk, const CFilespaceFolders& folders, uint32_t uiThreads,
-                        ProgMsg& progress);
+                        CCheckpoints& checkpoints, ProgMsg& progress);
 
     // The parts of GetFilespaceList and GetBOOTandSYSTEM (FilespaceDiscovery.cpp).
     bool ListDriveFilespaces(const std::wstring& sPath, std::vector<Filespace>& vFilespaces);

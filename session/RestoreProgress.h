@@ -32,6 +32,7 @@ public:
     // The calling thread: tells the host the counts when they changed since the last report.
     void Report();
     bool AnyFailed() const { return m_bFailed.load(); }
+    uint64_t BytesDone() const { return m_ullBytesDone.load(); }
 
 private:
     bool OnCallingThread() const { return ::GetCurrentThreadId() == m_dwCallingThread; }

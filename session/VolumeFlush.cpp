@@ -16,9 +16,7 @@ const wchar_t kFn[] = L"KEFLImpl::RestoreFilespace";
 // drive's. Without a volume name (a file system that has none), the drive itself: "\\.\E:".
 std::wstring VolumeDevice(const std::wstring& sFolder)
 {
-    wchar_t wszVolumePath[MAX_PATH + 1] = {};
-    const std::wstring sVolumePath =
-        ::GetVolumePathNameW(sFolder.c_str(), wszVolumePath, MAX_PATH + 1) ? wszVolumePath : sFolder;
+    const std::wstring sVolumePath = VolumeRoot(sFolder);
     wchar_t wszVolumeName[64] = {};
     if (::GetVolumeNameForVolumeMountPointW(sVolumePath.c_str(), wszVolumeName, 64))
     {
@@ -32,7 +30,16 @@ std::wstring VolumeDevice(const std::wstring& sFolder)
 
 } // namespace
 
-void FlushVolume(const std::wstring& sFolder)
+std::wstring VolumeRoot(const std::wstring& sFolder)
+{
+    wchar_t wszVolumePath[MAX_PATH + 1] = {};
+    std::wstring sRoot = ::GetVolumePathNameW(sFolder.c_str(), wszVolumePath, MAX_PATH + 1) ? wszVolumePath : sFolder;
+    if (!sRoot.empty() && sRoot.back() != L'\\')
+        sRoot.push_back(L'\\');
+    return sRoot;
+}
+
+bool FlushVolume(const std::wstring& sFolder)
 {
     const std::wstring sDevice = VolumeDevice(sFolder);
     const CUniqueFile hVolume(::CreateFileW(sDevice.c_str(), GENERIC_READ | GENERIC_WRITE,
@@ -41,11 +48,12 @@ void FlushVolume(const std::wstring& sFolder)
     if (hVolume && ::FlushFileBuffers(hVolume.get()))
     {
         g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"Volume flushed", sDevice);
-        return;
+        return true;
     }
     const DWORD dwLastError = ::GetLastError(); // of the open or of the flush, whichever failed
     g_KeflTrace.TraceValue(TRACE_WARNING, kFn, L"Volume not flushed", sDevice);
     TraceLastError(kFn, dwLastError, TRACE_WARNING);
+    return false;
 }
 
 } // namespace morvane

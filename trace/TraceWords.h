@@ -44,6 +44,8 @@ inline constexpr wchar_t kWalkSkippedFiles[] = L"walk.ullSkippedFiles";
 inline constexpr wchar_t kWalkSkippedFolders[] = L"walk.ullSkippedFolders";
 // A file an earlier run restored whole, kept as it is: "Kept unchanged = <path>".
 inline constexpr wchar_t kKeptUnchanged[] = L"Kept unchanged";
+// A link that stood where the backup has a folder or file, removed: "Link in the way removed = <path>".
+inline constexpr wchar_t kLinkRemoved[] = L"Link in the way removed";
 
 // The warning a trace writes once, when its file reaches its size limit:
 //   CTrace::WriteLine : Trace file reached its size limit of 256 MiB: information and verbose

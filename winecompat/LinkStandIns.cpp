@@ -5,6 +5,7 @@
 #include <winioctl.h>
 
 #include <cstring>
+#include <string>
 #include <mutex>
 #include <vector>
 
@@ -92,7 +93,67 @@ BOOL WINAPI GetVolumeInformationForMountFolders(LPCWSTR pwszRoot, LPWSTR pwszNam
                                          pdwFlags, pwszFileSystem, cchFileSystem);
 }
 
+// The Linux path of a Windows path, from Wine's kernel32; empty when there is none.
+std::string UnixPath(const std::wstring& sPath)
+{
+    using UnixNameFn = char*(CDECL*)(const wchar_t*);
+    static const auto pfnUnixName = reinterpret_cast<UnixNameFn>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+    char* pszUnix = pfnUnixName ? pfnUnixName(sPath.c_str()) : nullptr;
+    const std::string sUnix = pszUnix ? pszUnix : "";
+    if (pszUnix)
+        ::HeapFree(::GetProcessHeap(), 0, pszUnix);
+    return sUnix;
+}
+
+// Linux system calls, made directly: Wine offers no call that acts on a link rather than on what it
+// points to. x86-64 numbers: unlink 87, symlink 88, readlink 89; a negative answer is -errno.
+long LinuxCall(long lNumber, const void* pArg1, const void* pArg2 = nullptr, long lArg3 = 0)
+{
+    long lResult = 0;
+    asm volatile("syscall"
+                 : "=a"(lResult)
+                 : "a"(lNumber), "D"(pArg1), "S"(pArg2), "d"(lArg3)
+                 : "rcx", "r11", "memory");
+    return lResult;
+}
+
+// Unlinks the Linux symbolic link at pwszPath; false when it is none.
+bool UnlinkLinuxLink(LPCWSTR pwszPath)
+{
+    const std::string sUnix = pwszPath ? UnixPath(pwszPath) : std::string();
+    char szTarget[8];
+    return !sUnix.empty() && LinuxCall(89, sUnix.c_str(), szTarget, sizeof(szTarget)) >= 0 &&
+           LinuxCall(87, sUnix.c_str()) == 0;
+}
+
+decltype(&::RemoveDirectoryW) g_pfnRealRemoveDirectory = nullptr;
+decltype(&::DeleteFileW) g_pfnRealDeleteFile = nullptr;
+
+BOOL WINAPI RemoveDirectoryOrLink(LPCWSTR pwszPath)
+{
+    return UnlinkLinuxLink(pwszPath) ? TRUE : g_pfnRealRemoveDirectory(pwszPath);
+}
+
+BOOL WINAPI DeleteFileOrLink(LPCWSTR pwszPath)
+{
+    return UnlinkLinuxLink(pwszPath) ? TRUE : g_pfnRealDeleteFile(pwszPath);
+}
+
 } // namespace
+
+bool MakeLinuxSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget)
+{
+    // The link's folder exists, the link does not: its Linux path is the folder's and its name.
+    const size_t iSlash = sLink.rfind(L'\\');
+    const std::string sFolder = UnixPath(sLink.substr(0, iSlash));
+    std::string sName;
+    for (const wchar_t wc : sLink.substr(iSlash + 1))
+        sName.push_back(static_cast<char>(wc)); // test names are ASCII
+    const std::string sUnixTarget = UnixPath(sTarget);
+    return !sFolder.empty() && !sUnixTarget.empty() &&
+           LinuxCall(88, sUnixTarget.c_str(), (sFolder + "/" + sName).c_str()) == 0;
+}
 
 CLinkPatches::CLinkPatches(HMODULE hModule)
 {
@@ -108,6 +169,12 @@ CLinkPatches::CLinkPatches(HMODULE hModule)
         std::make_unique<CIatPatch>(hModule, "KERNEL32.dll", "GetVolumeInformationW",
                                     reinterpret_cast<const void*>(&GetVolumeInformationForMountFolders)));
     g_pfnRealGetVolumeInformation = reinterpret_cast<GetVolumeInformationFn>(m_vPatches.back()->Original());
+    m_vPatches.push_back(std::make_unique<CIatPatch>(hModule, "KERNEL32.dll", "RemoveDirectoryW",
+                                                     reinterpret_cast<const void*>(&RemoveDirectoryOrLink)));
+    g_pfnRealRemoveDirectory = reinterpret_cast<decltype(&::RemoveDirectoryW)>(m_vPatches.back()->Original());
+    m_vPatches.push_back(std::make_unique<CIatPatch>(hModule, "KERNEL32.dll", "DeleteFileW",
+                                                     reinterpret_cast<const void*>(&DeleteFileOrLink)));
+    g_pfnRealDeleteFile = reinterpret_cast<decltype(&::DeleteFileW)>(m_vPatches.back()->Original());
 }
 
 CLinkPatches::~CLinkPatches() = default;

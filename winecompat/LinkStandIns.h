@@ -7,6 +7,9 @@
 // - GetVolumeInformationW on a folder that a volume is mounted on answers for that volume on
 //   Windows; under Wine such a folder is a plain folder, and the stand-in answers for the volume
 //   it is on.
+// - RemoveDirectoryW and DeleteFileW on a junction or symbolic link remove the link itself on
+//   Windows. Wine 8 follows a Linux symbolic link: RemoveDirectoryW fails, and DeleteFileW removes
+//   the file it points to. The stand-ins unlink a Linux symbolic link itself.
 // Nothing recorded here exists on disk: whoever shows the links must say that they were recorded,
 // not made.
 #include <windows.h>
@@ -19,6 +22,11 @@ namespace winecompat
 {
 
 class CIatPatch;
+
+// Makes a Linux symbolic link at sLink (a Windows path) to sTarget, which Wine 8 shows as a
+// reparse point when it points to a folder, and follows unflagged when it points to a file: a
+// link an earlier state left on a target disk. False when it cannot be made.
+bool MakeLinuxSymbolicLink(const std::wstring& sLink, const std::wstring& sTarget);
 
 struct CRecordedLink
 {

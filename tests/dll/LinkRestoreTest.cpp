@@ -183,14 +183,16 @@ TEST_F(LinkRestoreTest, WithoutTheEntryPointsOnlyJunctionsAreMade)
 TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
 {
     // A copy that another program holds open on Windows cannot be moved aside (error 32 here).
-    static decltype(&::MoveFileExW) s_pfnRealMove = nullptr;
-    s_pfnRealMove = Patch("MoveFileExW",
-                          +[](LPCWSTR pwszFrom, LPCWSTR pwszTo, DWORD dwFlags) -> BOOL
-                          {
-                              if (std::wcsstr(pwszFrom, L"Held"))
-                                  return WithLastError(ERROR_SHARING_VIOLATION, FALSE);
-                              return s_pfnRealMove(pwszFrom, pwszTo, dwFlags);
-                          });
+    static decltype(&::CreateFileW) s_pfnRealCreate = nullptr;
+    s_pfnRealCreate = Patch("CreateFileW",
+                            +[](LPCWSTR pwszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES pSa,
+                                DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate) -> HANDLE
+                            {
+                                if ((dwAccess & DELETE) && std::wcsstr(pwszPath, L"Held"))
+                                    return WithLastError(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
+                                return s_pfnRealCreate(pwszPath, dwAccess, dwShare, pSa, dwDisposition, dwFlags,
+                                                       hTemplate);
+                            });
     WriteTextFile(L"E:\\file.txt", "content");
     // Each failed link leaves the restored copy under its name: one held, one taken, one refused.
     const wchar_t* const kKept[] = {L"E:\\Held.txt", L"E:\\Taken.txt", L"E:\\Refused.txt"};

@@ -177,7 +177,8 @@ std::map<std::wstring, CMetadata> ReadMetadata(const std::wstring& sRoot, const 
     for (bool bMore = hFind.is_valid(); bMore; bMore = ::FindNextFileW(hFind.get(), &fd))
     {
         const std::wstring sName = fd.cFileName, sPath = sRel + L"\\" + sName;
-        if (sName == L"." || sName == L"..")
+        // The volume's own folder holds the restore's checkpoint, no file of the tree.
+        if (sName == L"." || sName == L".." || sPath == L"\\System Volume Information")
             continue;
         const FILETIME ft[] = {fd.ftCreationTime, fd.ftLastAccessTime, fd.ftLastWriteTime};
         tree[sPath] = {fd.dwFileAttributes & kRestored, std::bit_cast<std::array<uint64_t, 3>>(ft)};

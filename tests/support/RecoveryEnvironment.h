@@ -50,7 +50,8 @@ struct CFileIdentity
 };
 CFileIdentity FileIdentity(const std::wstring& sPath);
 // What a restore gives back of a file or folder beside its bytes: the attributes it restores and
-// the creation, last-access and last-write times, by path below sRoot (of sRel and what is below it).
+// the creation, last-access and last-write times, by path below sRoot (of sRel and what is below it),
+// without the volume's own folder at the top, "System Volume Information".
 struct CMetadata
 {
     DWORD dwAttributes = 0;
