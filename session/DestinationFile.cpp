@@ -41,11 +41,12 @@ bool DetachSharedName(const std::wstring& sDst, DWORD& dwLastError)
 }
 
 // Removes the link that stands where the backup has a folder or file, and says so.
-bool RemoveLinkInTheWay(const std::wstring& sDst, DWORD dwAttributes, DWORD& dwLastError)
+bool RemoveLinkInTheWay(const wchar_t* pwszFunction, const std::wstring& sDst, DWORD dwAttributes,
+                        DWORD& dwLastError)
 {
     if (!RemoveLink(sDst, dwAttributes, dwLastError))
         return false;
-    g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kLinkRemoved, sDst);
+    g_KeflTrace.TraceValue(TRACE_INFO, pwszFunction, words::kLinkRemoved, sDst);
     return true;
 }
 
@@ -77,7 +78,7 @@ CUniqueFile OpenDestination(const std::wstring& sDst, DWORD& dwLastError)
     DWORD dwAttributes = 0;
     if (ExamineName(sDst, dwAttributes) == NameKind::Link)
     {
-        if (!RemoveLinkInTheWay(sDst, dwAttributes, dwLastError))
+        if (!RemoveLinkInTheWay(kFn, sDst, dwAttributes, dwLastError))
             return hDst;
         return Create(sDst, CREATE_NEW, dwLastError);
     }
@@ -101,7 +102,8 @@ bool MakeDestinationFolder(const std::wstring& sDst, DWORD& dwLastError)
         return true;
     // A file stays, and the folder fails with ERROR_ALREADY_EXISTS: what holds data is not removed
     // for a folder's sake.
-    if (kind == NameKind::File || (kind == NameKind::Link && !RemoveLinkInTheWay(sDst, dwAttributes, dwLastError)))
+    if (kind == NameKind::File || (kind == NameKind::Link &&
+                                    !RemoveLinkInTheWay(words::kRestoreFilespace, sDst, dwAttributes, dwLastError)))
         return false;
     if (::CreateDirectoryW(sDst.c_str(), nullptr))
         return true;

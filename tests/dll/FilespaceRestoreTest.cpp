@@ -1,6 +1,7 @@
 // Restoring a filespace: a drive folder of the backup copied back onto its drive, file by file as
 // backup streams, with progress; refusals and failed files as the host sees them.
 #include "dll/SessionFixture.h"
+#include "support/PowerCut.h"
 
 #include "winecompat/BackupStreams.h"
 #include "winecompat/LinkStandIns.h"
@@ -135,11 +136,14 @@ protected:
             WriteBytes(kSourceE + pwszBehindLink, "behind a link");
     }
     // Drive E: restored with that many files in flight (1: one at a time on the calling thread), and
-    // KEFL_SkipUnchanged as given.
-    bool RestoreE(const wchar_t* pwszThreads, const wchar_t* pwszSkipUnchanged = L"0")
+    // KEFL_SkipUnchanged and KEFL_CheckpointMB as given.
+    bool RestoreE(const wchar_t* pwszThreads, const wchar_t* pwszSkipUnchanged = L"0",
+                  const wchar_t* pwszCheckpointMB = L"1024")
     {
         auto traceIni = Verbose();
-        traceIni.insert({{L"KEFL_RestoreThreads", pwszThreads}, {L"KEFL_SkipUnchanged", pwszSkipUnchanged}});
+        traceIni.insert({{L"KEFL_RestoreThreads", pwszThreads},
+                         {L"KEFL_SkipUnchanged", pwszSkipUnchanged},
+                         {L"KEFL_CheckpointMB", pwszCheckpointMB}});
         WriteTraceIni(traceIni);
         morvane::Filespace fs{};
         fs.sFsPath = L"E:\\";
@@ -339,6 +343,11 @@ TEST_F(FilespaceRestoreTest, NotesEachFailureAndRestoresTheRest)
     EXPECT_TRUE(ReadBytes(L"E:\\good.txt") == Pattern(200000, 1));
     EXPECT_TRUE(ReadBytes(L"E:\\z\\after.txt") == Pattern(200000, 7)) << "the walk went on";
     EXPECT_EQ(0, LiveBackupContexts()) << "contexts ended after failures too";
+    const auto backup = ReadMetadata(kSourceE);
+    const auto restored = ReadMetadata(L"E:");
+    for (const wchar_t* pwszFailed : {L"\\unreadable.bin", L"\\unwritable.bin", L"\\short.bin", L"\\unclosed.bin"})
+        EXPECT_NE(backup.at(pwszFailed).times[2], restored.at(pwszFailed).times[2])
+            << testing::PrintToString(std::wstring(pwszFailed)) << " carries the time of a whole copy";
     EXPECT_EQ(L"Failed to restore drive letter from target location", ErrorText());
     // What a support engineer reads in the errors: the error value, each failed file and its path.
     const auto vErrors = TextsWithMarker(KeflLog(), L":[E]: ");
@@ -402,23 +411,24 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
 
 TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWritesLoseNoBytes)
 {
-    // Pairs of names that the last restore's link pass made one file: backup copies that differ,
-    // and large equal ones that keep two of the eight workers busy for seconds. Every file's
-    // BackupWrite takes half of one large buffer, as a write may.
+    // Pairs of names that the last restore's link pass made one file: backup copies that differ (one
+    // of the longest name a folder takes), and large equal ones that keep two of the eight workers
+    // busy for seconds. Every file's BackupWrite takes half of one large buffer, as a write may.
     const std::string sLarge = Pattern(160u << 20, 5);
+    const std::wstring sLongest = L"\\Sub\\" + std::wstring(251, L'n') + L".txt";
     const std::map<std::wstring, std::string> kCopies = {{L"\\a1.txt", Pattern(70000, 1)},
-                                                         {L"\\Sub\\a2.txt", Pattern(90000, 2)},
+                                                         {sLongest, Pattern(90000, 2)},
                                                          {L"\\big1.bin", sLarge},
                                                          {L"\\big2.bin", sLarge}};
     MakeFolders(kSourceE + L"\\Sub");
     MakeFolders(L"E:\\Sub");
     for (const auto& [sName, sBytes] : kCopies)
         WriteBytes(kSourceE + sName, sBytes);
-    for (const auto& [pwszName, pwszLink] :
-         {std::pair{L"E:\\a1.txt", L"E:\\Sub\\a2.txt"}, {L"E:\\big1.bin", L"E:\\big2.bin"}})
+    for (const auto& [sName, sLink] : {std::pair<std::wstring, std::wstring>{L"E:\\a1.txt", L"E:" + sLongest},
+                                       {L"E:\\big1.bin", L"E:\\big2.bin"}})
     {
-        WriteBytes(pwszName, "the earlier restore's bytes");
-        ASSERT_TRUE(::CreateHardLinkW(pwszLink, pwszName, nullptr));
+        WriteBytes(sName, "the earlier restore's bytes");
+        ASSERT_TRUE(::CreateHardLinkW(sLink.c_str(), sName.c_str(), nullptr));
     }
     ::SetFileAttributesW(L"E:\\a1.txt", FILE_ATTRIBUTE_READONLY);
     BackupStreamFaults().bHalfOfOneLargeWrite = true;
@@ -432,26 +442,51 @@ TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWri
     EXPECT_EQ(1, winecompat::VolumeFlushes()) << "the volume once, not each file";
 }
 
+TEST_F(FilespaceRestoreTest, AResumeGivesEachNameOfAFileThatTwoNamesShareAFileOfItsOwn)
+{
+    // Two backup copies alike in bytes, time and attributes; on E: one file under both names, linked
+    // before the volume's last checkpoint (the mount point's restore records one on E:'s volume here).
+    for (const wchar_t* pwszName : {L"\\one.bin", L"\\two.bin"})
+    {
+        WriteBytes(kSourceE + pwszName, Pattern(5000, 1));
+        WriteMetadata(kSourceE + pwszName, {FILE_ATTRIBUTE_ARCHIVE, {130915281890000000ULL, 0, 130915281890000000ULL}});
+    }
+    MakeFolders(kSourceE + L"\\Mount\\Data");
+    ASSERT_TRUE(RestoreE(L"8"));
+    RemoveFile(L"E:\\two.bin");
+    ASSERT_TRUE(::CreateHardLinkW(L"E:\\two.bin", L"E:\\one.bin", nullptr));
+    morvane::Filespace fs{};
+    fs.sFsPath = fs.sFsMountDir = L"E:\\Mount\\Data";
+    fs.dwFsFlags = 0x8;
+    ASSERT_TRUE(m_pClient->RestoreFilespace(fs));
+    ASSERT_TRUE(RestoreE(L"8", L"1"));
+    for (const wchar_t* pwszName : {L"E:\\one.bin", L"E:\\two.bin"})
+        EXPECT_EQ(1u, FileIdentity(pwszName).dwLinks) << testing::PrintToString(std::wstring(pwszName));
+}
+
 TEST_F(FilespaceRestoreTest, AWalkStoppedByAnExceptionLeavesTheLinksToItsFilesUnmade)
 {
     // Stopped by the host's callback or a listing with no memory: the file not taken is neither copied
-    // nor failed, and a link made now would put a stale file under the link's name.
+    // nor failed, and a link made now would put a stale file under the link's name. So would a link to
+    // a copy that failed.
     WriteBytes(kSourceE + L"\\link.txt", "the link's copy");
     WriteBytes(kSourceE + L"\\target.txt", "the target's copy");
     WriteTextFile(L"R:\\Backup\\#\\HPoint.dat", "[1]\r\nH1=E:\\target.txt\r\nH2=E:\\link.txt\r\n");
-    for (const bool bInTheListing : {false, true})
+    for (const char* pszStop : {"the target's copy fails", "the host's callback throws", "the listing throws"})
     {
-        SCOPED_TRACE(bInTheListing ? "the listing throws" : "the host's callback throws");
+        SCOPED_TRACE(pszStop);
         WriteBytes(L"E:\\target.txt", "stale");
         ASSERT_TRUE(m_pClient->Init(Credentials(kBackup).get()));
-        if (bInTheListing)
+        // A read error from the backup: a copy that failed is no more restored than one never taken.
+        BackupStreamFaults().sReadFailFile = pszStop[4] == 't' ? L"target.txt" : L"";
+        if (pszStop[4] == 'l')
             g_pfnRealFindNext = m_patches.Patch(
                 m_pLibrary->Module(), "KERNEL32.dll", "FindNextFileW",
                 +[](HANDLE h, LPWIN32_FIND_DATAW pfd) -> BOOL {
                     return std::wcsstr(pfd->cFileName, L".txt") ? throw std::bad_alloc()
                                                                 : g_pfnRealFindNext(h, pfd);
                 });
-        else
+        else if (pszStop[4] == 'h')
             m_pClient->SetProgMsgCallbackFn(
                 +[](const morvane::ProgMsg* pMsg, uint64_t) -> int
                 { return pMsg->ullDone == 1 ? throw std::runtime_error("gives up") : 0; },
@@ -513,6 +548,60 @@ TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers
         EXPECT_EQ(backup.at(sRel).times[2], restored.at(sRel).times[2]) << testing::PrintToString(sRel);
     }
     EXPECT_EQ(6, Restore(L"0")) << "without the setting, every file is copied";
+}
+
+TEST_F(FilespaceRestoreTest, AResumeAfterAPowerCutCopiesAgainWhatTheLastCheckpointLeftUnflushed)
+{
+    // 24 files of four writes each, a checkpoint every MiB (about five files); the power fails at
+    // the 60th write, with checkpoints behind it and the last of them lost.
+    for (uint32_t ui = 0; ui < 24; ++ui)
+        WriteBytes(kSourceE + L"\\f" + std::to_wstring(ui) + L".bin", Pattern(200000, ui));
+    CPowerCut power(m_patches, m_pLibrary->Module(), 60);
+    RestoreE(L"1", L"0", L"1");
+    const size_t cLost = power.Restart();
+    g_iBackupOpens = 0;
+    ASSERT_TRUE(RestoreE(L"8", L"1")) << testing::PrintToString(ErrorText());
+    for (uint32_t ui = 0; ui < 24; ++ui)
+        EXPECT_TRUE(ReadBytes(L"E:\\f" + std::to_wstring(ui) + L".bin") == Pattern(200000, ui)) << ui;
+    EXPECT_EQ(static_cast<int>(cLost), g_iBackupOpens) << "exactly what the last checkpoint did not cover";
+    EXPECT_LT(cLost, 24u);
+}
+
+TEST_F(FilespaceRestoreTest, ReplacesALinkInTheWayAndLeavesWhatItPointsToAsItWas)
+{
+    // An earlier state's links where the backup has the folder Data\Current and the file Linked.txt.
+    // Wine flags a Linux link to a folder, not one to a file: Windows' find data flags it here.
+    MakeFolders(kSourceE + L"\\Data\\Current");
+    for (int i = 0; i < 50; ++i)
+        WriteBytes(kSourceE + L"\\Data\\Current\\f" + std::to_wstring(i) + L".txt", "the backup's");
+    WriteBytes(kSourceE + L"\\Linked.txt", "the backup's");
+    MakeFolders(L"E:\\Elsewhere");
+    MakeFolders(L"E:\\Data");
+    WriteBytes(L"E:\\Elsewhere\\f0.txt", "another folder's");
+    WriteBytes(L"E:\\Elsewhere.txt", "another file's");
+    ASSERT_TRUE(winecompat::MakeLinuxSymbolicLink(L"E:\\Data\\Current", L"E:\\Elsewhere"));
+    ASSERT_TRUE(winecompat::MakeLinuxSymbolicLink(L"E:\\Linked.txt", L"E:\\Elsewhere.txt"));
+    g_pfnRealFindFirst = m_patches.Patch(m_pLibrary->Module(), "KERNEL32.dll", "FindFirstFileW",
+                                         +[](LPCWSTR pwsz, LPWIN32_FIND_DATAW pfd)
+                                         {
+                                             const HANDLE hFind = g_pfnRealFindFirst(pwsz, pfd);
+                                             if (std::wcscmp(pwsz, L"\\\\?\\E:\\Linked.txt") == 0)
+                                                 pfd->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+                                             return hFind;
+                                         });
+    ASSERT_TRUE(RestoreE(L"8")) << testing::PrintToString(ErrorText());
+    EXPECT_EQ(1u, ReadMetadata(L"E:\\Elsewhere").size());
+    EXPECT_EQ("another folder's", ReadBytes(L"E:\\Elsewhere\\f0.txt"));
+    EXPECT_EQ("another file's", ReadBytes(L"E:\\Elsewhere.txt"));
+    EXPECT_EQ(50u, ReadMetadata(L"E:\\Data\\Current").size());
+    EXPECT_EQ("the backup's", ReadBytes(L"E:\\Linked.txt"));
+    for (const auto& [pwszFunction, pwszLink] : {std::pair{L"RestoreFilespace", L"E:\\Data\\Current"},
+                                                  {L"CopyFileWithProgress", L"E:\\Linked.txt"}})
+    {
+        EXPECT_FALSE(::GetFileAttributesW(pwszLink) & FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_TRUE(HasText(KeflLog(), L"KEFLImpl::" + std::wstring(pwszFunction) +
+                                           L" : Link in the way removed = \"\\\\?\\" + pwszLink + L"\""));
+    }
 }
 
 // The restore on a thread of the host with a 64 KiB stack. Wine gives every thread at least 1 MiB,

@@ -351,6 +351,8 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
 {
     // The restore waits for a backup file that another program holds; meanwhile its process dies.
     MakeHostBackup(L"R:\\Host\\Killed", {L"a.txt", L"held.bin", L"z.txt"});
+    WriteBytes(L"F:\\a.txt", "an earlier state's file of two names");
+    ASSERT_TRUE(::CreateHardLinkW(L"F:\\z.txt", L"F:\\a.txt", nullptr));
     morvane::CUniqueFile hHeld(::CreateFileW(L"R:\\Host\\Killed\\F\\held.bin", GENERIC_READ, 0, nullptr,
                                              OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(hHeld);
@@ -375,4 +377,7 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
     EXPECT_EQ(0u, dwAgain) << sAgain;
     EXPECT_NE(std::string::npos, sAgain.find("Resuming: a file an earlier run restored whole")) << sAgain;
     EXPECT_EQ("x", ReadBytes(L"F:\\held.bin"));
+    EXPECT_EQ(1u, FileIdentity(L"F:\\z.txt").dwLinks);
+    for (const auto& [sRel, metadata] : ReadMetadata(L"F:"))
+        EXPECT_EQ(std::wstring::npos, sRel.find(L"~kefl")) << "a name moved aside is gone";
 }
