@@ -3,6 +3,7 @@
 #include "channel/MessageIds.h"
 #include "folders/ParentFolders.h"
 #include "links/FileNames.h"
+#include "links/NameAside.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
 #include "trace/TraceObjects.h"

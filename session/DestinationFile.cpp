@@ -1,6 +1,7 @@
 #include "session/DestinationFile.h"
 
 #include "links/FileNames.h"
+#include "links/NameAside.h"
 #include "links/NameInTheWay.h"
 #include "trace/TraceObjects.h"
 #include "trace/TraceWords.h"

@@ -8,6 +8,7 @@
 #include "session/UnchangedFile.h"
 
 #include "channel/MessageIds.h"
+#include "links/NameInTheWay.h"
 #include "platform/CatchAtEdge.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
@@ -64,10 +65,13 @@ void TraceMetadataFailure(const wchar_t* pwszFunction, const std::wstring& sPath
     g_KeflTrace.TraceMessage(TRACE_ERROR, pwszFunction, pwszWhat);
 }
 
+// A real folder, or a volume's mount point: never a link that a folder could not replace, whose
+// target would get the times.
 bool IsFolder(const std::wstring& sPath)
 {
-    const DWORD dwAttributes = ::GetFileAttributesW(sPath.c_str());
-    return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    DWORD dwAttributes = 0;
+    const NameKind kind = ExamineName(sPath, dwAttributes);
+    return kind == NameKind::Folder || kind == NameKind::VolumeMountPoint;
 }
 
 bool SetTimes(HANDLE hFile, const CWalkEntry& entry)
@@ -102,7 +106,8 @@ void RestoreFolderMetadata(const wchar_t* pwszFunction, const std::wstring& sLon
 {
     CUniqueFile hFolder(::CreateFileW(sLongDst.c_str(), FILE_WRITE_ATTRIBUTES,
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                      nullptr));
     if (!hFolder)
         TraceMetadataFailure(pwszFunction, sLongDst, ::GetLastError(), words::kTimesNotSet);
     else

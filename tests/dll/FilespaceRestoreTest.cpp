@@ -411,24 +411,23 @@ TEST_F(FilespaceRestoreTest, RefusesWhatItCannotRestoreWithTheMessageTheHostShow
 
 TEST_F(FilespaceRestoreTest, NamesAnEarlierRestoreLinkedGetFilesOfTheirOwnAndWritesLoseNoBytes)
 {
-    // Pairs of names that the last restore's link pass made one file: backup copies that differ (one
-    // of the longest name a folder takes), and large equal ones that keep two of the eight workers
-    // busy for seconds. Every file's BackupWrite takes half of one large buffer, as a write may.
+    // Pairs of names that the last restore's link pass made one file: backup copies that differ,
+    // and large equal ones that keep two of the eight workers busy for seconds. Every file's
+    // BackupWrite takes half of one large buffer, as a write may.
     const std::string sLarge = Pattern(160u << 20, 5);
-    const std::wstring sLongest = L"\\Sub\\" + std::wstring(251, L'n') + L".txt";
     const std::map<std::wstring, std::string> kCopies = {{L"\\a1.txt", Pattern(70000, 1)},
-                                                         {sLongest, Pattern(90000, 2)},
+                                                         {L"\\Sub\\a2.txt", Pattern(90000, 2)},
                                                          {L"\\big1.bin", sLarge},
                                                          {L"\\big2.bin", sLarge}};
     MakeFolders(kSourceE + L"\\Sub");
     MakeFolders(L"E:\\Sub");
     for (const auto& [sName, sBytes] : kCopies)
         WriteBytes(kSourceE + sName, sBytes);
-    for (const auto& [sName, sLink] : {std::pair<std::wstring, std::wstring>{L"E:\\a1.txt", L"E:" + sLongest},
-                                       {L"E:\\big1.bin", L"E:\\big2.bin"}})
+    for (const auto& [pwszName, pwszLink] :
+         {std::pair{L"E:\\a1.txt", L"E:\\Sub\\a2.txt"}, {L"E:\\big1.bin", L"E:\\big2.bin"}})
     {
-        WriteBytes(sName, "the earlier restore's bytes");
-        ASSERT_TRUE(::CreateHardLinkW(sLink.c_str(), sName.c_str(), nullptr));
+        WriteBytes(pwszName, "the earlier restore's bytes");
+        ASSERT_TRUE(::CreateHardLinkW(pwszLink, pwszName, nullptr));
     }
     ::SetFileAttributesW(L"E:\\a1.txt", FILE_ATTRIBUTE_READONLY);
     BackupStreamFaults().bHalfOfOneLargeWrite = true;

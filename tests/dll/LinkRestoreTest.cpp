@@ -196,10 +196,13 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
     WriteTextFile(L"E:\\file.txt", "content");
     // Each failed link leaves the restored copy under its name: one held, one taken, one refused.
     const wchar_t* const kKept[] = {L"E:\\Held.txt", L"E:\\Taken.txt", L"E:\\Refused.txt"};
-    WriteTextFile(L"E:\\copy.txt", "its own copy");
+    // The restored copy where the link goes has a name as long as a folder takes: its aside name fits too.
+    const std::string sCopy = std::string(251, 'c') + ".txt";
+    const std::wstring sCopyPath = L"E:\\" + std::wstring(sCopy.begin(), sCopy.end());
+    WriteTextFile(sCopyPath, "its own copy");
     for (const wchar_t* pwszCopy : kKept)
         WriteTextFile(pwszCopy, "its own copy");
-    const std::string sHPoint = "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\copy.txt\r\nH3=E:\\Held.txt\r\n"
+    const std::string sHPoint = "[1]\r\nH1=E:\\file.txt\r\nH2=E:\\" + sCopy + "\r\nH3=E:\\Held.txt\r\n"
                                 "H4=E:\\Taken.txt\r\nH5=E:\\Refused.txt\r\n";
     // The second pass runs over a tree that the first one linked.
     for (int iPass = 1; iPass <= 2; ++iPass)
@@ -217,8 +220,8 @@ TEST_F(LinkRestoreTest, AHardLinkCountsAsMadeOnlyWhenItsNameIsTheTargetsFile)
             return std::ranges::count(vErrors, L"KEFLImpl::RestoreLinks : sLink = \"" +
                                                    std::wstring(pwszLink) + L"\"");
         };
-        EXPECT_EQ(0, Failed(L"E:\\copy.txt"));
-        EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(L"E:\\copy.txt").ullIndex);
+        EXPECT_EQ(0, Failed(sCopyPath.c_str()));
+        EXPECT_EQ(FileIdentity(L"E:\\file.txt").ullIndex, FileIdentity(sCopyPath).ullIndex);
         for (const wchar_t* pwszKept : kKept)
         {
             EXPECT_EQ(1, Failed(pwszKept)) << testing::PrintToString(std::wstring(pwszKept));
