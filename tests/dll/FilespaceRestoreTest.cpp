@@ -507,7 +507,7 @@ TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers
         None,      // kept
         Deleted,   // copied again
         Cut,       // shorter, with the time of the interruption: copied again
-        Rewritten, // the same size, a later time: copied again
+        Rewritten, // the backup's copy of the same size and a later time (another point in time): copied again
     };
     const std::pair<const wchar_t*, Change> kFiles[] = {
         {L"kept.bin", Change::None},           {L"Sub\\kept.bin", Change::None},
@@ -535,7 +535,7 @@ TEST_F(FilespaceRestoreTest, ASecondRestoreWithSkipUnchangedReadsOnlyWhatDiffers
         if (change == Change::Cut)
             WriteBytes(sRestored, ReadBytes(sRestored).substr(0, 5000));
         if (change == Change::Rewritten)
-            WriteBytes(sRestored, Pattern(100000, 99));
+            WriteBytes(kSourceE + L"\\" + pwszName, Pattern(100000, 99));
     }
     EXPECT_EQ(3, Restore(L"1")) << "the deleted, the cut and the rewritten file";
     const auto backup = ReadMetadata(kSourceE);
