@@ -3,6 +3,8 @@
 #include "host/LibraryTrace.h"
 #include "platform/FormatText.h"
 
+#include <vector>
+
 namespace keflhost
 {
 namespace
@@ -17,6 +19,49 @@ morvane::CUniqueFile OpenNul()
     SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
     return morvane::CUniqueFile(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                               &sa, OPEN_EXISTING, 0, nullptr));
+}
+
+// The attribute list that names the only handles a child inherits.
+class CInheritedHandles
+{
+public:
+    explicit CInheritedHandles(std::vector<HANDLE> vHandles) : m_vHandles(std::move(vHandles))
+    {
+        SIZE_T cbList = 0;
+        ::InitializeProcThreadAttributeList(nullptr, 1, 0, &cbList);
+        m_vList.resize(cbList);
+        auto* pList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data());
+        m_bReady = ::InitializeProcThreadAttributeList(pList, 1, 0, &cbList) != FALSE;
+        m_bReady = m_bReady && ::UpdateProcThreadAttribute(pList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                                           m_vHandles.data(), m_vHandles.size() * sizeof(HANDLE),
+                                                           nullptr, nullptr);
+    }
+    ~CInheritedHandles()
+    {
+        if (!m_vList.empty())
+            ::DeleteProcThreadAttributeList(reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data()));
+    }
+    CInheritedHandles(const CInheritedHandles&) = delete;
+    CInheritedHandles& operator=(const CInheritedHandles&) = delete;
+    // Null when the list could not be made: the error is the thread's last.
+    LPPROC_THREAD_ATTRIBUTE_LIST List() { return m_bReady ? reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data()) : nullptr; }
+
+private:
+    std::vector<HANDLE> m_vHandles; // the list points into it
+    std::vector<BYTE> m_vList;
+    bool m_bReady = false;
+};
+
+// A job that ends every process in it when its last handle closes: keflhost's, however keflhost
+// ends (killed, crashed, a second Ctrl+C), so its restore process never outlives it.
+morvane::CUniqueHandle KillOnCloseJob()
+{
+    morvane::CUniqueHandle hJob(::CreateJobObjectW(nullptr, nullptr));
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (hJob && !::SetInformationJobObject(hJob.get(), JobObjectExtendedLimitInformation, &limits, sizeof(limits)))
+        hJob.reset();
+    return hJob;
 }
 
 } // namespace
@@ -35,25 +80,47 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
     const morvane::CUniqueFile hChildEnd(hWrite);
     ::SetHandleInformation(hRead, HANDLE_FLAG_INHERIT, 0); // ours alone: the stream ends with the process
     const morvane::CUniqueFile hNul = OpenNul();
-
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = hNul.get();
-    si.hStdOutput = hChildEnd.get();
-    si.hStdError = hNul.get();
+    m_hJob = KillOnCloseJob();
+    if (!m_hJob)
+    {
+        sError = L"cannot make the job that ends the restore process with keflhost: " + ErrorText(::GetLastError());
+        return false;
+    }
+    // The pipe's end and NUL, and nothing else keflhost holds, reach the restore process.
+    CInheritedHandles inherited({hChildEnd.get(), hNul.get()});
+    STARTUPINFOEXW si{};
+    si.StartupInfo.cb = sizeof(si);
+    si.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    si.StartupInfo.hStdInput = hNul.get();
+    si.StartupInfo.hStdOutput = hChildEnd.get();
+    si.StartupInfo.hStdError = hNul.get();
+    si.lpAttributeList = inherited.List();
+    if (!si.lpAttributeList)
+    {
+        sError = L"cannot name the handles the restore process inherits: " + ErrorText(::GetLastError());
+        return false;
+    }
     std::wstring sCommand = L"\"" + sProgram + L"\"" + sArguments;
-    PROCESS_INFORMATION pi{};
+    morvane::CUniqueProcessInformation pi;
     // A console of its own, without a window: what the library does with it touches nothing of
-    // the administrator's, and the administrator's Ctrl+C reaches keflhost alone.
+    // the administrator's, and the administrator's Ctrl+C reaches keflhost alone. Suspended until
+    // it is in the job, so that not one of its instructions runs outside it.
     if (!::CreateProcessW(sProgram.c_str(), sCommand.data(), nullptr, nullptr, TRUE,
-                          CREATE_NO_WINDOW | CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &si, &pi))
+                          CREATE_NO_WINDOW | CREATE_NEW_PROCESS_GROUP | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT,
+                          nullptr, nullptr, &si.StartupInfo, pi.put()))
     {
         sError = L"cannot start " + sProgram + L": " + ErrorText(::GetLastError());
         return false;
     }
-    ::CloseHandle(pi.hThread);
-    m_hProcess.reset(pi.hProcess);
+    if (!::AssignProcessToJobObject(m_hJob.get(), pi.get().hProcess))
+    {
+        const DWORD dwLastError = ::GetLastError();
+        ::TerminateProcess(pi.get().hProcess, ERROR_ACCESS_DENIED);
+        sError = L"cannot put the restore process into keflhost's job: " + ErrorText(dwLastError);
+        return false;
+    }
+    ::ResumeThread(pi.get().hThread);
+    m_hProcess.reset(pi.ReleaseProcess());
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
-// keflhost's side of its restore process (keflrestore.exe beside it): started with a pipe for
-// its events and a console of its own that nobody sees, read with a timeout so that keflhost
+// keflhost's side of its restore process (keflrestore.exe beside it): started in a job that ends
+// it with keflhost, with a pipe for its events, the pipe's end and NUL its only inherited handles,
+// and a console of its own that nobody sees, read with a timeout so that keflhost
 // keeps the clock while it waits (a stall to say, Ctrl+C to act on), ended when asked, and its
 // exit code put in words when it ends before its last event.
 #include "host/RestoreEvents.h"
@@ -36,6 +37,7 @@ public:
     DWORD ExitCode();
 
 private:
+    morvane::CUniqueHandle m_hJob; // kills the process when keflhost's last handle to it closes
     morvane::CUniqueHandle m_hProcess;
     morvane::CUniqueFile m_hEvents;
     CEventReader m_reader;

@@ -13,12 +13,13 @@ int wmain(int argc, wchar_t** argv)
     keflhost::CSessionRequest request;
     if (!keflhost::ParseSessionArguments(argc, argv, request))
         return 2;
-    // The events go through a handle of this process's own: nothing the library does to the
-    // standard handles (its console's set-up frees the console) reaches the pipe, and nothing else
-    // that writes to standard output (a child process it starts) mixes into the events.
+    // The events go through a handle of this process's own, which no child inherits, and the
+    // inherited standard output is closed: nothing the library does to the standard handles (its
+    // console's set-up frees the console) reaches the pipe, and no child process it starts (XCOPY)
+    // holds the pipe open or mixes its output into the events.
     HANDLE hEvents = nullptr;
     if (!::DuplicateHandle(::GetCurrentProcess(), ::GetStdHandle(STD_OUTPUT_HANDLE), ::GetCurrentProcess(),
-                           &hEvents, 0, FALSE, DUPLICATE_SAME_ACCESS))
+                           &hEvents, 0, FALSE, DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE))
         return 2;
     const morvane::CUniqueFile hOwnedEvents(hEvents);
     const morvane::CUniqueFile hNul(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE,

@@ -8,7 +8,6 @@
 #include "host/RestoreDriver.h"
 #include "host/RestoreReport.h"
 #include "host/RestoreSession.h"
-#include "host/ResumeSetting.h"
 #include "platform/ModulePath.h"
 #include "platform/UniqueHandle.h"
 
@@ -19,7 +18,6 @@
 #include <cwchar>
 #include <exception>
 #include <new>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,8 +40,9 @@ const wchar_t kUsage[] =
     L"  --verify           afterwards compares every restored file with its copy in the backup\n"
     L"  --report FILE      writes what was done, failed and verified as JSON\n"
     L"  --stall-minutes N  says so when no progress came for N minutes (10 by default)\n"
-    L"  --resume           keeps the files an earlier run restored whole (same size, time and\n"
-    L"                     attributes as in the backup) instead of copying them again\n"
+    L"  --resume           keeps the files an earlier run restored whole (one name, the same size,\n"
+    L"                     time and attributes as in the backup, finished before the volume's\n"
+    L"                     last checkpoint) instead of copying them again\n"
     L"Exit status: 0 everything restored (and verified); 1 nothing could start (the library, the\n"
     L"arguments, the credentials, the session, or a backup without filespaces); otherwise the sum of\n"
     L"2 files or folders not restored, 4 links not made, 8 verification found differences, 16 the\n"
@@ -176,16 +175,17 @@ int StartAndFollow(const COptions& options, const keflhost::CSessionRequest& ses
     return keflhost::FollowRestore(process, options.request, g_bStop, display, record);
 }
 
-// The restore process with --resume's setting in force for its run, and put back after.
+// The restore process, with --resume's setting for its run alone: in the environment it inherits,
+// which no crash, kill or Ctrl+C can leave behind for the next restore.
 int RunRestoreProcess(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
 {
-    std::optional<keflhost::CResumeSetting> resume;
     if (options.request.bResume)
     {
-        resume.emplace();
+        ::SetEnvironmentVariableW(L"KEFL_SkipUnchanged", L"1");
         record.bResumed = true;
-        PrintLine(L"Resuming: a file an earlier run restored whole (the same size, last-write time and attributes "
-                  L"as in the backup) is kept; KEFL_SkipUnchanged=1 in " + resume->IniPath() + L" for this run.");
+        PrintLine(L"Resuming: a file an earlier run restored whole (one name, the same size, last-write time and "
+                  L"attributes as in the backup, finished before its volume's last checkpoint) is kept; "
+                  L"KEFL_SkipUnchanged=1 for this run only.");
     }
     return StartAndFollow(options, session, record);
 }

@@ -121,6 +121,37 @@ using CUniqueSid = CUniqueResource<CSidTraits>;
 using CUniqueRegKey = CUniqueResource<CRegKeyTraits>;
 using CUniqueLibrary = CUniqueResource<CLibraryTraits>;
 
+// A started process's two handles, owned: CreateProcess fills them through put(), and both are
+// closed with the object unless taken.
+class CUniqueProcessInformation
+{
+public:
+    CUniqueProcessInformation() noexcept = default;
+    ~CUniqueProcessInformation() { reset(); }
+    CUniqueProcessInformation(const CUniqueProcessInformation&) = delete;
+    CUniqueProcessInformation& operator=(const CUniqueProcessInformation&) = delete;
+
+    PROCESS_INFORMATION* put() noexcept
+    {
+        reset();
+        return &m_pi;
+    }
+    const PROCESS_INFORMATION& get() const noexcept { return m_pi; }
+    // Gives up the process handle, for an owner of its own.
+    HANDLE ReleaseProcess() noexcept { return std::exchange(m_pi.hProcess, nullptr); }
+    void reset() noexcept
+    {
+        CLastErrorGuard keepError;
+        for (HANDLE h : {m_pi.hThread, m_pi.hProcess})
+            if (h)
+                ::CloseHandle(h);
+        m_pi = {};
+    }
+
+private:
+    PROCESS_INFORMATION m_pi{};
+};
+
 // Runs a cleanup when the scope ends, unless dismissed.
 template <typename F> class CScopeExit
 {

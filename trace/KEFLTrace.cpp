@@ -1,5 +1,7 @@
 #include "trace/KEFLTrace.h"
 
+#include <cwchar>
+
 namespace morvane
 {
 
@@ -20,6 +22,14 @@ void KEFLTrace::ReadPsfTraceLevel()
 uint32_t KEFLTrace::ReadSetting(const wchar_t* pwszKey, uint32_t uiDefault)
 {
     CLastErrorGuard keepError;
+    // The process's environment first: a host sets a setting there for its own run, and no file
+    // that outlives the run keeps it.
+    wchar_t wszValue[16] = {};
+    const DWORD cchValue = ::GetEnvironmentVariableW(pwszKey, wszValue, 16);
+    wchar_t* pwszEnd = wszValue;
+    const unsigned long ulValue = cchValue > 0 && cchValue < 16 ? std::wcstoul(wszValue, &pwszEnd, 10) : 0;
+    if (pwszEnd != wszValue && *pwszEnd == L'\0')
+        return static_cast<uint32_t>(ulValue);
     return ::GetPrivateProfileIntW(L"Main", pwszKey, static_cast<INT>(uiDefault), TraceIniPath().c_str());
 }
 

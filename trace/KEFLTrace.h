@@ -14,7 +14,8 @@ public:
 
     void ReadPsfTraceLevel();
     // Another number of trace.ini's [Main] section, where the recovery system is tuned (the
-    // restore's threads); uiDefault when the key is missing.
+    // restore's threads); a variable of that name in the process's environment comes first;
+    // uiDefault when neither has it.
     uint32_t ReadSetting(const wchar_t* pwszKey, uint32_t uiDefault);
     uint32_t GetPsfTraceLevel() const { return m_uiPsfFlags.load(std::memory_order_relaxed); }
     // True when every bit of uiFlags is set.

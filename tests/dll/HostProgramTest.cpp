@@ -373,7 +373,9 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
     EXPECT_NE(std::string::npos, sOutput.find("exit code 0xC0000005: an access violation")) << sOutput;
     EXPECT_EQ("cut short", ReadReport(L"R:\\Host\\Killed.json")["filespaces"][0].value("result", ""));
     hHeld.reset();
+    const std::string sTraceIni = ReadBytes(L"Z:\\DURN\\trace.ini");
     const auto [dwAgain, sAgain] = RunHost(L"--location R:\\Host\\Killed --resume");
+    EXPECT_EQ(sTraceIni, ReadBytes(L"Z:\\DURN\\trace.ini")) << "the setting is the run's alone";
     EXPECT_EQ(0u, dwAgain) << sAgain;
     EXPECT_NE(std::string::npos, sAgain.find("Resuming: a file an earlier run restored whole")) << sAgain;
     EXPECT_EQ("x", ReadBytes(L"F:\\held.bin"));
