@@ -5,7 +5,7 @@
 #include "session/DestinationFile.h"
 #include "session/FilespaceWalk.h"
 #include "session/RestoreProgress.h"
-#include "session/UnchangedFile.h"
+#include "session/KeptFiles.h"
 
 #include "channel/MessageIds.h"
 #include "links/NameInTheWay.h"
@@ -376,7 +376,9 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
     int64_t llSkippedFolders = 0;
     {
         // Only what was whole on the disk at the volume's last checkpoint may be kept.
-        const uint64_t ullTrustedBefore = SkipUnchanged() ? CCheckpoints::TrustedBefore(folders.Root()) : 0;
+        const std::vector<bool> vKept =
+            SkipUnchanged() ? KeptFiles(walk, folders.sDst, CCheckpoints::TrustedBefore(folders.Root()))
+                            : std::vector<bool>(walk.Size(), false);
         CCopyWorkers workers(uiThreads,
                              [&reporter, &checkpoints]
                              {
@@ -407,8 +409,8 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
             {
                 sSrc.assign(folders.sSrc);
                 walk.AppendPath(uiEntry, sSrc);
-                workers.Submit([this, &reporter, entry, sSrc, sDst, ullTrustedBefore]
-                               { RestoreFile(sSrc, sDst, entry, ullTrustedBefore, reporter); });
+                workers.Submit([this, &reporter, entry, sSrc, sDst, bKept = vKept[uiEntry]]
+                               { RestoreFile(sSrc, sDst, entry, bKept, reporter); });
             }
             checkpoints.Due(reporter.BytesDone());
         }
@@ -503,19 +505,11 @@ CCheckpoints::CPolicy KEFLImpl::CheckpointPolicy()
     return policy;
 }
 
-void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                           uint64_t ullTrustedBefore, CRestoreProgress& progress)
+void KEFLImpl::RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry, bool bKept,
+                           CRestoreProgress& progress)
 {
     const wchar_t* const kFn = kRestoreFilespace;
-    // The check, like the copy, ends at this edge: no exception of a worker's reaches its thread.
-    const bool bUnchanged = ullTrustedBefore != 0 &&
-                            CatchAtEdge([&] { return IsUnchanged(LongPath(sDst), entry, ullTrustedBefore); },
-                                        [](const CEdgeFailure& failure)
-                                        {
-                                            TraceFailedAtEdge(kRestoreFilespace, failure);
-                                            return false;
-                                        });
-    if (bUnchanged)
+    if (bKept)
     {
         // Restored already, by an earlier run: its bytes count as done, and the backup's copy is
         // neither opened nor read.

@@ -75,10 +75,10 @@ public:
                               CRestoreProgress& progress);
     // One file of the walk, the whole of it on the thread that runs it: its trace lines, the copy,
     // and the entry counted as done.
-    // ullTrustedBefore: with KEFL_SkipUnchanged, the volume's last checkpoint, else 0. A destination
-    // that an earlier run restored whole before it is kept, not copied again.
-    void RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry,
-                     uint64_t ullTrustedBefore, CRestoreProgress& progress);
+    // bKept: a destination that an earlier run restored whole (KEFL_SkipUnchanged), kept, not
+    // copied again.
+    void RestoreFile(const std::wstring& sSrc, const std::wstring& sDst, const CWalkEntry& entry, bool bKept,
+                     CRestoreProgress& progress);
     // Whether files an earlier run restored whole are kept: trace.ini's KEFL_SkipUnchanged, 1 or 0.
     bool SkipUnchanged();
     // How many files are in flight at once, and folders listed at once by the walk: trace.ini's
