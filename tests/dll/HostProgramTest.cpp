@@ -65,15 +65,15 @@ void MakeHostBackup(const std::wstring& sRoot, std::initializer_list<const wchar
     WriteTextFile(sRoot + L"\\#\\HPoint.dat", "");
 }
 
-// The restore process, found by the name of its program among the running ones; null when none is.
-morvane::CUniqueHandle FindRestoreProcess()
+// A process of ours, found by the name of its program among the running ones; null when none is.
+morvane::CUniqueHandle FindProcess(const wchar_t* pwszProgram)
 {
     const morvane::CUniqueHandle hSnapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof(entry);
     for (BOOL b = ::Process32FirstW(hSnapshot.get(), &entry); b;
          b = ::Process32NextW(hSnapshot.get(), &entry))
-        if (_wcsicmp(entry.szExeFile, L"keflrestore.exe") == 0)
+        if (_wcsicmp(entry.szExeFile, pwszProgram) == 0)
             return morvane::CUniqueHandle(::OpenProcess(PROCESS_TERMINATE, FALSE, entry.th32ProcessID));
     return {};
 }
@@ -356,16 +356,18 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
     morvane::CUniqueFile hHeld(::CreateFileW(L"R:\\Host\\Killed\\F\\held.bin", GENERIC_READ, 0, nullptr,
                                              OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(hHeld);
-    const auto killWhenHeld = []
+    // Once the restore process waits for sHeld: the program's process is ended as a crash ends it.
+    const auto KillWhenHeld = [](const wchar_t* pwszProgram, const std::wstring& sHeld)
     {
         for (int i = 0; i < 600; ++i)
         {
-            if (HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : sDst = \"F:\\held.bin\""))
-                if (const morvane::CUniqueHandle hRestore = FindRestoreProcess())
-                    return void(::TerminateProcess(hRestore.get(), 0xC0000005));
+            if (HasText(KeflLog(), L"KEFLImpl::RestoreFilespace : sDst = \"" + sHeld + L"\""))
+                if (const morvane::CUniqueHandle hProcess = FindProcess(pwszProgram))
+                    return void(::TerminateProcess(hProcess.get(), 0xC0000005));
             ::Sleep(50);
         }
     };
+    const auto killWhenHeld = [&] { KillWhenHeld(L"keflrestore.exe", L"F:\\held.bin"); };
     const auto [dwExitCode, sOutput] =
         RunHost(L"--location R:\\Host\\Killed --report R:\\Host\\Killed.json", killWhenHeld);
     EXPECT_EQ(16u | 2u, dwExitCode) << sOutput;
@@ -382,4 +384,17 @@ TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresT
     EXPECT_EQ(1u, FileIdentity(L"F:\\z.txt").dwLinks);
     for (const auto& [sRel, metadata] : ReadMetadata(L"F:"))
         EXPECT_EQ(std::wstring::npos, sRel.find(L"~kefl")) << "a name moved aside is gone";
+    // keflhost itself killed while its restore process waits: the job takes that process with it.
+    MakeHostBackup(L"R:\\Host\\Orphan", {L"held2.bin"});
+    hHeld.reset(::CreateFileW(L"R:\\Host\\Orphan\\F\\held2.bin", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    bool bOrphaned = true;
+    RunHost(L"--location R:\\Host\\Orphan",
+            [&]
+            {
+                KillWhenHeld(L"keflhost.exe", L"F:\\held2.bin");
+                for (int i = 0; i < 20 && FindProcess(L"keflrestore.exe"); ++i)
+                    ::Sleep(50);
+                bOrphaned = FindProcess(L"keflrestore.exe").is_valid();
+            });
+    EXPECT_FALSE(bOrphaned) << "the restore process outlived keflhost by a second";
 }
