@@ -2,6 +2,9 @@
 
 #include "host/LibraryTrace.h"
 #include "platform/FormatText.h"
+#include "platform/Utf8.h"
+
+#include <chrono>
 
 #include <vector>
 
@@ -10,7 +13,6 @@ namespace keflhost
 namespace
 {
 
-constexpr DWORD kPollMs = 50;
 // A process that closed its stream ends within moments; one that does not is ended.
 constexpr DWORD kEndWaitMs = 10000;
 
@@ -121,38 +123,70 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
     }
     ::ResumeThread(pi.get().hThread);
     m_hProcess.reset(pi.ReleaseProcess());
+    m_readerThread = std::thread([this] { ReadEvents(); });
     return true;
+}
+
+CRestoreProcess::~CRestoreProcess()
+{
+    if (m_readerThread.joinable())
+    {
+        // The stream ends with the process: its end of the pipe closes.
+        if (m_hProcess && ::WaitForSingleObject(m_hProcess.get(), 0) == WAIT_TIMEOUT)
+            ::TerminateProcess(m_hProcess.get(), ERROR_OPERATION_ABORTED);
+        m_readerThread.join();
+    }
+}
+
+void CRestoreProcess::EndStream(const std::wstring& sProtocolError)
+{
+    const std::lock_guard lock(m_lock);
+    m_sProtocolError = sProtocolError;
+    m_bStreamEnded = true;
+    m_cvQueued.notify_all();
+}
+
+void CRestoreProcess::ReadEvents() noexcept
+{
+    try
+    {
+        std::vector<char> vBuffer(65536);
+        std::vector<CEvent> vEvents;
+        std::wstring sError;
+        DWORD cbRead = 0;
+        while (::ReadFile(m_hEvents.get(), vBuffer.data(), static_cast<DWORD>(vBuffer.size()), &cbRead, nullptr) &&
+               cbRead > 0)
+        {
+            const bool bFits = m_reader.Feed(std::string_view(vBuffer.data(), cbRead), vEvents, sError);
+            {
+                const std::lock_guard lock(m_lock);
+                m_vQueued.insert(m_vQueued.end(), vEvents.begin(), vEvents.end());
+                m_cvQueued.notify_all();
+            }
+            vEvents.clear();
+            if (!bFits)
+                return EndStream(sError);
+        }
+        m_reader.End(sError); // closed (109) or broken: a line cut off is the stream's fault
+        EndStream(sError);
+    }
+    catch (const std::exception& e) // no memory for an event: keflhost cannot follow the stream
+    {
+        EndStream(L"keflhost could not read the restore process's events: " + morvane::FromUtf8(e.what()));
+    }
 }
 
 CRestoreProcess::Wait CRestoreProcess::Read(DWORD dwMs, std::vector<CEvent>& vEvents)
 {
     vEvents.clear();
-    if (!m_hEvents)
+    std::unique_lock lock(m_lock);
+    if (!m_readerThread.joinable())
         return Wait::Ended;
-    for (DWORD dwWaited = 0;; dwWaited += kPollMs)
-    {
-        DWORD cbAvailable = 0;
-        if (!::PeekNamedPipe(m_hEvents.get(), nullptr, 0, nullptr, &cbAvailable, nullptr))
-            break; // closed (109) and drained, or broken
-        if (cbAvailable > 0)
-        {
-            std::string sBytes(cbAvailable, '\0');
-            DWORD cbRead = 0;
-            if (!::ReadFile(m_hEvents.get(), sBytes.data(), cbAvailable, &cbRead, nullptr))
-                break;
-            sBytes.resize(cbRead);
-            if (!m_reader.Feed(sBytes, vEvents, m_sProtocolError))
-                break;
-            return Wait::Events;
-        }
-        if (dwWaited >= dwMs)
-            return Wait::Idle;
-        ::Sleep(kPollMs);
-    }
-    if (m_sProtocolError.empty())
-        m_reader.End(m_sProtocolError);
-    m_hEvents.reset();
-    return vEvents.empty() ? Wait::Ended : Wait::Events;
+    m_cvQueued.wait_for(lock, std::chrono::milliseconds(dwMs), [this] { return !m_vQueued.empty() || m_bStreamEnded; });
+    vEvents.swap(m_vQueued);
+    if (!vEvents.empty())
+        return Wait::Events;
+    return m_bStreamEnded ? Wait::Ended : Wait::Idle;
 }
 
 void CRestoreProcess::Terminate(DWORD dwExitCode)

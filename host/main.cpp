@@ -160,6 +160,31 @@ BOOL WINAPI OnConsoleControl(DWORD dwType)
     return TRUE;
 }
 
+// QuickEdit off on keflhost's console while it runs: a selection made with the mouse stops a
+// console's writes, keflhost would stop reading its restore process's events, and a full pipe
+// would stop the restore. The console's mode is put back at the end.
+class CQuickEditOff
+{
+public:
+    CQuickEditOff() : m_hInput(::GetStdHandle(STD_INPUT_HANDLE))
+    {
+        m_bChanged = ::GetConsoleMode(m_hInput, &m_dwMode) && (m_dwMode & ENABLE_QUICK_EDIT_MODE) &&
+                     ::SetConsoleMode(m_hInput, (m_dwMode & ~ENABLE_QUICK_EDIT_MODE) | ENABLE_EXTENDED_FLAGS);
+    }
+    ~CQuickEditOff()
+    {
+        if (m_bChanged)
+            ::SetConsoleMode(m_hInput, m_dwMode);
+    }
+    CQuickEditOff(const CQuickEditOff&) = delete;
+    CQuickEditOff& operator=(const CQuickEditOff&) = delete;
+
+private:
+    HANDLE m_hInput; // the process's standard input: not ours to close
+    DWORD m_dwMode = 0;
+    bool m_bChanged = false;
+};
+
 // Starts the restore process and follows it to its end.
 int StartAndFollow(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
 {
@@ -172,6 +197,7 @@ int StartAndFollow(const COptions& options, const keflhost::CSessionRequest& ses
         return keflhost::kExitNotStarted;
     }
     keflhost::CProgressDisplay display(keflhost::Output());
+    const CQuickEditOff quickEditOff;
     return keflhost::FollowRestore(process, options.request, g_bStop, display, record);
 }
 
