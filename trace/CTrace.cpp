@@ -498,7 +498,14 @@ bool CTrace::TakeAndWriteQueue()
     {
         const CQueueLock lock(m_queueLock);
         if (m_vQueued.empty())
+        {
+            // Lines another thread took (the writer) are in the file before a flush returns: its
+            // call's lines, an error line among them, may be in that batch.
+            const ULONGLONG ullStart = ::GetTickCount64();
+            while (m_cBatchesTaken > 0 && ::GetTickCount64() - ullStart < kWriterStopWaitMs)
+                ::SleepConditionVariableSRW(&m_cvBatchWritten, &m_queueLock, kWriterStopWaitMs, 0);
             return false;
+        }
         sPath = m_sFilePath;
     }
     // Opened before the lock and closed after it (an append lands at the end however long ago the
@@ -518,7 +525,15 @@ bool CTrace::TakeAndWriteQueue()
         const CQueueLock queueLock(m_queueLock);
         sQueued.swap(m_sQueued);
         vQueued.swap(m_vQueued);
+        ++m_cBatchesTaken;
     }
+    const CScopeExit written(
+        [this]
+        {
+            const CQueueLock queueLock(m_queueLock);
+            --m_cBatchesTaken;
+            ::WakeAllConditionVariable(&m_cvBatchWritten);
+        });
     if (lock && lock->IsHeld())
         WriteQueued(hFile.get(), sQueued, vQueued);
     return true;

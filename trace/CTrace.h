@@ -215,6 +215,9 @@ private:
     // the object is being destroyed (lines are then written at once).
     bool m_bQueueing = false;
     bool m_bWriterRunning = false;
+    // Under the queue's lock: batches taken from the queue and not yet written, and their end.
+    uint32_t m_cBatchesTaken = 0;
+    CONDITION_VARIABLE m_cvBatchWritten = CONDITION_VARIABLE_INIT;
     bool m_bClosed = false;
     // trace.ini's each-line setting: every line written at once, no writer.
     std::atomic<bool> m_bEachLine{false};

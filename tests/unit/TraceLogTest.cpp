@@ -166,3 +166,31 @@ TEST_F(TraceLog, AWriterHeldUpAtTheMutexLetsNoLineOvertakeAnEarlierOne)
             vMine.push_back(line->sText);
     EXPECT_EQ((std::vector<std::wstring>{L"F : 1", L"F : 2"}), vMine);
 }
+
+// A flush waits for lines that the writer thread took and has not yet written: a host's call returns
+// with its lines in the log, and an error line is there before its call goes on.
+TEST_F(TraceLog, AFlushWaitsForTheLinesTheWriterTookAndHasNotWritten)
+{
+    auto pTrace = NewTrace();
+    static DWORD s_dwCaller = 0;
+    static HANDLE s_hTaken = nullptr;
+    static decltype(&::WriteFile) s_pfnWrite = nullptr;
+    const CUniqueHandle hTaken(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    s_hTaken = hTaken.get();
+    s_dwCaller = ::GetCurrentThreadId();
+    s_pfnWrite = m_patches.Patch(m_hExe, "KERNEL32.dll", "WriteFile",
+                                 +[](HANDLE h, LPCVOID pv, DWORD cb, LPDWORD pcbWritten, LPOVERLAPPED pOverlapped)
+                                 {
+                                     if (::GetCurrentThreadId() != s_dwCaller) // the writer, slow to write
+                                     {
+                                         ::SetEvent(s_hTaken);
+                                         ::Sleep(300);
+                                     }
+                                     return s_pfnWrite(h, pv, cb, pcbWritten, pOverlapped);
+                                 });
+    pTrace->TraceMessage(TRACE_INFO, L"F", L"1"); // queued, taken by the writer
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(hTaken.get(), 60000));
+    pTrace->Flush();
+    EXPECT_TRUE(HasText(ReadLogLines(pTrace->GetFilePath()), L"F : 1"));
+    m_patches.Clear();
+}
