@@ -87,15 +87,4 @@ void RedirectLines(std::function<void(const std::wstring&)> lines)
     RedirectedLines() = std::move(lines);
 }
 
-// The message comes by value because the library's callback type has it so.
-int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, // NOLINT(performance-unnecessary-value-param)
-               uint64_t /*ullContext*/)
-{
-    const wchar_t* pwszSeverity = uiSeverity == morvane::MSG_SEVERITY_ERROR     ? L"error"
-                                  : uiSeverity == morvane::MSG_SEVERITY_WARNING ? L"warning"
-                                                                                : L"info";
-    PrintLine(std::wstring(L"[") + pwszSeverity + L"] " + sMessage);
-    return 0;
-}
-
 } // namespace keflhost

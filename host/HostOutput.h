@@ -49,7 +49,4 @@ void PrintLine(const std::wstring& sText);
 // From now on PrintLine hands each line to lines instead of the output (the restore process's).
 void RedirectLines(std::function<void(const std::wstring&)> lines);
 
-// The library's log callback: every user message with its severity.
-int32_t LogMsg(uint32_t uiSeverity, std::wstring sMessage, uint64_t ullContext);
-
 } // namespace keflhost

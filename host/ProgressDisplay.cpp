@@ -22,16 +22,6 @@ CProgressDisplay::CProgressDisplay(COutputSink& output, Clock clock)
 {
 }
 
-int32_t CProgressDisplay::OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext)
-{
-    // The interface carries the context as a number; it is the display's address.
-    auto* pDisplay = reinterpret_cast<CProgressDisplay*>( // NOLINT(performance-no-int-to-ptr)
-        static_cast<uintptr_t>(ullContext));
-    if (pMsg && pDisplay)
-        pDisplay->Show(*pMsg);
-    return 0;
-}
-
 void CProgressDisplay::Show(const morvane::ProgMsg& msg)
 {
     if (!msg.sTitle.empty()) // a link pass: a title, a detail, counts instead of bytes

@@ -31,8 +31,6 @@ public:
 
     explicit CProgressDisplay(COutputSink& output, Clock clock = &::GetTickCount64);
 
-    // The progress callback; ullContext is the display.
-    static int32_t OnProgress(const morvane::ProgMsg* pMsg, uint64_t ullContext);
     void Show(const morvane::ProgMsg& msg);
 
     // A task of the host's own (the verification) drawn the same way.

@@ -108,7 +108,7 @@ int KnownStatus(const CRunRecord& record) noexcept
     }
     if (record.bLinksFailed)
         iStatus |= kExitLinksFailed;
-    if (!record.sCutShort.empty())
+    if (!record.sCutShort.empty() || record.bVerifyStopped)
         iStatus |= kExitCutShort;
     return iStatus;
 }
@@ -273,8 +273,10 @@ void CRestoreFollower::Hello(const CEvent& event)
 void CRestoreFollower::NotStartedEvent(const CEvent& event)
 {
     m_bNotStarted = true;
+    // "No error" is what the library says while it has no message: the trace below says why.
     const std::wstring sError = Wide(event, "error");
-    m_record.sNotStarted = Wide(event, "why") + (sError.empty() ? L"" : L": " + sError);
+    const bool bNoText = sError.empty() || sError == L"No error";
+    m_record.sNotStarted = Wide(event, "why") + (bNoText ? L"" : L": " + sError);
     PrintLine(L"keflhost: " + m_record.sNotStarted);
     if (event.at("trace").is_null())
         return;
@@ -413,20 +415,23 @@ void CRestoreFollower::CutShort(const std::wstring& sHow)
 
 // Each restored filespace compared with the backup; vRestored are the first of the record's.
 void Verify(const std::vector<morvane::Filespace>& vRestored, CProgressDisplay& display, CRunRecord& record,
-            bool bReport)
+            bool bReport, const std::atomic<bool>& bStop)
 {
     size_t iEntry = 0;
     for (const morvane::Filespace& fs : vRestored)
     {
+        if (bStop)
+            break;
         while (record.vFilespaces[iEntry].sName != Name(fs))
             ++iEntry;
         CFilespaceRecord& entry = record.vFilespaces[iEntry];
         display.Begin(L"Verifying " + entry.sName + L" against the backup");
         entry.verification = VerifyFilespace(
             BackupFolder(record.sLocation, fs), RestoredFolder(fs),
-            [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); });
+            [&](uint64_t ullDone, uint64_t ullTotal) { display.Update(ullDone, ullTotal); }, bStop);
         display.Finish();
         entry.bVerified = true;
+        record.bVerifyStopped = record.bVerifyStopped || entry.verification.bStopped;
         PrintDifferences(L"  differences on " + entry.sName + L" (" +
                              std::to_wstring(entry.verification.vDifferences.size()) + L")",
                          entry.verification.vDifferences, bReport);
@@ -518,6 +523,8 @@ int Summarise(CRunRecord& record, const CRestoreRequest& request)
                   (vDifferences.empty() ? std::wstring(L"no differences")
                                         : Count(vDifferences.size(), L"difference", L"differences")));
         PrintDifferences(L"Differences:", vDifferences, bReport);
+        if (record.bVerifyStopped)
+            PrintLine(L"The verification was stopped by the user before its end.");
     }
     if (!record.sCutShort.empty())
         PrintLine(L"The restore was cut short (" + record.sCutShort + L")" +
@@ -538,7 +545,14 @@ int FollowRestore(CRestoreProcess& process, const CRestoreRequest& request, cons
     CRestoreFollower follower(request, display, record);
     const bool bEnded = follower.Follow(process, bStop);
     const DWORD dwExitCode = process.ExitCode();
-    if (!bEnded)
+    // A process that ends badly once the link pass is done (in Fini, or as the library unloads)
+    // did all its work: that is said, and the run goes on to its verification.
+    if (record.bLinksRestored && !bStop && (!bEnded || dwExitCode != 0) && record.sCutShort.empty())
+    {
+        record.sEndedAfterWork = DescribeExitCode(dwExitCode);
+        PrintLine(L"keflhost: the restore process ended after its work: " + record.sEndedAfterWork);
+    }
+    else if (!bEnded)
     {
         const std::wstring sHow = bStop ? L"stopped by the user"
                                   : record.sCutShort.empty()
@@ -553,7 +567,10 @@ int FollowRestore(CRestoreProcess& process, const CRestoreRequest& request, cons
     else if (request.bListOnly || record.vFilespaces.empty())
         return record.iExitStatus = kExitOk;
     if (request.bVerify && record.sCutShort.empty())
-        Verify(follower.Restored(), display, record, !request.sReportFile.empty());
+    {
+        Verify(follower.Restored(), display, record, !request.sReportFile.empty(), bStop);
+        record.bVerifyStopped = record.bVerifyStopped || bStop;
+    }
     return Summarise(record, request);
 }
 

@@ -113,6 +113,10 @@ std::string ReportJson(const CRunRecord& record)
         report["stopped"] = ToUtf8(record.sStopped);
     if (!record.sCutShort.empty())
         report["cutShort"] = ToUtf8(record.sCutShort);
+    if (record.bVerifyStopped)
+        report["verificationStopped"] = true;
+    if (!record.sEndedAfterWork.empty())
+        report["endedAfterWork"] = ToUtf8(record.sEndedAfterWork);
     report["resumed"] = record.bResumed;
     report["exitStatus"] = record.iExitStatus;
     report["exitMeaning"] = ExitBits(record.iExitStatus);

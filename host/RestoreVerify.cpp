@@ -27,10 +27,11 @@ std::wstring Long(const std::wstring& sPath)
 // deep as paths go. A folder that cannot be listed goes into pErrors, when given. Junctions and
 // symbolic links are left out as the restore leaves them out, for the link pass to make again:
 // neither followed (a link may lead back up the tree) nor compared as files.
-template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector<CDifference>* pErrors)
+template <typename Fn>
+void Walk(const std::wstring& sRoot, Fn&& fn, std::vector<CDifference>* pErrors, const std::atomic<bool>& bStop)
 {
     std::vector<std::wstring> vPending{std::wstring()};
-    while (!vPending.empty())
+    while (!vPending.empty() && !bStop)
     {
         const std::wstring sRelative = std::move(vPending.back());
         vPending.pop_back();
@@ -55,7 +56,7 @@ template <typename Fn> void Walk(const std::wstring& sRoot, Fn&& fn, std::vector
             const bool bFolder = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
             if (fn(sPath, fd) && bFolder)
                 vPending.push_back(sPath);
-        } while (::FindNextFileW(hFind.get(), &fd));
+        } while (!bStop && ::FindNextFileW(hFind.get(), &fd));
     }
 }
 
@@ -147,7 +148,7 @@ bool IsSkippedByRestore(const std::wstring& sDstPath, bool bFolder)
 }
 
 CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring& sDstFolder,
-                              const VerifyProgressFn& progress)
+                              const VerifyProgressFn& progress, const std::atomic<bool>& bStop)
 {
     CVerification result;
     // First what there is to compare, for the progress; then the comparison.
@@ -163,7 +164,7 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
                 ullTotal += SizeOf(fd);
             return true;
         },
-        nullptr);
+        nullptr, bStop);
 
     std::unique_ptr<BYTE[]> pBuffer(new BYTE[size_t{2} * kHalfBytes]);
     uint64_t ullDone = 0;
@@ -205,8 +206,9 @@ CVerification VerifyFilespace(const std::wstring& sSrcFolder, const std::wstring
             result.ullBytes += ullSize;
             return false;
         },
-        &result.vDifferences);
+        &result.vDifferences, bStop);
     progress(ullDone, std::max(ullTotal, ullDone));
+    result.bStopped = bStop;
     return result;
 }
 

@@ -57,7 +57,9 @@ struct CRunRecord
     std::vector<std::wstring> vNotStartedTrace; // and what the library's trace says of it
     std::wstring sStopped;                      // the error that ended the run after it began
     std::wstring sCutShort; // how the restore process ended before the restore did
+    std::wstring sEndedAfterWork; // how it ended badly after the link pass (in Fini, at unload)
     bool bResumed = false;  // --resume: files an earlier run restored whole were kept
+    bool bVerifyStopped = false; // the user stopped the verification before its end
     // Under Wine: the junctions and symbolic links the stand-ins recorded ("junction", link, target).
     std::vector<std::array<std::wstring, 3>> vRecordedLinks;
     int iExitStatus = kExitOk;

@@ -9,6 +9,7 @@
 
 #include <tlhelp32.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <thread>
@@ -270,8 +271,13 @@ TEST(HostVerifyTest, LeavesJunctionsAndSymbolicLinksToTheLinkPass)
          {L"E\\a.txt", L"E\\Junction\\in.txt", L"E\\FileLink.txt", L"E\\Deduplicated.bin", L"Restored\\a.txt",
           L"Restored\\Deduplicated.bin"})
         WriteBytes(L"R:\\HostVerify\\" + std::wstring(pwszFile), "x");
+    const std::atomic<bool> bGoOn{false};
+    const std::atomic<bool> bStop{true}; // the user's Ctrl+C: nothing more is compared
     const keflhost::CVerification verification = keflhost::VerifyFilespace(
-        L"R:\\HostVerify\\E", L"R:\\HostVerify\\Restored", [](uint64_t, uint64_t) {});
+        L"R:\\HostVerify\\E", L"R:\\HostVerify\\Restored", [](uint64_t, uint64_t) {}, bGoOn);
+    const keflhost::CVerification stopped = keflhost::VerifyFilespace(
+        L"R:\\HostVerify\\E", L"R:\\HostVerify\\Restored", [](uint64_t, uint64_t) {}, bStop);
+    EXPECT_TRUE(stopped.bStopped && stopped.ullFiles == 0 && stopped.vDifferences.empty());
     RemoveTree(L"R:\\HostVerify");
     EXPECT_EQ(2u, verification.ullFiles) << "a.txt, and Deduplicated.bin: a reparse point that holds data";
     EXPECT_EQ(0u, verification.ullFolders);
@@ -337,6 +343,13 @@ TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
         EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
         EXPECT_FALSE(ReadReport(L"R:\\Host\\Cut.json").value("cutShort", "").empty()) << pszSaid;
     }
+    // Ended badly after the link pass (in Fini, as the library unloads): its work is done, not cut short.
+    WriteBytes(sScript, kHello + R"({"event":"links","trace":null})" "\n" R"({"event":"linksDone","recorded":[],"trace":null})" "\n");
+    ::SetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", "0xC0000005");
+    const auto [dwAfterWork, sAfterWork] = RunHost(L"--location R:\\Anything --report R:\\Host\\Cut.json");
+    EXPECT_EQ(0u, dwAfterWork & 16) << sAfterWork;
+    EXPECT_NE(std::string::npos, sAfterWork.find("ended after its work: exit code 0xC0000005")) << sAfterWork;
+    EXPECT_EQ("", ReadReport(L"R:\\Host\\Cut.json").value("cutShort", ""));
     // A restore that stops sending progress: said once the stall lasts, and not ended for it.
     WriteBytes(sScript, kBegun);
     ::SetEnvironmentVariableA("KEFL_TEST_CHILD_SLEEP", "3000");
