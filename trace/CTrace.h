@@ -206,18 +206,20 @@ private:
     // lines to write before it is measured again.
     uint64_t m_cbFile = 0;
     uint32_t m_cLinesToMeasure = 0;
+    // Under the queue's lock: batches taken from the queue and not yet written.
+    uint32_t m_cBatchesTaken = 0;
 
     // The queue: the lines' bytes in the order they were made, and each line's level and length.
     SRWLOCK m_queueLock = SRWLOCK_INIT;
+    // Signalled, under the queue's lock, as a batch taken is written.
+    CONDITION_VARIABLE m_cvBatchWritten = CONDITION_VARIABLE_INIT;
     std::string m_sQueued;
     std::vector<CQueuedLine> m_vQueued;
     // Under the queue's lock: lines are queued (StartQueue), a writer runs (or is being started),
     // the object is being destroyed (lines are then written at once).
     bool m_bQueueing = false;
     bool m_bWriterRunning = false;
-    // Under the queue's lock: batches taken from the queue and not yet written, and their end.
-    uint32_t m_cBatchesTaken = 0;
-    CONDITION_VARIABLE m_cvBatchWritten = CONDITION_VARIABLE_INIT;
+
     bool m_bClosed = false;
     // trace.ini's each-line setting: every line written at once, no writer.
     std::atomic<bool> m_bEachLine{false};

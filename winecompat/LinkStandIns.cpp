@@ -100,7 +100,7 @@ std::string UnixPath(const std::wstring& sPath)
     static const auto pfnUnixName = reinterpret_cast<UnixNameFn>(
         reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
     char* pszUnix = pfnUnixName ? pfnUnixName(sPath.c_str()) : nullptr;
-    const std::string sUnix = pszUnix ? pszUnix : "";
+    std::string sUnix = pszUnix ? pszUnix : "";
     if (pszUnix)
         ::HeapFree(::GetProcessHeap(), 0, pszUnix);
     return sUnix;
