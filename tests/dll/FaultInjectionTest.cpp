@@ -51,6 +51,7 @@ constexpr CCall kCalls[] = {
     {kK32, "MoveFileExW", kDenied},
     {kK32, "FlushFileBuffers", ERROR_IO_DEVICE},
     {kK32, "GetFileInformationByHandle", kDenied},
+    {kK32, "GetFileInformationByHandleEx", kDenied},
     {kAdv, "OpenProcessToken", kDenied, "token", 2},
     {kAdv, "AdjustTokenPrivileges", kDenied},
     {kAdv, "LookupPrivilegeValueW", kDenied},
