@@ -33,24 +33,28 @@ public:
         ::InitializeProcThreadAttributeList(nullptr, 1, 0, &cbList);
         m_vList.resize(cbList);
         auto* pList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data());
-        m_bReady = ::InitializeProcThreadAttributeList(pList, 1, 0, &cbList) != FALSE;
-        m_bReady = m_bReady && ::UpdateProcThreadAttribute(pList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                                           m_vHandles.data(), m_vHandles.size() * sizeof(HANDLE),
-                                                           nullptr, nullptr);
+        m_bInitialised = ::InitializeProcThreadAttributeList(pList, 1, 0, &cbList) != FALSE;
+        m_bReady = m_bInitialised && ::UpdateProcThreadAttribute(pList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                                                 m_vHandles.data(),
+                                                                 m_vHandles.size() * sizeof(HANDLE), nullptr, nullptr);
     }
     ~CInheritedHandles()
     {
-        if (!m_vList.empty())
+        if (m_bInitialised) // only a list that was made is deleted
             ::DeleteProcThreadAttributeList(reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data()));
     }
     CInheritedHandles(const CInheritedHandles&) = delete;
     CInheritedHandles& operator=(const CInheritedHandles&) = delete;
     // Null when the list could not be made: the error is the thread's last.
-    LPPROC_THREAD_ATTRIBUTE_LIST List() { return m_bReady ? reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data()) : nullptr; }
+    LPPROC_THREAD_ATTRIBUTE_LIST List()
+    {
+        return m_bReady ? reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_vList.data()) : nullptr;
+    }
 
 private:
     std::vector<HANDLE> m_vHandles; // the list points into it
     std::vector<BYTE> m_vList;
+    bool m_bInitialised = false;
     bool m_bReady = false;
 };
 
