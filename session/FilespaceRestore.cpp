@@ -12,6 +12,8 @@
 #include "platform/CatchAtEdge.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueHandle.h"
+#include "rules/BackupFolders.h"
+#include "rules/LeftOutByRule.h"
 #include "trace/TraceObjects.h"
 #include "trace/TraceWords.h"
 
@@ -35,25 +37,7 @@ constexpr DWORD kCopyBufferBytes = 65536;
 // this far apart.
 constexpr int kOpenAttempts = 10;
 constexpr DWORD kOpenRetryMs = 30000;
-bool Contains(const std::wstring& sText, const wchar_t* pwszPart)
-{
-    return sText.find(pwszPart) != std::wstring::npos;
-}
 
-// Folders that Windows makes for itself on every volume; they are not restored.
-bool IsSkippedDirectory(const std::wstring& sDst)
-{
-    return Contains(sDst, L":\\RECYCLER") || Contains(sDst, L":\\$Recycle.Bin") ||
-           Contains(sDst, L":\\System Volume Information");
-}
-
-// Files in those folders, and the hibernation and paging files at a volume's root.
-bool IsSkippedFile(const std::wstring& sDst)
-{
-    return Contains(sDst, L":\\RECYCLER\\") || Contains(sDst, L":\\$Recycle.Bin\\") ||
-           Contains(sDst, L":\\System Volume Information\\") || Contains(sDst, L":\\hiberfil.sys") ||
-           Contains(sDst, L":\\pagefile.sys");
-}
 
 // A copy whose times or attributes could not be set still holds its data: the failure is traced
 // and the filespace does not fail for it.
@@ -142,7 +126,7 @@ void RestoreFolderTimes(const CWalkList& walk, const std::wstring& sDstFolder)
             continue;
         sDst.assign(sDstFolder);
         walk.AppendPath(uiEntry, sDst);
-        if (IsSkippedDirectory(sDst))
+        if (IsLeftOutByRule(sDst, true))
             continue;
         const std::wstring sLongDst = LongPath(sDst);
         if (IsFolder(sLongDst))
@@ -320,18 +304,12 @@ bool KEFLImpl::ResolveFolders(const Filespace& fs, CFilespaceFolders& folders)
     folders.bMountPoint = pMountPoint != nullptr;
     if (pMountPoint)
     {
-        const std::wstring& sLink = pMountPoint->sLink;
-        const std::wstring sDirPart = sLink.size() >= 2 && sLink[1] == L':' ? sLink.substr(2) : sLink;
-        folders.sSrc = sLocalPath + L"\\" + sLink.substr(0, 1) + sDirPart;
-        folders.sDst = fs.sFsMountDir;
-        while (folders.sSrc.size() > 3 && folders.sSrc.back() == L'\\')
-            folders.sSrc.pop_back();
-        while (folders.sDst.size() > 3 && folders.sDst.back() == L'\\')
-            folders.sDst.pop_back();
+        folders.sSrc = MountPointBackupFolder(sLocalPath, pMountPoint->sLink);
+        folders.sDst = MountPointFolder(fs.sFsMountDir);
     }
     else
     {
-        folders.sSrc = sLocalPath + L"\\" + fs.wcFsDriveLetter;
+        folders.sSrc = DriveBackupFolder(sLocalPath, fs.wcFsDriveLetter);
         // No backslash: the source folder's part of each path is replaced, giving "C:\...".
         folders.sDst = std::wstring(1, fs.wcFsDriveLetter) + L":";
     }
@@ -398,11 +376,11 @@ bool KEFLImpl::RestoreEntries(const CWalkList& walk, const CFilespaceFolders& fo
             if (entry.IsDirectory())
             {
                 g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
-                const bool bSkipped = IsSkippedDirectory(sDst);
+                const bool bSkipped = IsLeftOutByRule(sDst, true);
                 llSkippedFolders += bSkipped ? 1 : 0;
                 reporter.EntryDone(bSkipped || CreateFolder(sDst));
             }
-            else if (IsSkippedFile(sDst))
+            else if (IsLeftOutByRule(sDst, false))
             {
                 g_KeflTrace.TraceValue(TRACE_INFO, kFn, words::kDst, sDst);
                 // Counted, but left out by rule: what will be restored is the total.

@@ -4,9 +4,9 @@
 #include "platform/WindowsVersion.h"
 #include "trace/TraceText.h"
 #include "platform/FormatText.h"
-#include "platform/ProfileString.h"
 #include "trace/TraceWords.h"
 #include "platform/Utf8.h"
+#include "rules/TraceFiles.h"
 
 #include <shlwapi.h>
 #include <winsock2.h>
@@ -28,7 +28,6 @@ constexpr DWORD kMutexWaitMs = 60000;
 constexpr DWORD kStuckWaitMs = 0;
 // Where the host is installed on the recovery system; used when the host's own path is unknown.
 constexpr wchar_t kDefaultModuleDir[] = L"X:\\Program Files\\Morvane\\DURN\\";
-constexpr wchar_t kRecoveryConfigDir[] = L"Z:\\DURN";
 
 constexpr uint64_t kMiB = 1024ull * 1024;
 // The default size limit: a quarter of the log volume's free space, at most 256 MiB, at least
@@ -256,11 +255,7 @@ void CTrace::GetLogDirectory(std::wstring& sLogDir)
         std::wstring sModuleDir;
         // Also reached from the constructor, where this class's own is the one meant.
         GetModuleDirectory(sModuleDir); // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
-        const std::wstring sDefault = m_uiOSCode == OSCODE_WINPE_52
-                                          ? std::wstring(kRecoveryConfigDir) + L"\\Logfiles"
-                                          : sModuleDir + L"\\Logfiles";
-        const std::wstring sIniPath = sModuleDir + L"\\qtx.ini";
-        m_sLogDir = ReadProfileString(L"File Locations", L"Logfiles", sDefault.c_str(), sIniPath.c_str());
+        m_sLogDir = LogFolder(sModuleDir, m_uiOSCode);
         if (!::PathFileExistsW(m_sLogDir.c_str()))
             ::CreateDirectoryW(m_sLogDir.c_str(), nullptr);
     }
@@ -297,12 +292,10 @@ void CTrace::SetTraceLevel(uint32_t uiLevel)
 
 std::wstring CTrace::TraceIniPath()
 {
-    std::wstring sDir;
-    if (m_uiOSCode == OSCODE_WINPE_52)
-        sDir = kRecoveryConfigDir;
-    else
-        GetModuleDirectory(sDir);
-    return sDir + L"\\trace.ini";
+    std::wstring sModuleDir;
+    if (m_uiOSCode != OSCODE_WINPE_52)
+        GetModuleDirectory(sModuleDir);
+    return morvane::TraceIniPath(sModuleDir, m_uiOSCode);
 }
 
 void CTrace::ReadTraceLevel()

@@ -1,8 +1,8 @@
 // Our command-line host, run as a user runs it: its output, report and exit status.
 #include "dll/KeflFixture.h"
-#include "host/LibraryTrace.h"
-#include "host/RestoreDriver.h"
-#include "host/RestoreVerify.h"
+#include "keflhost/LibraryTrace.h"
+#include "keflhost/RestoreFollower.h"
+#include "keflhost/RestoreVerify.h"
 #include "support/Patches.h"
 
 #include <nlohmann/json.hpp>
@@ -247,7 +247,7 @@ TEST_F(HostProgramTest, FindsItsTraceAgainAfterAnotherLoadOfTheLibraryStartedItA
     };
     Load();
     WriteBytes(KeflLogPath(), Failed("E:\\before"));
-    const keflhost::CTraceMark mark = trace.Mark();
+    const keflhost::CTraceMark mark = keflhost::TakeTraceMark(trace.Path());
     WriteBytes(KeflLogPath(), Failed("E:\\before") + Failed("E:\\a"));
     // Each load of the library moves the trace to KEFL_trace.old and starts it anew.
     m_pLibrary.reset();
@@ -283,81 +283,6 @@ TEST(HostVerifyTest, LeavesJunctionsAndSymbolicLinksToTheLinkPass)
     EXPECT_EQ(0u, verification.ullFolders);
     for (const keflhost::CDifference& difference : verification.vDifferences)
         ADD_FAILURE() << testing::PrintToString(difference.sPath + L": " + difference.sWhat);
-}
-
-TEST(HostExitStatusTest, AnErrorOfTheHostsOwnKeepsWhatIsKnownOnceARestoreBegan)
-{
-    // Began, a filespace restored (with a difference found), links failed: the status.
-    for (const auto& [bBegan, bRestored, bDifferences, bLinksFailed, iStatus] :
-         {std::tuple{false, false, false, false, 1}, {true, false, false, false, 2},
-          {true, true, false, true, 2 | 4}, {true, true, true, false, 2 | 8}})
-    {
-        keflhost::CRunRecord record;
-        record.bRestoreBegan = bBegan;
-        if (bRestored)
-            record.vFilespaces.emplace_back().sResult = L"restored";
-        if (bDifferences)
-            record.vFilespaces.back().verification.vDifferences.push_back({L"E:\\a", L"missing"});
-        record.bLinksFailed = bLinksFailed;
-        EXPECT_EQ(iStatus, keflhost::StoppedStatus(record))
-            << bBegan << bRestored << bDifferences << bLinksFailed;
-    }
-}
-
-TEST_F(HostProgramTest, SaysWhenItsRestoreProcessEndsEarlyOrSendsWhatIsNoEvent)
-{
-    // A stand-in restore process sends these bytes and ends with this exit code.
-    const std::string kHello =
-        R"({"event":"hello","protocol":1,"description":"d","version":"1","capabilities":[],"wine":false})"
-        "\n";
-    const std::string kFs = R"({"name":"F","path":"F:\\","mountDir":"","flags":3,"drive":"F","time":null})";
-    const std::string kBegun =
-        kHello + R"({"event":"filespaces","list":[)" + kFs + "]}\n" + R"({"event":"begin","filespace":)" +
-        kFs +
-        R"(,"trace":null})"
-        "\n"
-        R"({"event":"progress","state":7,"title":"","text":"","path":"F:\\","drive":"F",)"
-        R"("bytesDone":2048,"total":4096,"done":3})"
-        "\n";
-    const std::tuple<std::string, const char*, DWORD, const char*> kCases[] = {
-        {kBegun, "0xC0000005", 16 | 2,
-         "cut short while restoring F:, after 3 files and folders and 2.0 KiB of 4.0 KiB: the restore "
-         "process ended early, exit code 0xC0000005: an access violation"},
-        {"", "0xC00000FD", 16 | 1, "exit code 0xC00000FD: a stack overflow"},
-        {kHello + "not an event\n", "0", 16 | 1, "line 2 from the restore process: not a JSON object"},
-        {kHello + R"({"event":"line","te)", "0", 16 | 1, "line 2 from the restore process: cut off"},
-        {kHello + "{\"event\":\"line\"}\n", "0", 16 | 1, "an event keflhost cannot read"},
-        {"{\"event\":\"hello\",\"protocol\":2}\n", "0", 16 | 1,
-         "line 1 from the restore process: not a hello of protocol 1"},
-    };
-    const std::wstring sScript = L"R:\\Host\\stand-in-events.txt";
-    MakeFolders(L"R:\\Host");
-    ::SetEnvironmentVariableW(L"KEFLHOST_RESTORE_PROCESS", (HostDir() + L"\\kefl_test_child.exe").c_str());
-    ::SetEnvironmentVariableW(L"KEFL_TEST_CHILD_SCRIPT", sScript.c_str());
-    for (const auto& [sStream, pszExit, dwStatus, pszSaid] : kCases)
-    {
-        WriteBytes(sScript, sStream);
-        ::SetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", pszExit);
-        const auto [dwExitCode, sOutput] = RunHost(L"--location R:\\Anything --report R:\\Host\\Cut.json");
-        EXPECT_EQ(dwStatus, dwExitCode) << sOutput;
-        EXPECT_NE(std::string::npos, sOutput.find(pszSaid)) << pszSaid << " in:\n" << sOutput;
-        EXPECT_FALSE(ReadReport(L"R:\\Host\\Cut.json").value("cutShort", "").empty()) << pszSaid;
-    }
-    // Ended badly after the link pass (in Fini, as the library unloads): its work is done, not cut short.
-    WriteBytes(sScript, kHello + R"({"event":"links","trace":null})" "\n" R"({"event":"linksDone","recorded":[],"trace":null})" "\n");
-    ::SetEnvironmentVariableA("KEFL_TEST_CHILD_EXIT", "0xC0000005");
-    const auto [dwAfterWork, sAfterWork] = RunHost(L"--location R:\\Anything --report R:\\Host\\Cut.json");
-    EXPECT_EQ(0u, dwAfterWork & 16) << sAfterWork;
-    EXPECT_NE(std::string::npos, sAfterWork.find("ended after its work: exit code 0xC0000005")) << sAfterWork;
-    EXPECT_EQ("", ReadReport(L"R:\\Host\\Cut.json").value("cutShort", ""));
-    // A restore that stops sending progress: said once the stall lasts, and not ended for it.
-    WriteBytes(sScript, kBegun);
-    ::SetEnvironmentVariableA("KEFL_TEST_CHILD_SLEEP", "3000");
-    const auto [dwStalled, sStalled] = RunHost(L"--location R:\\Anything --stall-minutes 0.02");
-    EXPECT_NE(std::string::npos, sStalled.find(" while restoring F:", sStalled.find("no progress for "))) << sStalled;
-    for (const wchar_t* pwszName : {L"KEFLHOST_RESTORE_PROCESS", L"KEFL_TEST_CHILD_SCRIPT", L"KEFL_TEST_CHILD_EXIT",
-                                    L"KEFL_TEST_CHILD_SLEEP"})
-        ::SetEnvironmentVariableW(pwszName, nullptr);
 }
 
 TEST_F(HostProgramTest, ReportsARestoreProcessKilledMidwayAndASecondRunRestoresTheRest)

@@ -1,6 +1,6 @@
 // What the host learns from the library's trace: each failed file, folder, listing and link with
 // the path and Windows error its own lines name, however the lines of threads interleave.
-#include "host/LibraryTrace.h"
+#include "keflhost/LibraryTrace.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The host's progress display, driven with a clock of the test's own: what a person sees on a
 // console and what a log file gets, at what pace.
-#include "host/ProgressDisplay.h"
+#include "keflhost/ProgressDisplay.h"
 
 #include <gtest/gtest.h>
 
@@ -63,44 +63,11 @@ TEST(ProgressDisplayTest, DrawsInPlaceOnAConsoleAndEveryTenSecondsIntoALog)
     }
 }
 
-TEST(ProgressDisplayTest, NeverShowsMoreDoneThanThereIsAndNamesTheLinksThatFailed)
+TEST(ProgressDisplayTest, NeverShowsMoreDoneThanThereIs)
 {
     EXPECT_EQ(L"[####################] 100%  30 B of 30 B  15 B/s  0:02 elapsed",
               CProgressDisplay::Bar(30, 10, 2000));
     EXPECT_EQ(L"[....................]   0%  0 B of 1.0 KiB  0:00 elapsed",
               CProgressDisplay::Bar(0, 1024, 0));
     EXPECT_EQ(L"1:01:01", CProgressDisplay::Duration(3661));
-
-    // The library's link passes: each title, its total and count done; what failed is the host's
-    // to fill in. A failure carried over to a later pass does not make that pass's links failed.
-    CRecordingSink sink(false);
-    CProgressDisplay display(sink, [] { return uint64_t(0); });
-    const struct
-    {
-        const wchar_t* pwszTitle;
-        uint64_t ullTotal;
-        uint32_t uiEnd;
-    } kPasses[] = {{L"Junction Points, Soft-Links & Hard-Links", 3, morvane::PROG_STATE_DONE},
-                   {L"Symbolic Links", 1, morvane::PROG_STATE_DONE},
-                   {L"Restoring Hard-Links", 2, morvane::PROG_STATE_FAILED}};
-    for (const auto& pass : kPasses)
-    {
-        morvane::ProgMsg msg{};
-        msg.sTitle = pass.pwszTitle;
-        msg.ullTotal = pass.ullTotal;
-        msg.uiState = morvane::PROG_STATE_STARTING;
-        display.Show(msg);
-        for (msg.uiState = morvane::PROG_STATE_STEP; msg.ullDone < pass.ullTotal;)
-        {
-            ++msg.ullDone;
-            display.Show(msg);
-        }
-        msg.uiState = pass.uiEnd;
-        display.Show(msg);
-    }
-    EXPECT_TRUE(sink.vLines.empty()) << testing::PrintToString(sink.vLines);
-    EXPECT_TRUE(display.LinksFailed());
-    display.LinkPasses()[2].ullFailed = 2;
-    EXPECT_EQ(L"junctions 3 of 3, symbolic links 1 of 1, hard links 0 of 2 (2 failed)",
-              CProgressDisplay::DescribeLinks(display.LinkPasses()));
 }

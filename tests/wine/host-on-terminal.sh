@@ -46,3 +46,24 @@ status=0
 grep -qF "stopped by the user" "$screen" || { echo "Ctrl+C did not stop the restore"; cat -v "$screen"; exit 1; }
 [ "$status" -eq 18 ] || { echo "Ctrl+C: exit status $status, not 18 (cut short, files not restored)"; exit 1; }
 echo "Ctrl+C stopped the restore, and keflhost said so"
+
+# Two Ctrl+C during --resume --verify: no restore process is left, and the run's setting
+# (KEFL_SkipUnchanged=1, in the restore process's environment) is left in no trace.ini.
+settings() { cat "$env/z/DURN/trace.ini" "$env/x/Program Files/Morvane/DURN/trace.ini" 2>/dev/null || true; }
+before=$(settings)
+status=0
+rm -rf "$env/f/"*
+: >"$screen"
+{
+    until grep -q "Counting objects" "$screen"; do sleep 0.1; done
+    printf '\003'; sleep 0.05; printf '\003'
+    for _ in $(seq 1 100); do grep -q "Script done" "$screen" && break; sleep 0.2; done
+} | script -qfec "exec '$run' '$env/x/Program Files/Morvane/DURN/keflhost.exe' --location 'R:\\TermMany' --resume --verify" \
+    "$screen" >/dev/null || status=$?
+# The second ends keflhost at once (16) unless the first had ended the run already (18).
+[ "$status" -eq 16 ] || [ "$status" -eq 18 ] || { echo "two Ctrl+C: exit status $status"; cat -v "$screen"; exit 1; }
+# A process that has ended but is not yet reaped (Z) is gone as Windows sees it.
+alive=$(ps -eo stat=,args= | awk '$1 !~ /^Z/ && /keflrestore\.exe/ && !/awk/')
+[ -z "$alive" ] || { echo "a restore process outlived keflhost: $alive"; exit 1; }
+[ "$(settings)" = "$before" ] || { echo "trace.ini changed: $(settings)"; exit 1; }
+echo "two Ctrl+C during --resume --verify left no restore process and trace.ini as it was"
