@@ -78,7 +78,7 @@ void CConsoleView::ShowFilespaces(const FilespacesEvent& filespaces)
     }
     Line(L"Filespaces:");
     for (const morvane::Filespace& fs : filespaces.vFilespaces)
-        Line(L"  " + Name(fs) + L"   " + fs.sFsPath + L"   [" + DescribeFlags(fs.dwFsFlags) + L"]   " +
+        Line(L"  " + FilespaceName(fs) + L"   " + fs.sFsPath + L"   [" + DescribeFlags(fs.dwFsFlags) + L"]   " +
              DescribeTime(fs));
 }
 

@@ -62,7 +62,7 @@ void Verify(const std::vector<morvane::Filespace>& vRestored, CConsoleView& view
             break;
         CFilespaceRecord* pEntry = nullptr;
         for (CFilespaceRecord& entry : record.vFilespaces)
-            if (entry.sName == Name(fs) && entry.outcome != FilespaceOutcome::NotInBackup && !entry.bVerified)
+            if (entry.sName == FilespaceName(fs) && entry.outcome != FilespaceOutcome::NotInBackup && !entry.bVerified)
             {
                 pEntry = &entry;
                 break;

@@ -110,7 +110,7 @@ void CRunModel::FilespaceEnded(FilespaceOutcome outcome, const std::optional<CTr
     m_bInFilespace = false;
     const CTraceFindings findings = m_trace.ReadFrom(m_mark, end.value_or(CTraceMark{}));
     CFilespaceRecord& entry = m_record.vFilespaces.emplace_back();
-    entry.sName = Name(m_current);
+    entry.sName = FilespaceName(m_current);
     entry.sPath = m_current.sFsPath;
     entry.outcome = outcome;
     entry.ullFiles = findings.ullFiles;
@@ -155,7 +155,7 @@ std::optional<CStall> CRunModel::CheckStall(uint64_t ullNowMs, uint64_t ullStall
     if (!m_bInFilespace || m_bStallSaid || ullNowMs - m_ullLastProgressMs < ullStallMs)
         return std::nullopt;
     m_bStallSaid = true;
-    return CStall{Name(m_current), (ullNowMs - m_ullLastProgressMs) / 1000, m_trace.ReadFrom(m_mark, {}).sLastNamed};
+    return CStall{FilespaceName(m_current), (ullNowMs - m_ullLastProgressMs) / 1000, m_trace.ReadFrom(m_mark, {}).sLastNamed};
 }
 
 RunEnd CRunModel::End(const CStreamEnd& how, uint64_t ullNowMs)
@@ -185,7 +185,7 @@ void CRunModel::CutShort(const std::wstring& sHow, uint64_t ullNowMs)
 {
     m_record.sCutShort = sHow;
     m_cutShortAt.lastProgress = m_lastProgress;
-    m_cutShortAt.sFilespace = Name(m_current);
+    m_cutShortAt.sFilespace = FilespaceName(m_current);
     if (m_bInFilespace)
     {
         m_cutShortAt.step = CCutShortAt::Step::Filespace;

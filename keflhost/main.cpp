@@ -123,7 +123,7 @@ std::atomic<HANDLE> g_hRestoreJob{nullptr}; // the job of the restore process, w
 
 // Ends the run: the report when asked for, and the exit status. A report that cannot be written
 // is said so on screen; the status still tells what the restore did.
-int Finish(const COptions& options, keflhost::CRunRecord& record, int iStatus)
+int ReportAndExit(const COptions& options, keflhost::CRunRecord& record, int iStatus)
 {
     record.iExitStatus = iStatus;
     if (!options.request.sReportFile.empty())
@@ -219,7 +219,7 @@ int StartAndFollow(const COptions& options, const keflhost::CSessionRequest& ses
 
 // The restore process, with --resume's setting for its run alone: in the environment it inherits,
 // which no crash, kill or Ctrl+C can leave behind for the next restore.
-int RunRestoreProcess(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
+int RunRestoreProcessFor(const COptions& options, const keflhost::CSessionRequest& session, keflhost::CRunRecord& record)
 {
     if (options.request.bResume)
     {
@@ -245,13 +245,13 @@ int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& recor
     session.sPit = options.sPit;
     session.bListOnly = options.request.bListOnly;
     session.vSelected = options.request.vSelected;
-    return Finish(options, record, RunRestoreProcess(options, session, record));
+    return ReportAndExit(options, record, RunRestoreProcessFor(options, session, record));
 }
 
 // An error that ended the run early: nothing could start before the first filespace began; after
 // that, what was not done counts as not restored, with what is known to have failed by then. The
 // report is still written.
-int Stopped(const COptions& options, keflhost::CRunRecord& record, const wchar_t* pwszWhy,
+int StopOnError(const COptions& options, keflhost::CRunRecord& record, const wchar_t* pwszWhy,
             const char* pszWhat = "") noexcept
 {
     const int iStatus = keflhost::StoppedStatus(record);
@@ -261,7 +261,7 @@ int Stopped(const COptions& options, keflhost::CRunRecord& record, const wchar_t
         sWhy.append(pszWhat, pszWhat + std::strlen(pszWhat));
         PrintLine(L"keflhost: stopped by an error: " + sWhy);
         (record.bRestoreBegan ? record.sStopped : record.sNotStarted) = L"stopped by an error: " + sWhy;
-        return Finish(options, record, iStatus);
+        return ReportAndExit(options, record, iStatus);
     }
     catch (...) // no memory left even for the message: the status still says it
     {
@@ -284,14 +284,14 @@ int wmain(int argc, wchar_t** argv)
     }
     catch (const std::bad_alloc&)
     {
-        return Stopped(options, record, L"out of memory");
+        return StopOnError(options, record, L"out of memory");
     }
     catch (const std::exception& e)
     {
-        return Stopped(options, record, L"", e.what());
+        return StopOnError(options, record, L"", e.what());
     }
     catch (...)
     {
-        return Stopped(options, record, L"an unknown exception");
+        return StopOnError(options, record, L"an unknown exception");
     }
 }

@@ -111,7 +111,7 @@ void RestoreAll(morvane::VESK& client, std::vector<morvane::Filespace>& vFilespa
         events.Send(BeginEvent{fs, MarkNow()});
         const bool bRestored = client.RestoreFilespace(fs);
         const std::wstring sError = bRestored ? std::wstring() : LastError(client);
-        events.Send(RestoredEvent{Name(fs), bRestored, sError, MarkNow()});
+        events.Send(RestoredEvent{FilespaceName(fs), bRestored, sError, MarkNow()});
     }
     for (const std::wstring& sWanted : request.vSelected)
         if (std::none_of(vFilespaces.begin(), vFilespaces.end(),

@@ -7,7 +7,7 @@
 namespace keflhost
 {
 
-std::wstring Name(const morvane::Filespace& fs)
+std::wstring FilespaceName(const morvane::Filespace& fs)
 {
     return (fs.dwFsFlags & morvane::kFsFlagMountPoint) ? fs.sFsMountDir : std::wstring(1, fs.wcFsDriveLetter) + L":";
 }

@@ -10,7 +10,7 @@ namespace keflhost
 {
 
 // "E:" or the mount point's folder.
-std::wstring Name(const morvane::Filespace& fs);
+std::wstring FilespaceName(const morvane::Filespace& fs);
 // vSelected: drive letters ("C", "C:") or mount-point folders; empty selects all.
 bool IsSelected(const morvane::Filespace& fs, const std::vector<std::wstring>& vSelected);
 // Where a filespace's files are in the backup, as the restore takes them, and where they go.
