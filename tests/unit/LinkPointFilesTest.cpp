@@ -7,7 +7,9 @@
 
 // While not zero, larger allocations fail on this thread: memory running out inside a reader.
 thread_local size_t t_cbAllocationLimit = 0;
-void* operator new(std::size_t cb) // freed by the library's operator delete, with free()
+// Never inlined: an optimiser that saw malloc inside would take the runtime's operator delete,
+// which frees with free(), for a mismatched pair.
+[[gnu::noinline]] void* operator new(std::size_t cb) // freed by the runtime's operator delete, with free()
 {
     if (void* p = t_cbAllocationLimit == 0 || cb <= t_cbAllocationLimit ? std::malloc(cb) : nullptr)
         return p;
