@@ -4,6 +4,7 @@
 // administrator watches, the progress, the list of failures and the report survive whatever the
 // library does (its console set-up, a crash, a kill), and Ctrl+C stops the restore and still
 // leaves the report.
+#include "keflhost/FileVersions.h"
 #include "keflhost/HostOutput.h"
 #include "keflhost/RestoreFollower.h"
 #include "keflhost/RestoreReport.h"
@@ -27,7 +28,7 @@ namespace
 {
 
 const wchar_t kUsage[] =
-    L"usage: keflhost [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
+    L"usage: keflhost --version | [--answer-file FILE | --location FOLDER [--pit \"dd/mm/yyyy hh:mm:ss\"]]\n"
     L"                [--list | --restore C,D,C:\\Mount\\Data] [--verify] [--report FILE]\n"
     L"                [--stall-minutes N] [--resume]\n"
     L"Starts its restore process, which loads KEFL.dll from this program's folder, and prints the\n"
@@ -37,6 +38,7 @@ const wchar_t kUsage[] =
     L"mount-point folders), then makes the links; --list stops after the list. Messages of the client\n"
     L"are shown as [info], [warning] or [error]; every file, folder and link that could not be\n"
     L"restored is listed with its error. Ctrl+C stops the restore (a second one ends keflhost at once).\n"
+    L"  --version          prints the version of keflhost, keflrestore.exe and KEFL.dll beside it\n"
     L"  --verify           afterwards compares every restored file with its copy in the backup\n"
     L"  --report FILE      writes what was done, failed and verified as JSON\n"
     L"  --stall-minutes N  says so when no progress came for N minutes (10 by default)\n"
@@ -55,6 +57,7 @@ struct COptions
     std::wstring sPit;
     keflhost::CRestoreRequest request;
     bool bHelp = false;
+    bool bVersion = false;
 };
 
 std::vector<std::wstring> SplitList(const std::wstring& sList)
@@ -84,6 +87,8 @@ bool ParseOptions(int argc, wchar_t** argv, COptions& options)
         const bool bHasValue = i + 1 < argc;
         if (sArg == L"--help" || sArg == L"-h")
             options.bHelp = true;
+        else if (sArg == L"--version")
+            options.bVersion = true;
         else if (sArg == L"--answer-file" && bHasValue)
             options.sAnsFile = argv[++i];
         else if (sArg == L"--location" && bHasValue)
@@ -133,19 +138,21 @@ int ReportAndExit(const COptions& options, keflhost::CRunRecord& record, int iSt
     return iStatus;
 }
 
-// Where the restore process is: beside keflhost; a test may name a stand-in of its own.
-std::wstring RestoreProgram()
+// keflhost's own folder, where its restore process and the library are.
+std::wstring ProgramFolder()
 {
-    wchar_t wszOverride[MAX_PATH] = {};
-    if (::GetEnvironmentVariableW(L"KEFLHOST_RESTORE_PROCESS", wszOverride, MAX_PATH) - 1 < MAX_PATH - 1)
-        return wszOverride;
     std::wstring sModule;
     DWORD dwLastError = 0;
     if (!morvane::GetModulePath(nullptr, sModule, dwLastError) || sModule.rfind(L'\\') == std::wstring::npos)
-        return L"keflrestore.exe";
-    return sModule.substr(0, sModule.rfind(L'\\') + 1) + L"keflrestore.exe";
+        return L".";
+    return sModule.substr(0, sModule.rfind(L'\\'));
 }
 
+// Where the restore process is: beside keflhost.
+std::wstring RestoreProgram()
+{
+    return ProgramFolder() + L"\\keflrestore.exe";
+}
 
 // The user's Ctrl+C, Ctrl+Break or closing of the console window.
 BOOL WINAPI OnConsoleControl(DWORD dwType)
@@ -234,7 +241,13 @@ int RunRestoreProcessFor(const COptions& options, const keflhost::CSessionReques
 
 int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& record)
 {
-    if (!ParseOptions(argc, argv, options) || options.bHelp)
+    const bool bParsed = ParseOptions(argc, argv, options);
+    if (bParsed && options.bVersion)
+    {
+        PrintLine(keflhost::DescribeVersions(ProgramFolder()));
+        return keflhost::kExitOk;
+    }
+    if (!bParsed || options.bHelp)
     {
         PrintLine(kUsage);
         return options.bHelp ? keflhost::kExitOk : keflhost::kExitNotStarted;

@@ -3,10 +3,10 @@
 #include "VESK.h"
 #include "VeskCredentials.h"
 #include "keflrestore/SessionCredentials.h"
+#include "keflrestore/WineSupport.h"
 #include "platform/ErrorText.h"
 #include "platform/UniqueHandle.h"
 #include "protocol/Filespaces.h"
-#include "winecompat/WineStandIns.h"
 
 #include <algorithm>
 #include <optional>
@@ -102,7 +102,7 @@ CCredentialsPtr MakeCredentials(const CSessionRequest& request, morvane::Credent
 
 // The restores of the filespaces asked for, then the links.
 void RestoreAll(morvane::VESK& client, std::vector<morvane::Filespace>& vFilespaces, const CSessionRequest& request,
-                const CEventSender& events)
+                const CWineSupport& wine, const CEventSender& events)
 {
     for (morvane::Filespace& fs : vFilespaces)
     {
@@ -123,14 +123,13 @@ void RestoreAll(morvane::VESK& client, std::vector<morvane::Filespace>& vFilespa
     client.RestoreLinks();
     LinksDoneEvent linksDone;
     linksDone.trace = MarkNow();
-    for (const winecompat::CRecordedLink& link : winecompat::CLinkPatches::RecordedLinks())
-        linksDone.vRecorded.push_back({link.sKind, link.sLink, link.sTarget});
+    linksDone.vRecorded = wine.RecordedLinks();
     events.Send(linksDone);
 }
 
 // From the credentials to Fini.
 void RunWithCredentials(morvane::VESK& client, morvane::VeskCredentials& credentials,
-                        const CSessionRequest& request, const CEventSender& events)
+                        const CSessionRequest& request, const CWineSupport& wine, const CEventSender& events)
 {
     const std::optional<CTraceMark> sessionMark = MarkNow();
     std::vector<morvane::Filespace> vFilespaces;
@@ -145,7 +144,7 @@ void RunWithCredentials(morvane::VESK& client, morvane::VeskCredentials& credent
     }
     events.Send(FilespacesEvent{vFilespaces});
     if (!request.bListOnly && !vFilespaces.empty())
-        RestoreAll(client, vFilespaces, request, events);
+        RestoreAll(client, vFilespaces, request, wine, events);
     client.Fini();
 }
 
@@ -163,15 +162,13 @@ int RunSession(const CSessionRequest& request, const CEventSender& events)
     const auto pfnCredentialsFactory = Export<morvane::CredentialsFactoryFn>(hKefl.get(), "CredentialsFactory");
     if (!pfnFactory || !pfnCredentialsFactory)
         return NotLoaded(L"KEFL.dll does not export Factory and CredentialsFactory", events);
-    // Under Wine only: the Windows answers that Wine 8 lacks (volume paths, the network provider,
-    // backup streams, a usable console), so that a whole restore runs as it would on Windows.
-    const winecompat::CWineStandIns wineStandIns(hKefl.get());
+    const CWineSupport wine(hKefl.get());
     CVeskPtr pClient(pfnFactory());
     if (!pClient)
         return NotLoaded(L"KEFL.dll's Factory made no client", events);
     pClient->SetLogMsgCallbackFn(&SendMessage, reinterpret_cast<uintptr_t>(&events));
     pClient->SetProgMsgCallbackFn(&SendProgress, reinterpret_cast<uintptr_t>(&events));
-    SendHello(*pClient, wineStandIns.IsActive(), events);
+    SendHello(*pClient, wine.IsActive(), events);
     if (!request.sAnsFile.empty() || !request.sLocation.empty())
     {
         CCredentialsPtr pCredentials = MakeCredentials(request, pfnCredentialsFactory, events);
@@ -184,7 +181,7 @@ int RunSession(const CSessionRequest& request, const CEventSender& events)
             PrintCredentials(*pCredentials, sLocation, sPointInTime, events);
             events.Send(CredentialsEvent{sLocation, sPointInTime});
             pCredentials->Check();
-            RunWithCredentials(*pClient, *pCredentials, request, events);
+            RunWithCredentials(*pClient, *pCredentials, request, wine, events);
         }
     }
     events.Send(EndEvent{});

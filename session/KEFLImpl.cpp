@@ -43,6 +43,8 @@ KEFLImpl::KEFLImpl()
     m_sDescription = BuildModuleDescription();
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sVersion", m_sVersion);
     g_KeflTrace.TraceValue(TRACE_INFO, kFn, L"sDescription", m_sDescription);
+    // Support staff see which build wrote a trace at the top of each client's lines.
+    g_KeflTrace.TraceBanner(L"KEFL.DLL " + m_sVersion);
 }
 
 KEFLImpl::~KEFLImpl()

@@ -22,6 +22,11 @@ struct CTraceLine
 };
 // Splits a line with a prefix; nothing when the line does not have the prefix's form.
 std::optional<CTraceLine> ParseTraceLine(const std::wstring& sLine);
+// A line of the banner that each client writes as it is made (its version, boxed in stars).
+inline bool IsBannerLine(const std::wstring& sLine)
+{
+    return sLine.empty() || sLine.starts_with(L"**");
+}
 
 // The texts (after the marker) of the lines with the given marker, in order.
 std::vector<std::wstring> TextsWithMarker(const std::vector<std::wstring>& vLines,
