@@ -1,6 +1,7 @@
 #include "keflhost/FileVersions.h"
 
 #include "KeflBuildVersion.h"
+#include "platform/FormatText.h"
 
 #include <windows.h>
 
@@ -33,8 +34,9 @@ std::wstring ProductVersionOf(const std::wstring& sPath)
         cbTranslation < sizeof(CTranslation))
         return L"";
     wchar_t wszBlock[64];
-    ::swprintf(wszBlock, 64, L"\\StringFileInfo\\%04x%04x\\ProductVersion", pTranslation->wLanguage,
-               pTranslation->wCodePage);
+    (void)morvane::FormatInto(wszBlock, L"\\StringFileInfo\\%04x%04x\\ProductVersion", pTranslation->wLanguage,
+                              pTranslation->wCodePage); // 40 characters
+
     wchar_t* pwszValue = nullptr;
     UINT cchValue = 0;
     if (!::VerQueryValueW(vInfo.data(), wszBlock, reinterpret_cast<void**>(&pwszValue), &cchValue) || !pwszValue)

@@ -136,14 +136,16 @@ protected:
             WriteBytes(kSourceE + pwszBehindLink, "behind a link");
     }
     // Drive E: restored with that many files in flight (1: one at a time on the calling thread), and
-    // KEFL_SkipUnchanged and KEFL_CheckpointMB as given.
+    // KEFL_SkipUnchanged and KEFL_CheckpointMB as given. No checkpoint comes by the clock: a slow
+    // machine's restore must flush as often as a fast one's.
     bool RestoreE(const wchar_t* pwszThreads, const wchar_t* pwszSkipUnchanged = L"0",
                   const wchar_t* pwszCheckpointMB = L"1024")
     {
         auto traceIni = Verbose();
         traceIni.insert({{L"KEFL_RestoreThreads", pwszThreads},
                          {L"KEFL_SkipUnchanged", pwszSkipUnchanged},
-                         {L"KEFL_CheckpointMB", pwszCheckpointMB}});
+                         {L"KEFL_CheckpointMB", pwszCheckpointMB},
+                         {L"KEFL_CheckpointSeconds", L"86400"}});
         WriteTraceIni(traceIni);
         morvane::Filespace fs{};
         fs.sFsPath = L"E:\\";
