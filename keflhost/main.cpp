@@ -138,20 +138,10 @@ int ReportAndExit(const COptions& options, keflhost::CRunRecord& record, int iSt
     return iStatus;
 }
 
-// keflhost's own folder, where its restore process and the library are.
-std::wstring ProgramFolder()
-{
-    std::wstring sModule;
-    DWORD dwLastError = 0;
-    if (!morvane::GetModulePath(nullptr, sModule, dwLastError) || sModule.rfind(L'\\') == std::wstring::npos)
-        return L".";
-    return sModule.substr(0, sModule.rfind(L'\\'));
-}
-
 // Where the restore process is: beside keflhost.
 std::wstring RestoreProgram()
 {
-    return ProgramFolder() + L"\\keflrestore.exe";
+    return morvane::ProgramFolder() + L"\\keflrestore.exe";
 }
 
 // The user's Ctrl+C, Ctrl+Break or closing of the console window.
@@ -244,7 +234,7 @@ int Run(int argc, wchar_t** argv, COptions& options, keflhost::CRunRecord& recor
     const bool bParsed = ParseOptions(argc, argv, options);
     if (bParsed && options.bVersion)
     {
-        PrintLine(keflhost::DescribeVersions(ProgramFolder()));
+        PrintLine(keflhost::DescribeVersions(morvane::ProgramFolder()));
         return keflhost::kExitOk;
     }
     if (!bParsed || options.bHelp)

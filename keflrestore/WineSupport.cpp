@@ -20,11 +20,7 @@ std::wstring KeflWinePath()
     const DWORD cch = ::GetEnvironmentVariableW(L"KEFL_WINE_STAND_INS", wszPath, MAX_PATH);
     if (cch > 0 && cch < MAX_PATH)
         return wszPath;
-    std::wstring sModule;
-    DWORD dwLastError = 0;
-    if (!morvane::GetModulePath(nullptr, sModule, dwLastError) || sModule.rfind(L'\\') == std::wstring::npos)
-        return L"keflwine.dll";
-    return sModule.substr(0, sModule.rfind(L'\\') + 1) + L"keflwine.dll";
+    return morvane::ProgramFolder() + L"\\keflwine.dll";
 }
 
 template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)

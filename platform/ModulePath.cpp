@@ -30,4 +30,13 @@ bool GetModulePath(HMODULE hModule, std::wstring& sPath, DWORD& dwLastError)
     }
 }
 
+std::wstring ProgramFolder()
+{
+    std::wstring sProgram;
+    DWORD dwLastError = 0;
+    if (!GetModulePath(nullptr, sProgram, dwLastError) || sProgram.rfind(L'\\') == std::wstring::npos)
+        return L".";
+    return sProgram.substr(0, sProgram.rfind(L'\\'));
+}
+
 } // namespace morvane

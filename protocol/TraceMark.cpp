@@ -28,13 +28,7 @@ std::string Head(HANDLE hTrace, DWORD cb)
 
 std::wstring LibraryTracePath()
 {
-    std::wstring sModule;
-    DWORD dwLastError = 0;
-    const std::wstring sDir =
-        morvane::GetModulePath(nullptr, sModule, dwLastError) && sModule.rfind(L'\\') != std::wstring::npos
-            ? sModule.substr(0, sModule.rfind(L'\\'))
-            : L".";
-    return morvane::TraceLogFolder(sDir) + L"\\" + morvane::kClientTraceFileName;
+    return morvane::TraceLogFolder(morvane::ProgramFolder()) + L"\\" + morvane::kClientTraceFileName;
 }
 
 std::wstring PreviousTracePath(const std::wstring& sPath)
