@@ -66,7 +66,16 @@ std::wstring WhyIncomplete(const CTraceFindings& findings, const std::wstring& s
 // as a file is read.
 CTraceFindings ParseTrace(std::string_view sUtf8, size_t cbPiece = 65536);
 
-class CLibraryTrace
+// How the run model reads the trace; a test answers for it with what a trace would say.
+class ITraceReading
+{
+public:
+    virtual ~ITraceReading() = default;
+    // The lines written from the mark on, up to end when it is given.
+    virtual CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end) const = 0;
+};
+
+class CLibraryTrace final : public ITraceReading
 {
 public:
     CLibraryTrace();
@@ -76,7 +85,8 @@ public:
     // The lines written since the mark (up to end, when given: a step's lines, not the next
     // one's): when the file was started anew since, the rest of the previous generation first,
     // then the new file from its start.
-    CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end = {}) const;
+    CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end) const override;
+    CTraceFindings ReadFrom(const CTraceMark& mark) const { return ReadFrom(mark, {}); }
 
 private:
     std::wstring m_sPath;

@@ -11,20 +11,6 @@ namespace
 // How often keflhost looks at the clock while the restore process says nothing.
 constexpr DWORD kWaitMs = 250;
 
-// The library's trace as the restore process marked it.
-class CTraceFile final : public ITraceReading
-{
-public:
-    CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end) const override
-    {
-        return m_trace.ReadFrom(mark, end);
-    }
-    const std::wstring& Path() const { return m_trace.Path(); }
-
-private:
-    const CLibraryTrace m_trace;
-};
-
 // The events to the stream's end, each applied and shown as it comes; the user's Ctrl+C ends the
 // restore process, whose stream then ends too.
 void FollowEvents(CRestoreProcess& process, const CRestoreRequest& request, const std::atomic<bool>& bStop,
@@ -84,7 +70,7 @@ void Verify(const std::vector<morvane::Filespace>& vRestored, CConsoleView& view
 int FollowRestore(CRestoreProcess& process, const CRestoreRequest& request, const std::atomic<bool>& bStop,
                   CConsoleView& view, CRunRecord& record)
 {
-    const CTraceFile trace;
+    const CLibraryTrace trace;
     CRunModel model(record, trace);
     FollowEvents(process, request, bStop, model, view);
     if (!process.ProtocolError().empty() && !model.SawEnd())

@@ -16,14 +16,6 @@
 namespace keflhost
 {
 
-class ITraceReading
-{
-public:
-    virtual ~ITraceReading() = default;
-    // The lines written from the mark on, up to end when it is given.
-    virtual CTraceFindings ReadFrom(const CTraceMark& mark, const CTraceMark& end) const = 0;
-};
-
 // No progress for a while during a filespace's restore.
 struct CStall
 {

@@ -1,17 +1,12 @@
 #include "keflrestore/WineSupport.h"
 
 #include "platform/ModulePath.h"
+#include "platform/WindowsVersion.h"
 
 namespace keflhost
 {
 namespace
 {
-
-bool IsWine()
-{
-    const HMODULE hNtdll = ::GetModuleHandleW(L"ntdll.dll");
-    return hNtdll && ::GetProcAddress(hNtdll, "wine_get_version") != nullptr;
-}
 
 // Where keflwine.dll is looked for: the environment's KEFL_WINE_STAND_INS, else beside this program.
 std::wstring KeflWinePath()
@@ -32,7 +27,7 @@ template <typename Fn> Fn Export(HMODULE hModule, const char* pszName)
 
 CWineSupport::CWineSupport(HMODULE hKefl)
 {
-    if (!IsWine())
+    if (!morvane::RunsUnderWine())
         return;
     m_hKeflWine.reset(::LoadLibraryW(KeflWinePath().c_str()));
     if (!m_hKeflWine)

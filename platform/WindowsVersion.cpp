@@ -73,4 +73,10 @@ const CWindowsVersion& CWindowsVersion::Instance()
     return probe;
 }
 
+bool RunsUnderWine()
+{
+    const HMODULE hNtdll = ::GetModuleHandleW(L"ntdll.dll");
+    return hNtdll && ::GetProcAddress(hNtdll, "wine_get_version") != nullptr;
+}
+
 } // namespace morvane

@@ -42,4 +42,7 @@ private:
     uint32_t m_uiCode = OSCODE_UNKNOWN;
 };
 
+// Whether the process runs under Wine, whose ntdll exports wine_get_version and Windows' does not.
+bool RunsUnderWine();
+
 } // namespace morvane

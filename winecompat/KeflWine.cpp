@@ -1,15 +1,22 @@
 // keflwine.dll's exports (KeflWine.h) over the stand-ins.
 #include "winecompat/KeflWine.h"
 
+#include "platform/WindowsVersion.h"
 #include "winecompat/WineStandIns.h"
-
-#include <new>
 
 extern "C" __declspec(dllexport) void* KeflWineInstall(HMODULE hKefl)
 {
-    if (!winecompat::IsWine())
+    if (!morvane::RunsUnderWine())
         return nullptr;
-    return new (std::nothrow) winecompat::CWineStandIns(hKefl);
+    // Nothing may leave through this C boundary: without its stand-ins the restore runs as on Windows.
+    try
+    {
+        return new winecompat::CWineStandIns(hKefl);
+    }
+    catch (...)
+    {
+        return nullptr;
+    }
 }
 
 extern "C" __declspec(dllexport) void KeflWineRemove(void* pStandIns)

@@ -1,6 +1,7 @@
 #include "winecompat/WineStandIns.h"
 
 #include "platform/UniqueHandle.h"
+#include "platform/WindowsVersion.h"
 
 namespace winecompat
 {
@@ -20,15 +21,9 @@ void MakeConsoleUsable()
 
 } // namespace
 
-bool IsWine()
-{
-    HMODULE hNtdll = ::GetModuleHandleW(L"ntdll.dll");
-    return hNtdll && ::GetProcAddress(hNtdll, "wine_get_version") != nullptr;
-}
-
 CWineStandIns::CWineStandIns(HMODULE hModule)
 {
-    if (!IsWine())
+    if (!morvane::RunsUnderWine())
         return;
     m_pLocation = std::make_unique<CLocationPatches>(hModule);
     m_pStreams = std::make_unique<CBackupStreamPatches>(hModule);

@@ -15,9 +15,6 @@
 namespace winecompat
 {
 
-// Wine's ntdll exports wine_get_version; Windows' does not.
-bool IsWine();
-
 class CWineStandIns
 {
 public:
