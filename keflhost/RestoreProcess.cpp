@@ -79,7 +79,8 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
     HANDLE hWrite = nullptr;
     if (!::CreatePipe(&hRead, &hWrite, &sa, 0))
     {
-        sError = L"cannot make the pipe for the restore process: " + morvane::ErrorText(::GetLastError());
+        const DWORD dwLastError = ::GetLastError();
+        sError = L"cannot make the pipe for the restore process: " + morvane::ErrorText(dwLastError);
         return false;
     }
     m_hEvents.reset(hRead);
@@ -89,7 +90,8 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
     m_hJob = KillOnCloseJob();
     if (!m_hJob)
     {
-        sError = L"cannot make the job that ends the restore process with keflhost: " + morvane::ErrorText(::GetLastError());
+        const DWORD dwLastError = ::GetLastError();
+        sError = L"cannot make the job that ends the restore process with keflhost: " + morvane::ErrorText(dwLastError);
         return false;
     }
     // The pipe's end and NUL, and nothing else keflhost holds, reach the restore process.
@@ -103,7 +105,8 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
     si.lpAttributeList = inherited.List();
     if (!si.lpAttributeList)
     {
-        sError = L"cannot name the handles the restore process inherits: " + morvane::ErrorText(::GetLastError());
+        const DWORD dwLastError = ::GetLastError();
+        sError = L"cannot name the handles the restore process inherits: " + morvane::ErrorText(dwLastError);
         return false;
     }
     std::wstring sCommand = L"\"" + sProgram + L"\"" + sArguments;
@@ -115,7 +118,8 @@ bool CRestoreProcess::Start(const std::wstring& sProgram, const std::wstring& sA
                           CREATE_NO_WINDOW | CREATE_NEW_PROCESS_GROUP | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT,
                           nullptr, nullptr, &si.StartupInfo, pi.put()))
     {
-        sError = L"cannot start " + sProgram + L": " + morvane::ErrorText(::GetLastError());
+        const DWORD dwLastError = ::GetLastError();
+        sError = L"cannot start " + sProgram + L": " + morvane::ErrorText(dwLastError);
         return false;
     }
     if (!::AssignProcessToJobObject(m_hJob.get(), pi.get().hProcess))

@@ -108,7 +108,10 @@ std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uin
                std::to_wstring(liDstSize.QuadPart) + L" restored";
     morvane::CUniqueFile hSrc = OpenForReading(sSrc);
     if (!hSrc)
-        return L"backup copy not readable: " + morvane::ErrorText(::GetLastError());
+    {
+        const DWORD dwLastError = ::GetLastError();
+        return L"backup copy not readable: " + morvane::ErrorText(dwLastError);
+    }
     BYTE* const pSrc = pBuffer;
     BYTE* const pDst = pBuffer + kHalfBytes;
     for (uint64_t ullOffset = 0;;)
@@ -116,9 +119,15 @@ std::wstring CompareFile(const std::wstring& sSrc, const std::wstring& sDst, uin
         DWORD cbSrc = 0;
         DWORD cbDst = 0;
         if (!ReadFull(hSrc.get(), pSrc, kHalfBytes, cbSrc))
-            return L"backup copy not readable: " + morvane::ErrorText(::GetLastError());
+        {
+            const DWORD dwLastError = ::GetLastError();
+            return L"backup copy not readable: " + morvane::ErrorText(dwLastError);
+        }
         if (!ReadFull(hDst.get(), pDst, kHalfBytes, cbDst))
-            return L"not readable: " + morvane::ErrorText(::GetLastError());
+        {
+            const DWORD dwLastError = ::GetLastError();
+            return L"not readable: " + morvane::ErrorText(dwLastError);
+        }
         const DWORD cbCommon = std::min(cbSrc, cbDst);
         if (std::memcmp(pSrc, pDst, cbCommon) != 0 || cbSrc != cbDst)
         {
